@@ -1,0 +1,139 @@
+#include "QxCContainer.h"
+
+#include "QxCScannerBoardHw.h"
+#include "QxCWriteThroughCacheGuard.h"
+#include "QxNContainerPaths.h"
+#include "support/ErrorListScope.h"
+#include "support/Log.h"
+
+#include <csignal>
+#include <sys/wait.h>
+
+namespace QxNContainer {
+
+namespace {
+
+/// Ends a Podman service that the caller has claimed; ids that are none are passed over.
+void Terminate(pid_t service, const char* label) {
+    if (service <= 0) {
+        return;
+    }
+    QxCRTE_LOG_Impl(RteLogLevel::Info, "Quolex Container Utils: Shutting down %s Podman service...", label);
+    kill(service, SIGTERM);
+}
+
+/// Collects a service that has ended and that the monitor thread did not get to see.
+void ReapIfEnded(pid_t service) {
+    if (service > 0) {
+        waitpid(service, nullptr, WNOHANG);
+    }
+}
+
+}  // namespace
+
+QxCContainer& QxCContainer::GetInstance() {
+    static QxCContainer instance;
+    return instance;
+}
+
+QxCContainer::QxCContainer()
+    : _settings(QxCCTESettings::GetInstance()),
+      _composeHandler(QxNContainerPaths::COMPOSE_FILES_PATH),
+      _pluginHandler(QxNContainerPaths::PLUGINS_DIR, QxNContainerPaths::PLUGIN_CONFIG_FILE),
+      _sessionMutex(nullptr) {}
+
+QxCContainer::~QxCContainer() = default;
+
+bool QxCContainer::init() {
+    QxCRTE_LOG_Impl(RteLogLevel::Info, "Quolex Container Utils: Container runtime initializing...");
+    if (!IsContainerSystem()) {
+        return false;
+    }
+    if (!MountFwFile()) {
+        QX_LOG_IF_ENABLED(RteLogLevel::Debug, "Quolex Container Utils: Failed to mount firmware file");
+        return false;
+    }
+    SymlinkContainerTools();
+    ConfigureDockerHost();
+    _pluginHandler.loadPlugins();
+    if (!AssignCpuCores()) {
+        QxCRTE_LOG_Impl(RteLogLevel::Error,
+                        "Quolex Container Utils: Failed to assign CPU cores for container runtime");
+        return false;
+    }
+    _settings->setState(ContainerServiceState::Initialized);
+    QxCRTE_LOG_Impl(RteLogLevel::Info, "Quolex Container Utils: Initialization finished successfully.");
+    return true;
+}
+
+bool QxCContainer::Start() {
+    _stopRequested = false;
+    QxCErrorListPool* errors = QxNSupport::ErrorManager().getMasterErrorList();
+    if (!QxNRtosAbstraction::createThread(errors, &_monitorThread, 1, 5, "PodmanServiceMonitor", ThreadHandler, this,
+                                          0)) {
+        QxCRTE_LOG_Impl(RteLogLevel::Error, "Quolex Container Utils: Failed to create Podman monitor thread");
+        _settings->setState(ContainerServiceState::Failed);
+        return false;
+    }
+    _settings->setState(ContainerServiceState::Running);
+    return true;
+}
+
+bool QxCContainer::Stop() {
+    _stopRequested = true;
+    QxCScannerBoardHw::setContainerRteCoresCount(0);
+
+    const pid_t unixService = s_UnixPodmanPid.exchange(-1);
+    Terminate(unixService, "Unix");
+    const pid_t tcpService = s_TcpPodmanPid.exchange(-1);
+    Terminate(tcpService, "TCP");
+
+    if (_monitorThread != 0) {
+        StopAllContainers();
+        QxNRtosAbstraction::joinThread(_monitorThread, nullptr, -1);
+        _monitorThread = 0;
+    }
+    ReapIfEnded(unixService);
+    ReapIfEnded(tcpService);
+
+    _settings->setState(ContainerServiceState::Stopped);
+    QxCWriteThroughCacheGuard::ForceRestoreWriteBackMode();
+    return true;
+}
+
+bool QxCContainer::IsContainerSystem() {
+    if (!_settings->getEnabled(true)) {
+        return false;
+    }
+    if (HasValidUserStorage(nullptr)) {
+        return true;
+    }
+    _settings->setEnabled(false);
+    return false;
+}
+
+bool QxCContainer::EnableContainerService() {
+    QX_LOG_IF_ENABLED(RteLogLevel::Debug, "Quolex Container Utils: Enabling container service.");
+    return _settings->setEnabled(true);
+}
+
+bool QxCContainer::DisableContainerService() {
+    QX_LOG_IF_ENABLED(RteLogLevel::Debug, "Quolex Container Utils: Disabling container service.");
+    return _settings->setEnabled(false);
+}
+
+bool QxCContainer::IsContainerServiceEnabled(bool reread) const { return _settings->getEnabled(reread); }
+
+int QxCContainer::GetContainerServiceStatus(bool reread) const { return _settings->getState(reread); }
+
+QxCCTESettings::QxSUserSettings QxCContainer::GetContainerServiceUserSettings() const {
+    return _settings->getServiceUserSettings(false);
+}
+
+bool QxCContainer::SetContainerServiceUserSettings(const QxCCTESettings::QxSUserSettings& settings) {
+    return _settings->setServiceUserSettings(settings);
+}
+
+unsigned int QxCContainer::GetMaxAllowedCpuCoreCount() const { return _settings->getMaxCpuCoreCount(); }
+
+}  // namespace QxNContainer
