@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -41,7 +42,13 @@ public:
 
     /// Parses everything that is left in a file stream; malformed text or an unreadable stream gives an
     /// invalid value.
-    static json parse(std::ifstream& stream) { return Base::parse(stream, nullptr, false); }
+    static json parse(std::ifstream& stream) {
+        // Through an inserter: it keeps a read error, such as that of a directory, from becoming an
+        // exception.
+        std::ostringstream text;
+        text << stream.rdbuf();
+        return parse(text.fail() ? std::string() : text.str());
+    }
 
     /// @return whether this is the result of a failed parse
     bool is_invalid() const noexcept { return is_discarded(); }

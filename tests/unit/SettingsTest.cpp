@@ -2,8 +2,8 @@
 #include "QxCCTESettings.h"
 #include "QxCErrorManager.h"
 
-#include <fstream>
 #include <gmock/gmock.h>
+#include <fstream>
 
 using Recording::TheScript;
 using testing::Contains;
@@ -13,8 +13,9 @@ using testing::Not;
 
 namespace {
 
-constexpr const char* ParsePrefix = "[DEBUG_VERBOSE] Quolex Container Service: Parsed settings from "
-                                    "'/mnt/cfdrive/containers/container_rte_settings.json': ";
+constexpr const char* ParsePrefix =
+    "[DEBUG_VERBOSE] Quolex Container Service: Parsed settings from "
+    "'/mnt/cfdrive/containers/container_rte_settings.json': ";
 
 std::string SettingsText(const char* enabled, unsigned port, unsigned cores, int state, unsigned max) {
     return std::string("{\n    \"enabled\": ") + enabled + ",\n    \"tcp_port\": " + std::to_string(port) +
@@ -43,9 +44,10 @@ TEST(Settings, AMissingFileIsADebugLine) {
 
     QxCCTESettings::GetInstance();
 
-    EXPECT_THAT(Recording::Logs(),
-                ElementsAre("[DEBUG] Quolex Container Service: Settings file "
-                            "'/mnt/cfdrive/containers/container_rte_settings.json' not found, using defaults"));
+    EXPECT_THAT(
+        Recording::Logs(),
+        ElementsAre("[DEBUG] Quolex Container Service: Settings file "
+                    "'/mnt/cfdrive/containers/container_rte_settings.json' not found, using defaults"));
 }
 
 TEST(Settings, LoadKeepsTheUsersChoicesAndResetsTheState) {
@@ -144,6 +146,19 @@ INSTANTIATE_TEST_SUITE_P(Texts, SettingsBadText,
                          testing::Values("", "{", "{\"enabled\": false", "not json", "{\"enabled\": false} x",
                                          std::string("{\"a\": \"\xff\"}"), std::string(20000, '[')));
 
+TEST(Settings, ADirectoryInTheFilesPlaceIsAWarningAndAWriteError) {
+    std::filesystem::create_directories(Board::SETTINGS_FILE);
+
+    EXPECT_FALSE(QxCCTESettings::GetInstance()->setEnabled(true));
+
+    EXPECT_EQ(Recording::Logs().front(),
+              "[WARNING] Quolex Container Service: QxCCTESettings::Read: failed to parse "
+              "'/mnt/cfdrive/containers/container_rte_settings.json', using defaults");
+    EXPECT_EQ(Recording::Logs().back(),
+              "[ERROR] Quolex Container Service: QxCCTESettings::Write: cannot open "
+              "'/mnt/cfdrive/containers/container_rte_settings.json' for writing");
+}
+
 TEST(Settings, AFileThatIsNoObjectChangesNothing) {
     Board::WriteSettings("[true, 1, 2]");
 
@@ -158,7 +173,8 @@ TEST(Settings, AFileThatCannotBeOpenedIsAWarning) {
     // A socket exists and cannot be opened, not even by root.
     std::filesystem::create_directories("/mnt/cfdrive/containers");
     ASSERT_EQ(system("python3 -c \"import socket; socket.socket(socket.AF_UNIX).bind("
-                     "'/mnt/cfdrive/containers/container_rte_settings.json')\""), 0);
+                     "'/mnt/cfdrive/containers/container_rte_settings.json')\""),
+              0);
 
     EXPECT_TRUE(settings->getEnabled(true));
     EXPECT_FALSE(settings->setEnabled(false)) << "it cannot be written either";
@@ -253,7 +269,8 @@ TEST(Settings, AFailedCoreCountIsAnErrorAndLeavesTheFigures) {
     EXPECT_FALSE(settings->ExtractCpuCoreCounts());
     EXPECT_EQ(settings->getMaxCpuCoreCount(), 0U);
     EXPECT_EQ(Board::Settings(), SettingsText("false", 0, 1, 0, 0));
-    EXPECT_THAT(Recording::Logs(), testing::Each("[ERROR] Quolex Container Utils: Failed to get CPU core count"));
+    EXPECT_THAT(Recording::Logs(),
+                testing::Each("[ERROR] Quolex Container Utils: Failed to get CPU core count"));
     EXPECT_EQ(Recording::LiveLists(), 0) << "the temporary list is deleted";
 }
 

@@ -1,0 +1,42 @@
+#include "ServiceManager.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr const char* AddressVariable = "NOTIFY_SOCKET";
+
+}  // namespace
+
+ServiceManager::ServiceManager() {
+    if (const char* address = getenv(AddressVariable)) {
+        _address = address;
+        unsetenv(AddressVariable);
+    }
+}
+
+void ServiceManager::Tell(const std::string& state) const {
+    sockaddr_un address{};
+    const bool isPath = _address.starts_with('/');
+    const bool isAbstract = _address.starts_with('@');
+    if ((!isPath && !isAbstract) || _address.size() >= sizeof(address.sun_path)) {
+        return;
+    }
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, _address.data(), _address.size());
+    if (isAbstract) {
+        address.sun_path[0] = '\0';
+    }
+    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (sender < 0) {
+        return;
+    }
+    const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + _address.size());
+    sendto(sender, state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&address), length);
+    close(sender);
+}

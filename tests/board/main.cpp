@@ -1,0 +1,52 @@
+#include <gmock/gmock.h>
+#include <unistd.h>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+namespace {
+
+/// Becomes a board that runs this program, as it is staged, with the same arguments.
+[[noreturn]] void ContinueOnBoard(int argc, char** argv) {
+    const char* suite = getenv("QX_BOARD_SUITE");
+    std::vector<std::string> words{QX_BOARD_PROGRAM,
+                                   "run",
+                                   "--quiet",
+                                   "--suite",
+                                   suite != nullptr ? suite : "auto",
+                                   "--bind",
+                                   QX_STAGE_DIR ":/opt/qx:ro",
+                                   "--env",
+                                   "QX_ON_BOARD=1",
+                                   "--",
+                                   "/opt/qx/bin/qx_board_tests"};
+    words.insert(words.end(), argv + 1, argv + argc);
+    std::vector<char*> arguments;
+    for (std::string& word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    execv(QX_BOARD_PROGRAM, arguments.data());
+    perror(QX_BOARD_PROGRAM);
+    _exit(97);
+}
+
+bool IsListing(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (std::string(argv[i]) == "--gtest_list_tests") {
+            return true;
+        }
+    }
+    return false;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (getenv("QX_ON_BOARD") == nullptr && !IsListing(argc, argv)) {
+        ContinueOnBoard(argc, argv);
+    }
+    testing::InitGoogleMock(&argc, argv);
+    return RUN_ALL_TESTS();
+}

@@ -1,0 +1,48 @@
+# shellcheck shell=bash
+# Building.
+
+# build PRESET [TARGET...]
+build() {
+    local preset=$1
+    shift
+    install_packages packages.txt
+    step "Configure $preset" cmake --preset "$preset"
+    step "Build $preset" cmake --build --preset "$preset" ${1:+--target "$@"}
+}
+
+task_build() {
+    case ${1:-} in
+        -h | --help)
+            say "Usage: ./qx build [PRESET]"
+            say "Builds everything. Presets: release (default), debug, asan, tsan. The result is in build/PRESET."
+            return ;;
+    esac
+    build "${1:-release}"
+    say "Built: build/${1:-release}/libQxContainerUtils.so"
+}
+
+# stage PRESET: lays the library, the host and what they are linked against into build/PRESET/stage, as a board gets
+# them. Boards are of another Debian than the machine that builds, so the libraries go along and find each other beside
+# themselves; those of the compiler and the C library, whose newer versions serve older programs, do not.
+stage() {
+    local stage_dir=$root/build/$1/stage library
+    rm -rf "$stage_dir"
+    cmake --install "build/$1" --prefix "$stage_dir" >/dev/null
+    find "$stage_dir/bin" "$stage_dir/lib" -type f -print0 | xargs -0 ldd 2>/dev/null |
+        awk '$2 == "=>" && $3 ~ /^\// { print $3 }' | sort -u |
+        grep -vE "/(libc|libm|libdl|libpthread|librt|libresolv|libstdc\+\+|libgcc_s)\.so|^$root/" |
+        while read -r library; do
+            cp -L "$library" "$stage_dir/lib/"
+            patchelf --set-rpath "\$ORIGIN" "$stage_dir/lib/$(basename "$library")"
+        done
+}
+
+task_clean() {
+    case ${1:-} in
+        -h | --help)
+            say "Usage: ./qx clean"
+            say "Removes build/. The cache of the virtual boards stays; ./qx board --help tells where it is."
+            return ;;
+    esac
+    rm -rf build
+}

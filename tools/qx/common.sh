@@ -1,0 +1,43 @@
+# shellcheck shell=bash
+# What all tasks share: messages, and long steps that show that they are alive.
+
+die() {
+    local status=$1
+    shift
+    printf 'qx: %s\n' "$*" >&2
+    exit "$status"
+}
+
+say() { printf '%s\n' "$*"; }
+
+# step TEXT COMMAND...: runs a long command with its output in a log file; on a terminal the seconds count up. When
+# it fails, the end of the log is shown.
+step() {
+    local text=$1
+    shift
+    mkdir -p "$root/build/logs"
+    local log started=$SECONDS status=0
+    log="$root/build/logs/$(printf '%s' "$text" | tr -cs 'A-Za-z0-9' '-').log"
+    if [ -t 1 ]; then
+        "$@" >"$log" 2>&1 </dev/null &
+        local pid=$!
+        while kill -0 "$pid" 2>/dev/null; do
+            printf '\r  %-60s %4ds ' "$text ..." $((SECONDS - started))
+            sleep 0.2
+        done
+        wait "$pid" || status=$?
+        printf '\r\033[K'
+    else
+        printf '  %s ...\n' "$text"
+        "$@" >"$log" 2>&1 </dev/null || status=$?
+    fi
+    if [ $status -ne 0 ]; then
+        tail -n 40 "$log" >&2
+        die 1 "$text failed; the whole output is in ${log#"$root"/}"
+    fi
+    printf '  %-60s %4ds\n' "$text" $((SECONDS - started))
+}
+
+require_root() {
+    [ "$(id -u)" = 0 ] || die 3 "this needs root: it installs packages and makes namespaces and mounts. Try: sudo ./qx $*"
+}

@@ -1,0 +1,89 @@
+# shellcheck shell=bash
+# Running the tests.
+
+test_help() {
+    cat <<'TEXT'
+Usage: ./qx test [--deep] [--only LABEL]
+
+Installs what is missing, builds everything and runs every test:
+  checks    layers and exported symbols
+  unit      the library with a recording platform, each test in a sandbox
+  platform  the Linux platform services
+  tools     the command line tools
+  board     the library with the real Podman, each test on a virtual board of its own
+
+  --deep         also runs the unit and platform tests under the address, undefined behaviour and thread sanitizers
+  --only LABEL   only the tests of one label
+TEXT
+}
+
+# make_certificates DIR: an authority, a server for "localhost" and a client, for the tests of TLS.
+make_certificates() {
+    local dir=$1 who
+    mkdir -p "$dir"
+    openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 30 -subj "/CN=Quolex test authority" \
+        -keyout "$dir/ca.key" -out "$dir/ca.crt" 2>/dev/null
+    for who in server client; do
+        openssl req -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -subj "/CN=$who" \
+            -keyout "$dir/$who.key" -out "$dir/$who.csr" 2>/dev/null
+        openssl x509 -req -in "$dir/$who.csr" -CA "$dir/ca.crt" -CAkey "$dir/ca.key" -CAcreateserial -days 30 \
+            -extfile <(printf 'subjectAltName=DNS:localhost,IP:127.0.0.1\n') -out "$dir/$who.crt" 2>/dev/null
+    done
+}
+
+# stage_for_board PRESET: what demo and board tests bind into a board.
+stage_for_board() {
+    stage "$1"
+    make_certificates "build/$1/stage/share/certs"
+}
+
+# run_tests PRESET CTEST-OPTIONS...
+run_tests() {
+    local preset=$1
+    shift
+    ctest --test-dir "build/$preset" --output-on-failure --no-tests=error -j "$(nproc)" "$@"
+}
+
+# count_gaps FILE: tests that were skipped, each with its reason.
+count_gaps() {
+    grep -hE '\*\*\*Skipped|\[  SKIPPED \]' "$1" || true
+}
+
+task_test() {
+    local deep='' only=''
+    while [ $# -gt 0 ]; do
+        case $1 in
+            --deep) deep=1 ;;
+            --only)
+                [ $# -gt 1 ] || die 2 "--only needs a label"
+                only=$2
+                shift ;;
+            -h | --help) test_help; return ;;
+            *) die 2 "test has no option '$1'; see ./qx test --help" ;;
+        esac
+        shift
+    done
+    require_root test
+    install_packages packages.txt board/packages.txt
+    build release
+    if [ -z "$only" ] || [ "$only" = board ]; then
+        step "Prepare the virtual board" board/board fetch
+        step "Stage the product for the board" stage_for_board release
+    fi
+    mkdir -p build/logs
+    run_tests release ${only:+-L "$only"} 2>&1 | tee build/logs/tests.log
+    if [ -n "$(count_gaps build/logs/tests.log)" ]; then
+        count_gaps build/logs/tests.log >&2
+        die 1 "tests were skipped that this machine can run"
+    fi
+    [ -z "$deep" ] || deep_tests
+    say "All tests passed."
+}
+
+deep_tests() {
+    local preset
+    for preset in asan tsan; do
+        build "$preset"
+        run_tests "$preset" -L 'unit|platform|tools'
+    done
+}
