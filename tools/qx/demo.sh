@@ -1,0 +1,50 @@
+# shellcheck shell=bash
+# The demonstration: the container service with the real Podman on a virtual board.
+
+demo_help() {
+    cat <<'TEXT'
+Usage: ./qx demo [--stay] [--suite auto|trixie|forky]
+
+Builds the product, brings up a virtual board, runs the container service on it with the real Podman and tells what
+happens. The board is removed afterwards.
+
+  --stay     leave the board up with the service running
+  --suite S  the Debian suite that the container tools come from
+TEXT
+}
+
+task_demo() {
+    local stay='' suite=auto name="demo-$$" status=0
+    while [ $# -gt 0 ]; do
+        case $1 in
+            --stay) stay=stay ;;
+            --suite)
+                [ $# -gt 1 ] || die 2 "--suite needs a name"
+                suite=$2
+                shift ;;
+            -h | --help) demo_help; return ;;
+            *) die 2 "demo has no option '$1'; see ./qx demo --help" ;;
+        esac
+        shift
+    done
+    require_root demo
+    say "Preparing"
+    install_packages packages.txt board/packages.txt
+    build release
+    board/board fetch --suite "$suite"
+    step "Stage the product for the board" stage_for_board release
+    install -D tools/demo/on-board.sh build/release/stage/share/demo/on-board.sh
+
+    board/board up --quiet --name "$name" --suite "$suite" --bind "$root/build/release/stage:/opt/qx:ro" >/dev/null
+    [ -n "$stay" ] || trap 'board/board down "$name" >/dev/null 2>&1' EXIT
+    board/board exec "$name" -- /opt/qx/share/demo/on-board.sh "$stay" || status=$?
+    if [ -n "$stay" ]; then
+        say "The board stays up. Look around with:  ./qx board shell $name"
+        say "Remove it with:                        ./qx board down $name"
+    fi
+    [ $status = 0 ] || die 1 "the demonstration did not go as it should; see above"
+}
+
+task_board() {
+    exec "$root/board/board" "$@"
+}
