@@ -36,6 +36,7 @@ public:
 private:
     friend struct ComposeFileHandlerTest;
 
+    int _runOperation(const char* fileName, int cmdType, const char* commandName, QxNJson::json& result);
     std::string _trim(const char* text);
     int _executeShellCommand(char* path, char** argv, std::string& output);
     int _checkComposeFile(const char* fileName, std::string& composeFilePath, std::string& errorText);

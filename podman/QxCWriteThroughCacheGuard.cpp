@@ -5,9 +5,9 @@
 #include "support/ErrorListScope.h"
 #include "support/Log.h"
 
+#include <unistd.h>
 #include <cstring>
 #include <fstream>
-#include <unistd.h>
 #include <utility>
 
 namespace QxNContainer {
@@ -29,8 +29,9 @@ QxCWriteThroughCacheGuard::QxCWriteThroughCacheGuard() {
         return;
     }
     SetBlockDeviceWriteCache(path, WriteThrough);
-    QX_LOG_IF_ENABLED(RteLogLevel::Debug,
-                      "Quolex Container Utils: Switched user storage disk to write-through mode for Podman request");
+    QX_LOG_IF_ENABLED(
+        RteLogLevel::Debug,
+        "Quolex Container Utils: Switched user storage disk to write-through mode for Podman request");
     _switchedPath = std::move(path);
 }
 
@@ -65,7 +66,8 @@ bool QxCWriteThroughCacheGuard::IsRealtimeApplicationLoaded(QxCErrorListPool& er
 
 std::string QxCWriteThroughCacheGuard::GetUserStorageWriteCacheSysfsPath(QxCErrorListPool& errors) {
     const QxNUserStorage::MountInfo info = QxNUserStorage::ReadMountInfo(errors);
-    const QxSBlockDeviceMount* userStorage = info != nullptr ? QxNUserStorage::FindUserStorage(*info) : nullptr;
+    const QxSBlockDeviceMount* userStorage =
+        info != nullptr ? QxNUserStorage::FindUserStorage(*info) : nullptr;
     if (userStorage == nullptr) {
         return {};
     }

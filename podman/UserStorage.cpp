@@ -4,9 +4,9 @@
 #include "support/ErrorListScope.h"
 #include "support/Log.h"
 
+#include <sys/stat.h>
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
 
 namespace QxNContainer {
 
@@ -21,7 +21,9 @@ std::string_view TextOf(const char (&field)[Size]) {
 
 }  // namespace
 
-void FreeDeleter::operator()(void* block) const { std::free(block); }
+void FreeDeleter::operator()(void* block) const {
+    std::free(block);
+}
 
 MountInfo ReadMountInfo(QxCErrorListPool& errors) {
     return MountInfo(QxCScannerBoardHw::getBlockDeviceMountInfo(errors));
@@ -56,7 +58,8 @@ bool IsMountPoint(const char* path) {
     const std::string parent = std::string(path) + "/..";
     struct stat directory {};
     struct stat above {};
-    return stat(path, &directory) == 0 && stat(parent.c_str(), &above) == 0 && directory.st_dev != above.st_dev;
+    return stat(path, &directory) == 0 && stat(parent.c_str(), &above) == 0 &&
+           directory.st_dev != above.st_dev;
 }
 
 bool Refuse(std::string* reason, const char* text) {
@@ -79,13 +82,15 @@ bool QxCContainer::HasValidUserStorage(std::string* reason) const {
     }
     const QxNUserStorage::MountInfo info = ReadMountInfoOnce();
     if (info == nullptr) {
-        QxCRTE_LOG_Impl(RteLogLevel::Error, "Quolex Container Utils:Error: Could not parse device information\n");
+        QxCRTE_LOG_Impl(RteLogLevel::Error,
+                        "Quolex Container Utils:Error: Could not parse device information\n");
         return Refuse(reason, "Container service could not determine the mounted block devices");
     }
     const QxSBlockDeviceMount* userStorage = QxNUserStorage::FindUserStorage(*info);
     if (userStorage == nullptr) {
-        return Refuse(reason,
-                      "Container service could not find the userstorage1 device among the mounted block devices");
+        return Refuse(
+            reason,
+            "Container service could not find the userstorage1 device among the mounted block devices");
     }
     if (userStorage->filesystemType != QxNFilesystemType::Ext4) {
         return Refuse(reason, "Container service requires EXT4 filesystem type on user storage device");

@@ -4,9 +4,9 @@
 #include "support/ChildProcess.h"
 #include "support/Log.h"
 
+#include <sys/wait.h>
 #include <cstring>
 #include <filesystem>
-#include <sys/wait.h>
 
 namespace QxNContainer {
 
@@ -43,13 +43,16 @@ void RunPodman(const BulkOperation& operation) {
 }  // namespace
 
 void QxCContainer::StartAllContainers() {
-    RunPodman({"start", "Starting all containers with --restart=always policy...",
+    RunPodman({"start",
+               "Starting all containers with --restart=always policy...",
                "All containers with restart-policy=always started successfully.",
                {"podman", "start", "--all", "--filter", "restart-policy=always"}});
 }
 
 void QxCContainer::StopAllContainers() {
-    RunPodman({"stop", "Stopping all running containers...", "All containers stopped successfully.",
+    RunPodman({"stop",
+               "Stopping all running containers...",
+               "All containers stopped successfully.",
                {"podman", "stop", "--all", "--time", "10"}});
 }
 
@@ -57,8 +60,9 @@ bool QxCContainer::TriggerInventoryTreeScan() {
     constexpr int InventoryChanged = 28;
     std::error_code error;
     if (std::filesystem::exists(std::filesystem::status(QxNContainerPaths::CONTAINER_TOOLS, error))) {
-        QxCRTE_LOG_Impl(RteLogLevel::WarningNotify,
-                        "Quolex Container Service: a system reboot is required to enable the containers service.");
+        QxCRTE_LOG_Impl(
+            RteLogLevel::WarningNotify,
+            "Quolex Container Service: a system reboot is required to enable the containers service.");
         return true;
     }
     const unsigned int inventoryManager = QxNRtosAbstraction::getProcessID("QxInventoryManager");
@@ -67,8 +71,9 @@ bool QxCContainer::TriggerInventoryTreeScan() {
                         "Quolex Container Service: Sending inventory manager notification failed");
         return false;
     }
-    QxCRTE_LOG_Impl(RteLogLevel::WarningNotify,
-                    "Quolex Container Service: a system update is required to enable the containers service.");
+    QxCRTE_LOG_Impl(
+        RteLogLevel::WarningNotify,
+        "Quolex Container Service: a system update is required to enable the containers service.");
     return true;
 }
 

@@ -41,13 +41,14 @@ bool QxCContainer::AssignCpuCores() {
     int unused = 0;
     _settings->getCpuCoreCounts(total, usable, max, unused);
     QX_LOG_IF_ENABLED(RteLogLevel::Debug,
-                      "Quolex Container Utils: Total CPUs: %u, Usable Cpus: %u, Max Allowed Cpus: %u", total, usable,
-                      max);
+                      "Quolex Container Utils: Total CPUs: %u, Usable Cpus: %u, Max Allowed Cpus: %u", total,
+                      usable, max);
     const unsigned int requested = _settings->getServiceUserSettings(false).coresNum;
     if (max < requested) {
-        QxCRTE_LOG_Impl(RteLogLevel::Error,
-                        "Quolex Container Utils: Invalid number of cores assigned to container: %u. Max allowed is %u",
-                        requested, max);
+        QxCRTE_LOG_Impl(
+            RteLogLevel::Error,
+            "Quolex Container Utils: Invalid number of cores assigned to container: %u. Max allowed is %u",
+            requested, max);
         return false;
     }
 
@@ -58,7 +59,8 @@ bool QxCContainer::AssignCpuCores() {
         const unsigned int core = firstUnused + i;
         mask.Add(core);
         QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose,
-                          "Quolex Container Utils: Assigning unused physical core %u to container runtime", core);
+                          "Quolex Container Utils: Assigning unused physical core %u to container runtime",
+                          core);
     }
 
     const unsigned int fromLinux = requested - fromUnused;

@@ -1,11 +1,12 @@
 #include "QxCContainer.h"
 #include "QxNContainerPaths.h"
+#include "support/ChildProcess.h"
 #include "support/Log.h"
 
+#include <unistd.h>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <unistd.h>
 
 namespace QxNContainer {
 
@@ -17,7 +18,9 @@ namespace {
 constexpr const char* CniPluginLinks = "/opt/cni/bin";
 
 /// Makes a link and leaves what already has its name as it is.
-int Link(const std::string& name, const std::string& target) { return symlink(target.c_str(), name.c_str()); }
+int Link(const std::string& name, const std::string& target) {
+    return symlink(target.c_str(), name.c_str());
+}
 
 void CreateIfMissing(const fs::path& directory) {
     if (!fs::exists(directory)) {
@@ -29,9 +32,10 @@ void CreateIfMissing(const fs::path& directory) {
 
 bool QxCContainer::MountFwFile() {
     if (_settings->getEnabled(false) && !fs::exists(CONTAINER_TOOLS)) {
-        QxCRTE_LOG_Impl(RteLogLevel::Error,
-                        "Quolex Container Utils: If you recently activated the container runtime support this is "
-                        "expected. Please perform an update to install the missing firmware elements.");
+        QxCRTE_LOG_Impl(
+            RteLogLevel::Error,
+            "Quolex Container Utils: If you recently activated the container runtime support this is "
+            "expected. Please perform an update to install the missing firmware elements.");
         return false;
     }
     if (fs::exists(CONTAINER_TOOLS_MOUNTPOINT)) {
@@ -44,7 +48,8 @@ bool QxCContainer::MountFwFile() {
     const std::string command =
         "mount -t squashfs -o ro " + CONTAINER_TOOLS + " " + CONTAINER_TOOLS_MOUNTPOINT;
     if (std::system(command.c_str()) != 0) {
-        QxCRTE_LOG_Impl(RteLogLevel::Error, "Quolex Container Utils: Failed to mount the container firmware file");
+        QxCRTE_LOG_Impl(RteLogLevel::Error,
+                        "Quolex Container Utils: Failed to mount the container firmware file");
         return false;
     }
     return true;
@@ -79,7 +84,7 @@ int QxCContainer::SymlinkContainerTools() {
 
 void QxCContainer::ConfigureDockerHost() {
     const std::string address = "unix://" + PODMAN_SOCKET;
-    setenv("DOCKER_HOST", address.c_str(), 1);
+    QxNSupport::SetEnvironment("DOCKER_HOST", address);
     std::ofstream("/run/QxContainerRTE.docker_host") << address;
 }
 

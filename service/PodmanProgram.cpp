@@ -1,14 +1,13 @@
 #include "service/PodmanProgram.h"
 
 #include "QxNContainerPaths.h"
-
-#include <cstdlib>
+#include "support/ChildProcess.h"
 
 namespace QxNContainer {
 
 void SetPodmanEnvironment() {
-    setenv("LD_LIBRARY_PATH", QxNContainerPaths::PODMAN_LIBS.c_str(), 1);
-    setenv("PODMAN_IGNORE_CGROUPSV1_WARNING", "1", 1);
+    QxNSupport::SetEnvironment("LD_LIBRARY_PATH", QxNContainerPaths::PODMAN_LIBS);
+    QxNSupport::SetEnvironment("PODMAN_IGNORE_CGROUPSV1_WARNING", "1");
 }
 
 }  // namespace QxNContainer

@@ -8,15 +8,14 @@
 #include "support/Log.h"
 #include "support/UniqueFd.h"
 
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <poll.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace QxNContainer {
 
@@ -44,12 +43,14 @@ bool IsTlsWanted(const fs::path& certificates, const TlsFiles& files) {
         return true;
     }
     if (fs::is_directory(certificates) && !fs::is_empty(certificates)) {
-        QxCRTE_LOG_Impl(RteLogLevel::WarningNotify,
-                        "Quolex Container Utils: Certificates directory exists but not all required files (ca.crt, "
-                        "server.crt, server.key) are not found. TLS will not be enabled.");
+        QxCRTE_LOG_Impl(
+            RteLogLevel::WarningNotify,
+            "Quolex Container Utils: Certificates directory exists but not all required files (ca.crt, "
+            "server.crt, server.key) are not found. TLS will not be enabled.");
     } else {
-        QxCRTE_LOG_Impl(RteLogLevel::Info,
-                        "Quolex Container Utils: No certificates found. TLS is not be enabled for Podman service.");
+        QxCRTE_LOG_Impl(
+            RteLogLevel::Info,
+            "Quolex Container Utils: No certificates found. TLS is not be enabled for Podman service.");
     }
     return false;
 }
@@ -63,8 +64,8 @@ std::vector<std::string> ServiceArguments(unsigned int port) {
     static const std::string certificates = QxNContainerPaths::CONTAINER_CERTS_DIR;
     const TlsFiles tls{certificates + "/ca.crt", certificates + "/server.crt", certificates + "/server.key"};
     if (IsTlsWanted(certificates, tls)) {
-        arguments.insert(arguments.end(), {"--tls-client-ca", tls.ca, "--tls-cert", tls.certificate, "--tls-key",
-                                           tls.key});
+        arguments.insert(arguments.end(),
+                         {"--tls-client-ca", tls.ca, "--tls-cert", tls.certificate, "--tls-key", tls.key});
     }
     arguments.push_back("tcp:0.0.0.0:" + std::to_string(port));
     return arguments;
@@ -74,7 +75,8 @@ void ReportPodmanExit(pid_t pid, int status, const char* label) {
     if (WIFEXITED(status)) {
         if (WEXITSTATUS(status) == 0) {
             QX_LOG_IF_ENABLED(RteLogLevel::Debug,
-                              "Quolex Container Utils: %s Podman service (PID: %d) exited normally", label, pid);
+                              "Quolex Container Utils: %s Podman service (PID: %d) exited normally", label,
+                              pid);
         } else {
             QxCRTE_LOG_Impl(RteLogLevel::Error,
                             "Quolex Container Utils: %s Podman service (PID: %d) - Error code %d", label, pid,
@@ -82,8 +84,8 @@ void ReportPodmanExit(pid_t pid, int status, const char* label) {
         }
     } else if (WIFSIGNALED(status)) {
         QX_LOG_IF_ENABLED(RteLogLevel::Debug,
-                          "Quolex Container Utils: %s Podman service (PID: %d) terminated by signal %d", label, pid,
-                          WTERMSIG(status));
+                          "Quolex Container Utils: %s Podman service (PID: %d) terminated by signal %d",
+                          label, pid, WTERMSIG(status));
     }
 }
 
@@ -99,9 +101,10 @@ struct WatchedService {
 /// @return false, with the cause in the log, when one cannot be opened
 bool OpenProcessDescriptors(std::vector<WatchedService>& services) {
     for (WatchedService& service : services) {
-        service.pidfd = QxNSupport::UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, service.pid, 0)));
+        service.pidfd = QxNSupport::OpenPidfd(service.pid);
         if (!service.pidfd.IsOpen()) {
-            QxCRTE_LOG_Impl(RteLogLevel::Error, "Quolex Container Utils: pidfd_open failed: %s", strerror(errno));
+            QxCRTE_LOG_Impl(RteLogLevel::Error, "Quolex Container Utils: pidfd_open failed: %s",
+                            strerror(errno));
             return false;
         }
     }
@@ -216,7 +219,8 @@ void QxCContainer::RunPodmanServices(unsigned int port) {
 
 bool QxCContainer::StartPodmanServices(unsigned int port) {
     if (port == UnixSocketPort) {
-        QxCRTE_LOG_Impl(RteLogLevel::Info, "Quolex Container Utils: Starting Podman service on Unix socket %s",
+        QxCRTE_LOG_Impl(RteLogLevel::Info,
+                        "Quolex Container Utils: Starting Podman service on Unix socket %s",
                         QxNContainerPaths::PODMAN_SOCKET.c_str());
     }
     if (!StartPodmanService(UnixSocketPort, s_UnixPodmanPid)) {
@@ -237,7 +241,7 @@ bool QxCContainer::StartPodmanService(unsigned int port, std::atomic<std::int32_
     const pid_t unseen = id.exchange(-1);
     if (unseen > 0) {
         kill(unseen, SIGTERM);
-        waitpid(unseen, nullptr, 0);
+        QxNSupport::ReapWithin(unseen, ReapTimeoutMs);
     }
     return false;
 }

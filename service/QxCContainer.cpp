@@ -3,11 +3,12 @@
 #include "QxCScannerBoardHw.h"
 #include "QxCWriteThroughCacheGuard.h"
 #include "QxNContainerPaths.h"
+#include "service/PodmanProgram.h"
+#include "support/ChildProcess.h"
 #include "support/ErrorListScope.h"
 #include "support/Log.h"
 
 #include <csignal>
-#include <sys/wait.h>
 
 namespace QxNContainer {
 
@@ -22,10 +23,10 @@ void Terminate(pid_t service, const char* label) {
     kill(service, SIGTERM);
 }
 
-/// Collects a service that has ended and that the monitor thread did not get to see.
-void ReapIfEnded(pid_t service) {
+/// Collects a service that was told to end and that the monitor thread did not see ending.
+void Reap(pid_t service) {
     if (service > 0) {
-        waitpid(service, nullptr, WNOHANG);
+        QxNSupport::ReapWithin(service, ReapTimeoutMs);
     }
 }
 
@@ -69,8 +70,8 @@ bool QxCContainer::init() {
 bool QxCContainer::Start() {
     _stopRequested = false;
     QxCErrorListPool* errors = QxNSupport::ErrorManager().getMasterErrorList();
-    if (!QxNRtosAbstraction::createThread(errors, &_monitorThread, 1, 5, "PodmanServiceMonitor", ThreadHandler, this,
-                                          0)) {
+    if (!QxNRtosAbstraction::createThread(errors, &_monitorThread, 1, 5, "PodmanServiceMonitor",
+                                          ThreadHandler, this, 0)) {
         QxCRTE_LOG_Impl(RteLogLevel::Error, "Quolex Container Utils: Failed to create Podman monitor thread");
         _settings->setState(ContainerServiceState::Failed);
         return false;
@@ -93,8 +94,8 @@ bool QxCContainer::Stop() {
         QxNRtosAbstraction::joinThread(_monitorThread, nullptr, -1);
         _monitorThread = 0;
     }
-    ReapIfEnded(unixService);
-    ReapIfEnded(tcpService);
+    Reap(unixService);
+    Reap(tcpService);
 
     _settings->setState(ContainerServiceState::Stopped);
     QxCWriteThroughCacheGuard::ForceRestoreWriteBackMode();
@@ -122,9 +123,13 @@ bool QxCContainer::DisableContainerService() {
     return _settings->setEnabled(false);
 }
 
-bool QxCContainer::IsContainerServiceEnabled(bool reread) const { return _settings->getEnabled(reread); }
+bool QxCContainer::IsContainerServiceEnabled(bool reread) const {
+    return _settings->getEnabled(reread);
+}
 
-int QxCContainer::GetContainerServiceStatus(bool reread) const { return _settings->getState(reread); }
+int QxCContainer::GetContainerServiceStatus(bool reread) const {
+    return _settings->getState(reread);
+}
 
 QxCCTESettings::QxSUserSettings QxCContainer::GetContainerServiceUserSettings() const {
     return _settings->getServiceUserSettings(false);
@@ -134,6 +139,8 @@ bool QxCContainer::SetContainerServiceUserSettings(const QxCCTESettings::QxSUser
     return _settings->setServiceUserSettings(settings);
 }
 
-unsigned int QxCContainer::GetMaxAllowedCpuCoreCount() const { return _settings->getMaxCpuCoreCount(); }
+unsigned int QxCContainer::GetMaxAllowedCpuCoreCount() const {
+    return _settings->getMaxCpuCoreCount();
+}
 
 }  // namespace QxNContainer

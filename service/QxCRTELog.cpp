@@ -6,12 +6,12 @@
 #include "QxCMessageManagerClient.h"
 #include "support/ErrorListScope.h"
 
+#include <strings.h>
 #include <array>
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <string>
-#include <strings.h>
 
 namespace {
 
@@ -51,7 +51,8 @@ void NotifyMessageManager(int severity, const char* message) {
 
 int ConfiguredThreshold() {
     using namespace QxNCustomConfig::QxNContainerRuntime;
-    const std::string level = QxCCustomConfig::getInstance()->getOption(pSection, pOptionLogLevel, "INFO", false);
+    const std::string level =
+        QxCCustomConfig::getInstance()->getOption(pSection, pOptionLogLevel, "INFO", false);
     if (strcasecmp(level.c_str(), "DEBUG_VERBOSE") == 0) {
         return 2;
     }

@@ -1,11 +1,18 @@
 #pragma once
 
+#include "support/UniqueFd.h"
+
 #include <spawn.h>
-#include <string>
 #include <sys/types.h>
+#include <string>
 #include <vector>
 
 namespace QxNSupport {
+
+/// Sets a variable of this process's own environment, which every later child inherits; overwrites.
+///
+/// Spawn() reads the environment and setenv(3) may move it, so the two exclude each other.
+void SetEnvironment(const char* name, const std::string& value);
 
 /// The outcome of starting a program.
 struct SpawnResult {
@@ -21,7 +28,18 @@ SpawnResult Spawn(const char* path, const std::vector<std::string>& arguments,
                   const posix_spawn_file_actions_t* actions = nullptr);
 
 /// The same with an argument vector that ends in a null pointer.
-SpawnResult Spawn(const char* path, char* const* arguments, const posix_spawn_file_actions_t* actions = nullptr);
+SpawnResult Spawn(const char* path, char* const* arguments,
+                  const posix_spawn_file_actions_t* actions = nullptr);
+
+/// Opens a descriptor that becomes readable when the process ends (pidfd_open(2), Linux 5.3).
+/// @return an owner that is not open, with errno set, when that is not possible
+UniqueFd OpenPidfd(pid_t pid);
+
+/// Collects a child that is ending, so that it does not stay a zombie; blocks until it has ended, or for so
+/// long.
+/// @param pid        a child; one that is collected already is fine
+/// @param timeoutMs  longest wait in milliseconds
+void ReapWithin(pid_t pid, int timeoutMs);
 
 /// What a wait status says; the bits are those of waitpid(2).
 struct WaitStatus {

@@ -8,10 +8,10 @@
 
 /// A stand-in for Podman with a shell script for each of its tasks.
 struct FakePodman {
-    std::string start = {};                   ///< podman start --all ...
-    std::string stop = {};                    ///< podman stop --all ...
-    std::string unixService = RunForever;   ///< the REST service on the Unix socket
-    std::string tcpService = RunForever;    ///< the REST service on TCP
+    std::string start = {};                ///< podman start --all ...
+    std::string stop = {};                 ///< podman stop --all ...
+    std::string unixService = RunForever;  ///< the REST service on the Unix socket
+    std::string tcpService = RunForever;   ///< the REST service on TCP
 
     /// Ends with the signal it gets.
     static constexpr const char* RunForever = "exec sleep 1000";
@@ -21,14 +21,23 @@ struct FakePodman {
         "while [ ! -e /end ]; do sleep 0.02; done";
 
     void Install() const {
-        Sandbox::InstallProgram("/bin/podman", "case \"$1\" in\n"
-                                               "start) " + start + "\n;;\n"
-                                               "stop) " + stop + "\n;;\n"
-                                               "system) case \"$*\" in\n"
-                                               "    *unix:*) " + unixService + "\n;;\n"
-                                               "    *) " + tcpService + "\n;;\n"
-                                               "    esac;;\n"
-                                               "esac");
+        Sandbox::InstallProgram("/bin/podman",
+                                "case \"$1\" in\n"
+                                "start) " +
+                                    start +
+                                    "\n;;\n"
+                                    "stop) " +
+                                    stop +
+                                    "\n;;\n"
+                                    "system) case \"$*\" in\n"
+                                    "    *unix:*) " +
+                                    unixService +
+                                    "\n;;\n"
+                                    "    *) " +
+                                    tcpService +
+                                    "\n;;\n"
+                                    "    esac;;\n"
+                                    "esac");
     }
 
     /// @return the command lines of all calls so far, in order

@@ -1,0 +1,106 @@
+#include "compose/ComposeStatus.h"
+
+#include "support/Log.h"
+
+#include <algorithm>
+#include <filesystem>
+
+namespace QxNCompose {
+
+namespace {
+
+using QxNJson::json;
+
+constexpr const char* Removing = "removing";
+
+std::string Text(const json::Base& container, const char* key) {
+    return container.at(key).get<std::string>();
+}
+
+void Report(json& containers, const std::string& name, const std::string& state) {
+    json container = json::object();
+    container["Name"] = name;
+    container["State"] = state;
+    containers.push_back(container);
+}
+
+void ReportAllAs(json& containers, const json& list, const char* state) {
+    for (const auto& container : list) {
+        Report(containers, Text(container, "Name"), state);
+    }
+}
+
+/// Takes the first container of that name out of the list.
+/// @return its state; null when there is none of that name
+json TakeStateOf(const std::string& name, json& list) {
+    for (auto container = list.begin(); container != list.end(); ++container) {
+        if (Text(*container, "Name") == name) {
+            json state = Text(*container, "State");
+            list.erase(container);
+            return state;
+        }
+    }
+    return nullptr;
+}
+
+int CompareFilledLists(int cmdType, const std::string& expectedState, json& before, const json& after,
+                       json& containers) {
+    int result = Transition::Nothing;
+    for (const auto& container : after) {
+        const std::string name = Text(container, "Name");
+        const std::string state = Text(container, "State");
+        const json stateBefore = TakeStateOf(name, before);
+        const bool isNew = stateBefore.is_null();
+        const bool stateChanged = !isNew && state != stateBefore.get<std::string>() && state == expectedState;
+        QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose,
+                          "Quolex Container Service:   container '%s': isNew=%s, stateChanged=%s",
+                          name.c_str(), isNew ? "true" : "false", stateChanged ? "true" : "false");
+        if (isNew && cmdType == CmdType::Create) {
+            Report(containers, name, state);
+            result = Transition::Created;
+        } else if (stateChanged && cmdType != CmdType::Create) {
+            Report(containers, name, state);
+            result = Transition::Changed;
+        }
+    }
+    return result;
+}
+
+}  // namespace
+
+std::string StatusArrayText(std::string toolOutput) {
+    if (toolOutput.ends_with('\n')) {
+        toolOutput.pop_back();
+    }
+    std::replace(toolOutput.begin(), toolOutput.end(), '\n', ',');
+    return "[" + toolOutput + "]";
+}
+
+std::string ProjectNameOf(const std::string& composeFilePath) {
+    return std::filesystem::path(composeFilePath).stem().string();
+}
+
+int CompareStates(int cmdType, const std::string& expectedState, json before, const json& after,
+                  json& containers) {
+    if (before.empty() && after.empty()) {
+        return cmdType == CmdType::Create ? Transition::NothingCreated : Transition::Nothing;
+    }
+    if (after.empty()) {
+        ReportAllAs(containers, before, Removing);
+        return Transition::Removed;
+    }
+    if (before.empty()) {
+        for (const auto& container : after) {
+            Report(containers, Text(container, "Name"), Text(container, "State"));
+        }
+        return Transition::Changed;
+    }
+    const int result = CompareFilledLists(cmdType, expectedState, before, after, containers);
+    if (cmdType == CmdType::Remove && !before.empty()) {
+        ReportAllAs(containers, before, Removing);
+        return Transition::Removed;
+    }
+    return result;
+}
+
+}  // namespace QxNCompose
