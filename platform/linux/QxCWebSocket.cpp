@@ -1,0 +1,3 @@
+#include "QxCWebSocket.h"
+
+QxNSmartWebApi::QxCWebSocket::~QxCWebSocket() = default;
