@@ -217,8 +217,8 @@ private:
     bool StartPodmanServices(unsigned int port);
     bool StartPodmanService(unsigned int port, std::atomic<std::int32_t>& id);
 
-    // Process ids of the Podman services, -1 = none. The monitor thread sets them; whoever exchanges one with -1 may
-    // signal the process.
+    // Process ids of the Podman services, -1 = none. The monitor thread sets them; whoever exchanges one with
+    // -1 may signal the process.
     static std::atomic<std::int32_t> s_UnixPodmanPid;
     static std::atomic<std::int32_t> s_TcpPodmanPid;
 

@@ -27,9 +27,7 @@ bool Send(QxCWebSocket* ws, QxCErrorListPool& errors, const unsigned char* data,
     return ws != nullptr && ws->sendBinary(errors, data, static_cast<unsigned int>(length), -1, false) == 0;
 }
 
-const unsigned char* Bytes(const char* data) {
-    return reinterpret_cast<const unsigned char*>(data);
-}
+const unsigned char* Bytes(const char* data) { return reinterpret_cast<const unsigned char*>(data); }
 
 }  // namespace
 

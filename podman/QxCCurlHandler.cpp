@@ -89,13 +89,9 @@ void QxCCurlHandler::SetMethodType(const MethodType& method) {
     }
 }
 
-void QxCCurlHandler::SetStreamCallback(StreamCallback callback) {
-    _streamCallback = std::move(callback);
-}
+void QxCCurlHandler::SetStreamCallback(StreamCallback callback) { _streamCallback = std::move(callback); }
 
-void QxCCurlHandler::SetAbortFlag(const std::atomic<bool>* flag) {
-    _abortFlag = flag;
-}
+void QxCCurlHandler::SetAbortFlag(const std::atomic<bool>* flag) { _abortFlag = flag; }
 
 std::string QxCCurlHandler::Execute() {
     std::string result;
@@ -127,9 +123,7 @@ std::string QxCCurlHandler::Execute() {
     return result;
 }
 
-int QxCCurlHandler::GetHttpCode() {
-    return static_cast<int>(_httpCode);
-}
+int QxCCurlHandler::GetHttpCode() { return static_cast<int>(_httpCode); }
 
 size_t QxCCurlHandler::WriteCallback(char* data, size_t size, size_t count, void* userdata) {
     static_cast<std::string*>(userdata)->append(data, size * count);

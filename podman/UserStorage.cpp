@@ -21,9 +21,7 @@ std::string_view TextOf(const char (&field)[Size]) {
 
 }  // namespace
 
-void FreeDeleter::operator()(void* block) const {
-    std::free(block);
-}
+void FreeDeleter::operator()(void* block) const { std::free(block); }
 
 MountInfo ReadMountInfo(QxCErrorListPool& errors) {
     return MountInfo(QxCScannerBoardHw::getBlockDeviceMountInfo(errors));

@@ -18,9 +18,7 @@ namespace {
 constexpr const char* CniPluginLinks = "/opt/cni/bin";
 
 /// Makes a link and leaves what already has its name as it is.
-int Link(const std::string& name, const std::string& target) {
-    return symlink(target.c_str(), name.c_str());
-}
+int Link(const std::string& name, const std::string& target) { return symlink(target.c_str(), name.c_str()); }
 
 void CreateIfMissing(const fs::path& directory) {
     if (!fs::exists(directory)) {

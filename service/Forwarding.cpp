@@ -20,9 +20,7 @@ int QxCContainer::RemoveCompose(const char* name, QxNJson::json& result) {
     return _composeHandler.composeRemove(name, result);
 }
 
-QxNJson::json QxCContainer::listPlugins() {
-    return _pluginHandler.listPlugins();
-}
+QxNJson::json QxCContainer::listPlugins() { return _pluginHandler.listPlugins(); }
 
 int QxCContainer::addPluginToConfig(const std::string& name, const std::string& version) {
     return _pluginHandler.addPluginToConfig(name, version);
@@ -36,8 +34,6 @@ int QxCContainer::removePluginFromConfigByFileName(const std::string& fileName) 
     return _pluginHandler.removePluginFromConfigByFileName(fileName);
 }
 
-void QxCContainer::scanContainerPluginsDir() {
-    _pluginHandler.scanPluginsDir();
-}
+void QxCContainer::scanContainerPluginsDir() { _pluginHandler.scanPluginsDir(); }
 
 }  // namespace QxNContainer

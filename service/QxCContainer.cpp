@@ -123,13 +123,9 @@ bool QxCContainer::DisableContainerService() {
     return _settings->setEnabled(false);
 }
 
-bool QxCContainer::IsContainerServiceEnabled(bool reread) const {
-    return _settings->getEnabled(reread);
-}
+bool QxCContainer::IsContainerServiceEnabled(bool reread) const { return _settings->getEnabled(reread); }
 
-int QxCContainer::GetContainerServiceStatus(bool reread) const {
-    return _settings->getState(reread);
-}
+int QxCContainer::GetContainerServiceStatus(bool reread) const { return _settings->getState(reread); }
 
 QxCCTESettings::QxSUserSettings QxCContainer::GetContainerServiceUserSettings() const {
     return _settings->getServiceUserSettings(false);
@@ -139,8 +135,6 @@ bool QxCContainer::SetContainerServiceUserSettings(const QxCCTESettings::QxSUser
     return _settings->setServiceUserSettings(settings);
 }
 
-unsigned int QxCContainer::GetMaxAllowedCpuCoreCount() const {
-    return _settings->getMaxCpuCoreCount();
-}
+unsigned int QxCContainer::GetMaxAllowedCpuCoreCount() const { return _settings->getMaxCpuCoreCount(); }
 
 }  // namespace QxNContainer

@@ -103,7 +103,8 @@ bool QxCCTESettings::ExtractCpuCoreCounts() {
     QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose, "Quolex Container Utils: Hypervisor Cpus: %u", hypervisor);
 
     _unusedPhysicalCoreCount = static_cast<std::int32_t>(_totalCoreCount - _usableCoreCount - hypervisor);
-    QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose, "Quolex Container Utils: Unused physical cores available: %d",
+    QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose,
+                      "Quolex Container Utils: Unused physical cores available: %d",
                       _unusedPhysicalCoreCount);
 
     _maxCpuCoreCount = _totalCoreCount - hypervisor - 1;
@@ -113,7 +114,8 @@ bool QxCCTESettings::ExtractCpuCoreCounts() {
 void QxCCTESettings::_Read() {
     if (!std::filesystem::exists(_filePath)) {
         QX_LOG_IF_ENABLED(RteLogLevel::Debug,
-                          "Quolex Container Service: Settings file '%s' not found, using defaults", _filePath.c_str());
+                          "Quolex Container Service: Settings file '%s' not found, using defaults",
+                          _filePath.c_str());
         return;
     }
     std::ifstream file(_filePath);
@@ -125,9 +127,10 @@ void QxCCTESettings::_Read() {
     }
     const json settings = json::parse(file);
     if (settings.is_invalid()) {
-        QxCRTE_LOG_Impl(RteLogLevel::Warning,
-                        "Quolex Container Service: QxCCTESettings::Read: failed to parse '%s', using defaults",
-                        _filePath.c_str());
+        QxCRTE_LOG_Impl(
+            RteLogLevel::Warning,
+            "Quolex Container Service: QxCCTESettings::Read: failed to parse '%s', using defaults",
+            _filePath.c_str());
         return;
     }
     QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose, "Quolex Container Service: Parsed settings from '%s': %s",

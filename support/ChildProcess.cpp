@@ -41,9 +41,7 @@ SpawnResult Spawn(const char* path, char* const* arguments, const posix_spawn_fi
     return result;
 }
 
-UniqueFd OpenPidfd(pid_t pid) {
-    return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-}
+UniqueFd OpenPidfd(pid_t pid) { return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))); }
 
 void ReapWithin(pid_t pid, int timeoutMs) {
     const UniqueFd pidfd = OpenPidfd(pid);

@@ -69,8 +69,6 @@ public:
 inline void to_json(nlohmann::ordered_json& target, const json& value) {
     target = static_cast<const nlohmann::ordered_json&>(value);
 }
-inline void from_json(const nlohmann::ordered_json& source, json& value) {
-    value = json(source);
-}
+inline void from_json(const nlohmann::ordered_json& source, json& value) { value = json(source); }
 
 }  // namespace QxNJson

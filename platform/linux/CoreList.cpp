@@ -27,9 +27,7 @@ std::optional<CoreRange> parseRange(std::string_view text) {
     return CoreRange{*first, *last};
 }
 
-bool isSet(const QxTBitmap& mask, std::uint32_t bit) {
-    return (mask.words[bit / 64] >> (bit % 64) & 1) != 0;
-}
+bool isSet(const QxTBitmap& mask, std::uint32_t bit) { return (mask.words[bit / 64] >> (bit % 64) & 1) != 0; }
 
 }  // namespace
 

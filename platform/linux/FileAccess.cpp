@@ -1,6 +1,6 @@
 #include "FileAccess.h"
 
-#include "FileDescriptor.h"
+#include "support/UniqueFd.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -41,15 +41,15 @@ int writeAll(int descriptor, const std::string& text) {
 
 FileContent readFileStart(const std::string& path, std::size_t limit) {
     // O_NONBLOCK: a named pipe at this place must not stop the caller.
-    const FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!file.isOpen()) {
+    const QxNSupport::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!file.IsOpen()) {
         return {errno, {}};
     }
     FileContent content;
     std::array<char, 4096> buffer{};
     while (content.text.size() < limit) {
         const std::size_t wanted = std::min(buffer.size(), limit - content.text.size());
-        const ssize_t count = readSome(file.get(), buffer.data(), wanted);
+        const ssize_t count = readSome(file.Get(), buffer.data(), wanted);
         if (count < 0) {
             return {errno, {}};
         }
@@ -70,11 +70,11 @@ FileContent readFile(const std::string& path, std::size_t limit) {
 }
 
 int writeControlFile(const std::string& path, const std::string& text) {
-    const FileDescriptor file(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
-    if (!file.isOpen()) {
+    const QxNSupport::UniqueFd file(::open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY));
+    if (!file.IsOpen()) {
         return errno;
     }
-    const ssize_t count = ::write(file.get(), text.data(), text.size());
+    const ssize_t count = ::write(file.Get(), text.data(), text.size());
     if (count < 0) {
         return errno;
     }
@@ -86,12 +86,12 @@ int replaceFile(const std::string& path, const std::string& text) {
         return error;
     }
     std::string temporary = path + ".XXXXXX";
-    const FileDescriptor file(::mkostemp(temporary.data(), O_CLOEXEC));
-    if (!file.isOpen()) {
+    const QxNSupport::UniqueFd file(::mkostemp(temporary.data(), O_CLOEXEC));
+    if (!file.IsOpen()) {
         return errno;
     }
-    int error = writeAll(file.get(), text);
-    if (error == 0 && ::fchmod(file.get(), 0644) != 0) {
+    int error = writeAll(file.Get(), text);
+    if (error == 0 && ::fchmod(file.Get(), 0644) != 0) {
         error = errno;
     }
     if (error == 0 && ::rename(temporary.c_str(), path.c_str()) != 0) {

@@ -1,7 +1,7 @@
 #include "MessageFile.h"
 
 #include "FileAccess.h"
-#include "FileDescriptor.h"
+#include "support/UniqueFd.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -24,9 +24,9 @@ constexpr std::chrono::milliseconds LockPatience{1000};
 
 enum class Lock { Held, NotHeld };
 
-Lock lockFile(const FileDescriptor& file) {
+Lock lockFile(const QxNSupport::UniqueFd& file) {
     const auto deadline = std::chrono::steady_clock::now() + LockPatience;
-    while (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) {
+    while (::flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
         if (std::chrono::steady_clock::now() >= deadline) {
             return Lock::NotHeld;
         }
@@ -35,8 +35,8 @@ Lock lockFile(const FileDescriptor& file) {
     return Lock::Held;
 }
 
-FileDescriptor openForAppending(const std::string& path) {
-    return FileDescriptor(
+QxNSupport::UniqueFd openForAppending(const std::string& path) {
+    return QxNSupport::UniqueFd(
         ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0644));
 }
 
@@ -49,23 +49,23 @@ bool isCurrent(const std::string& path, const struct stat& opened) {
 
 struct OpenedFile {
     int error = 0;
-    FileDescriptor file;
+    QxNSupport::UniqueFd file;
     Lock lock = Lock::NotHeld;
 };
 
 OpenedFile openAndLock(const std::string& path, std::size_t maxBytes, std::size_t newBytes) {
     if (const int error = createParentDirectory(path); error != 0) {
-        return {error, FileDescriptor(), Lock::NotHeld};
+        return {error, QxNSupport::UniqueFd(), Lock::NotHeld};
     }
     for (;;) {
-        FileDescriptor file = openForAppending(path);
-        if (!file.isOpen()) {
-            return {errno, FileDescriptor(), Lock::NotHeld};
+        QxNSupport::UniqueFd file = openForAppending(path);
+        if (!file.IsOpen()) {
+            return {errno, QxNSupport::UniqueFd(), Lock::NotHeld};
         }
         const Lock lock = lockFile(file);
         struct stat status {};
-        if (::fstat(file.get(), &status) != 0) {
-            return {errno, FileDescriptor(), Lock::NotHeld};
+        if (::fstat(file.Get(), &status) != 0) {
+            return {errno, QxNSupport::UniqueFd(), Lock::NotHeld};
         }
         if (lock == Lock::NotHeld || !S_ISREG(status.st_mode)) {
             return {0, std::move(file), Lock::NotHeld};
@@ -77,7 +77,7 @@ OpenedFile openAndLock(const std::string& path, std::size_t maxBytes, std::size_
             return {0, std::move(file), lock};
         }
         if (::rename(path.c_str(), (path + ".1").c_str()) != 0) {
-            return {errno, FileDescriptor(), Lock::NotHeld};
+            return {errno, QxNSupport::UniqueFd(), Lock::NotHeld};
         }
     }
 }
@@ -85,7 +85,7 @@ OpenedFile openAndLock(const std::string& path, std::size_t maxBytes, std::size_
 int writeLine(const OpenedFile& opened, const std::string& line) {
     ssize_t count = 0;
     do {
-        count = ::write(opened.file.get(), line.data(), line.size());
+        count = ::write(opened.file.Get(), line.data(), line.size());
     } while (count < 0 && errno == EINTR);
     if (count < 0) {
         return errno;
@@ -95,8 +95,8 @@ int writeLine(const OpenedFile& opened, const std::string& line) {
     }
     if (opened.lock == Lock::Held) {
         struct stat status {};
-        if (::fstat(opened.file.get(), &status) != 0 ||
-            ::ftruncate(opened.file.get(), status.st_size - count) != 0) {
+        if (::fstat(opened.file.Get(), &status) != 0 ||
+            ::ftruncate(opened.file.Get(), status.st_size - count) != 0) {
             return errno;
         }
     }

@@ -10,9 +10,7 @@ namespace QxNLinuxPlatform {
 
 namespace {
 
-std::string textOrEmpty(const char* text) {
-    return text != nullptr ? text : "";
-}
+std::string textOrEmpty(const char* text) { return text != nullptr ? text : ""; }
 
 bool isBelowOrSame(const std::string& path, const std::string& directory) {
     return directory == "/" || path == directory ||

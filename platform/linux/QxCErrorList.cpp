@@ -11,9 +11,7 @@
 
 namespace {
 
-std::size_t atLeastZero(int value) {
-    return static_cast<std::size_t>(std::max(value, 0));
-}
+std::size_t atLeastZero(int value) { return static_cast<std::size_t>(std::max(value, 0)); }
 
 long long millisecondsNow() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
@@ -69,6 +67,4 @@ std::vector<QxSMessage> QxCErrorList::getMessages() const {
     return _impl->messages;
 }
 
-void QxCErrorList::reset() {
-    _impl->take();
-}
+void QxCErrorList::reset() { _impl->take(); }

@@ -24,13 +24,9 @@ QxCErrorManager* QxCErrorManager::getSingleton() {
     return manager;
 }
 
-bool QxCErrorManager::hasMasterErrorList() const {
-    return t_masterErrorList != nullptr;
-}
+bool QxCErrorManager::hasMasterErrorList() const { return t_masterErrorList != nullptr; }
 
-QxCErrorListPool* QxCErrorManager::getMasterErrorList() const {
-    return t_masterErrorList;
-}
+QxCErrorListPool* QxCErrorManager::getMasterErrorList() const { return t_masterErrorList; }
 
 void QxCErrorManager::setMasterErrorList(QxCErrorListPool* list, int thread, bool replace) {
     if (thread != CallingThread) {
@@ -75,6 +71,4 @@ QxCErrorList* QxCErrorManager::createMessageList(int /*group*/, int /*overflow*/
     return new QxCErrorList(maxEntries, maxEntryBytes);
 }
 
-void QxCErrorManager::deleteMessageList(QxCErrorList* list) {
-    delete list;
-}
+void QxCErrorManager::deleteMessageList(QxCErrorList* list) { delete list; }

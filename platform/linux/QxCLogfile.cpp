@@ -20,9 +20,7 @@ namespace {
 using namespace QxNLinuxPlatform;
 
 /// The log file must not be inherited by the programs that the process starts.
-void closeOnExec(const spdlog::filename_t&, std::FILE* file) {
-    ::fcntl(::fileno(file), F_SETFD, FD_CLOEXEC);
-}
+void closeOnExec(const spdlog::filename_t&, std::FILE* file) { ::fcntl(::fileno(file), F_SETFD, FD_CLOEXEC); }
 
 spdlog::sink_ptr openSink() {
     const std::string path = readTextOption("Log", "File", "/var/log/quolex/container.log");

@@ -2,6 +2,7 @@
 
 #include "CoreList.h"
 #include "CpuSetHierarchy.h"
+#include "CpuSetTree.h"
 #include "FileAccess.h"
 #include "PlatformMessages.h"
 #include "TextFormat.h"
@@ -81,10 +82,19 @@ bool inheritMemoryNodes(const CpuSet& set) {
     return write(set.directory + file, inherited.text);
 }
 
+bool writeCores(const CpuSet& set, const std::string& cores) {
+    if (set.version == CpuSetHierarchy::Version::V2) {
+        return write(set.directory + "/cpuset.cpus", cores);
+    }
+    const int error = redefineCores(set.directory, cores);
+    return error == 0 || fail("Cannot give the cores '" + cores + "' to '" + set.directory +
+                              "/cpuset.cpus': " + errorText(error));
+}
+
 bool create(const CpuSet& set, const QxTBitmap& mask) {
     const bool isV2 = set.version == CpuSetHierarchy::Version::V2;
     return (!isV2 || write(set.parent + "/cgroup.subtree_control", "+cpuset")) && makeGroup(set.directory) &&
-           (isV2 || inheritMemoryNodes(set)) && write(set.directory + "/cpuset.cpus", formatCores(mask));
+           (isV2 || inheritMemoryNodes(set)) && writeCores(set, formatCores(mask));
 }
 
 bool attach(const CpuSet& set, int thread) {
@@ -102,9 +112,7 @@ bool attach(const CpuSet& set, int thread) {
     return true;
 }
 
-int status(bool succeeded) {
-    return succeeded ? 0 : -1;
-}
+int status(bool succeeded) { return succeeded ? 0 : -1; }
 
 }  // namespace
 

@@ -33,12 +33,8 @@ std::optional<std::string> formatText(const char* format, std::va_list arguments
 }
 #pragma GCC diagnostic pop
 
-void printNotice(const std::string& text) {
-    std::fprintf(stderr, "Quolex platform: %s\n", text.c_str());
-}
+void printNotice(const std::string& text) { std::fprintf(stderr, "Quolex platform: %s\n", text.c_str()); }
 
-std::string errorText(int error) {
-    return std::generic_category().message(error);
-}
+std::string errorText(int error) { return std::generic_category().message(error); }
 
 }  // namespace QxNLinuxPlatform

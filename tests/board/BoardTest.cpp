@@ -16,9 +16,7 @@ namespace OnBoard {
 
 namespace {
 
-int ExitCodeOf(int status) {
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
+int ExitCodeOf(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status); }
 
 std::vector<std::string> Lines(const std::string& path) {
     std::vector<std::string> lines;
@@ -83,13 +81,9 @@ std::vector<std::string> Messages() {
     return messages;
 }
 
-void ConfigurePlatform(const std::string& ini) {
-    WriteFile("/etc/quolex/platform.ini", ini);
-}
+void ConfigurePlatform(const std::string& ini) { WriteFile("/etc/quolex/platform.ini", ini); }
 
-void WriteSettings(const std::string& json) {
-    WriteFile(SETTINGS_FILE, json);
-}
+void WriteSettings(const std::string& json) { WriteFile(SETTINGS_FILE, json); }
 
 int StateInFile() {
     std::ifstream file(SETTINGS_FILE);
@@ -116,9 +110,7 @@ std::string AskPodman(const std::string& endpoint) {
     return Output("curl -sf -m 30 --unix-socket /run/podman/podman.sock http://d/v5.8.1" + endpoint);
 }
 
-void ImportBusybox() {
-    Output("podman import /opt/board/busybox.tar localhost/busybox:1");
-}
+void ImportBusybox() { Output("podman import /opt/board/busybox.tar localhost/busybox:1"); }
 
 std::vector<pid_t> Processes(const std::string& text) {
     std::vector<pid_t> found;
@@ -163,7 +155,8 @@ std::vector<std::string> OpenDescriptors() {
 std::pair<int, int> PodmanVersion() {
     int major = 0;
     int minor = 0;
-    sscanf(Output("podman version --format '{{.Client.Version}}' 2>/dev/null").c_str(), "%d.%d", &major, &minor);
+    sscanf(Output("podman version --format '{{.Client.Version}}' 2>/dev/null").c_str(), "%d.%d", &major,
+           &minor);
     return {major, minor};
 }
 
@@ -192,9 +185,7 @@ Daemon::~Daemon() {
     }
 }
 
-void Daemon::Signal(int signal) const {
-    kill(_pid, signal);
-}
+void Daemon::Signal(int signal) const { kill(_pid, signal); }
 
 int Daemon::Wait() {
     int status = 0;

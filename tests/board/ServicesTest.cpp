@@ -26,9 +26,7 @@ QxCContainer& InitialisedService(const std::string& settings = R"({"enabled": tr
     return service;
 }
 
-bool IsWatched() {
-    return Logged("Spawned Podman correctly");
-}
+bool IsWatched() { return Logged("Spawned Podman correctly"); }
 
 /// Puts the certificates of the service in place; the client's stay beside the tests.
 void InstallCertificates() {

@@ -12,9 +12,7 @@ namespace {
 
 constexpr const char* WriteCache = "/sys/block/sda/queue/write_cache";
 
-bool EnabledInFile() {
-    return ReadFile(SETTINGS_FILE).find("\"enabled\": true") != std::string::npos;
-}
+bool EnabledInFile() { return ReadFile(SETTINGS_FILE).find("\"enabled\": true") != std::string::npos; }
 
 TEST(UserStorageOnBoard, IsUsable) {
     std::string reason;

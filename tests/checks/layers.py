@@ -13,7 +13,7 @@ import sys
 MAY_INCLUDE = {
     "include": {"platform/include"},
     "platform/include": set(),
-    "platform/linux": {"platform/include"},
+    "platform/linux": {"platform/include", "support"},
     "support": {"include", "platform/include"},
     "settings": {"include", "platform/include", "support"},
     "podman": {"include", "platform/include", "support"},
@@ -21,7 +21,7 @@ MAY_INCLUDE = {
     "crp": {"include", "platform/include", "support"},
     "service": {"include", "platform/include", "support"},
     "tools": {"include", "platform/include", "support", "crp"},
-    "host": {"include", "platform/include"},
+    "host": {"include", "platform/include", "support"},
 }
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"')
 

@@ -26,9 +26,7 @@ Answer ask(int selector = QxCBoardStatus::RealtimeApplicationLoaded, int instanc
     return {state, errors->getErrorCount()};
 }
 
-TEST(BoardStatus, HasNoRealtimeApplicationWithoutAFile) {
-    EXPECT_EQ(ask(), (Answer{0, 0}));
-}
+TEST(BoardStatus, HasNoRealtimeApplicationWithoutAFile) { EXPECT_EQ(ask(), (Answer{0, 0})); }
 
 TEST(BoardStatus, ReadsTheFileAtEachQuery) {
     Sandbox::WriteFile(File, "[Status]\nRealtimeApplicationLoaded=1\n");

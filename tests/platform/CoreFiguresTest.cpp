@@ -51,9 +51,7 @@ void pretendBoard() {
     pretendSystemCores("isolated", "2\n");
 }
 
-unsigned int hypervisorCores() {
-    return QxNHypervisor::QxCHypervisor::getInstance()->getTotalCoreCount();
-}
+unsigned int hypervisorCores() { return QxNHypervisor::QxCHypervisor::getInstance()->getTotalCoreCount(); }
 
 TEST(CoreFigures, AreTheSystemsByDefault) {
     pretendBoard();
@@ -131,9 +129,7 @@ TEST(CoreFigures, ReportAListThatIsNone) {
     EXPECT_EQ(errors->getErrorCount(), 1U);
 }
 
-TEST(Hypervisor, KeepsNoCoresByDefault) {
-    EXPECT_EQ(hypervisorCores(), 0U);
-}
+TEST(Hypervisor, KeepsNoCoresByDefault) { EXPECT_EQ(hypervisorCores(), 0U); }
 
 TEST(ContainerCores, AreRecordedForOtherPrograms) {
     QxCScannerBoardHw::setContainerRteCoresCount(3);

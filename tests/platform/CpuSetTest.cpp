@@ -6,9 +6,12 @@
 
 #include <gmock/gmock.h>
 #include <sys/mount.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <thread>
 
 using namespace PlatformTest;
@@ -34,6 +37,7 @@ protected:
     const char* name() const { return _group.name().c_str(); }
     std::string read(const char* file) const { return Sandbox::ReadFile(_group.directory() + '/' + file); }
     bool exists() const { return fs::exists(_group.directory()); }
+    std::string directory() const { return _group.directory(); }
 
     int create(std::uint64_t cores) const {
         const QxTBitmap mask{&cores, 64};
@@ -49,6 +53,83 @@ TEST_F(CpuSetV1, IsCreatedWithTheCoresOfTheMask) {
 
     EXPECT_EQ(read("cpuset.cpus"), "0-1\n");
     EXPECT_EQ(read("cpuset.mems"), Sandbox::ReadFile(std::string(Hierarchy) + "/cpuset.mems"));
+}
+
+/// A set below another, with a process in it, as a container is one.
+class SetBelow {
+public:
+    SetBelow(const std::string& parent, const char* name) : _directory(parent + "/" + name) {
+        fs::create_directory(_directory);
+        for (const char* file : {"/cpuset.mems", "/cpuset.cpus"}) {
+            std::ofstream(_directory + file) << Sandbox::ReadFile(parent + file);
+        }
+    }
+    SetBelow(const SetBelow&) = delete;
+    SetBelow& operator=(const SetBelow&) = delete;
+    ~SetBelow() {
+        if (_process > 0) {
+            kill(_process, SIGKILL);
+            waitpid(_process, nullptr, 0);
+        }
+        rmdir(_directory.c_str());
+    }
+
+    void enter() {
+        _process = fork();
+        if (_process == 0) {
+            pause();
+            _exit(0);
+        }
+        std::ofstream(_directory + "/cgroup.procs") << _process << std::flush;
+    }
+
+    const std::string& directory() const { return _directory; }
+
+private:
+    std::string _directory;
+    pid_t _process = -1;
+};
+
+TEST_F(CpuSetV1, LosesCoresThatSetsBelowItHaveToo) {
+    ASSERT_EQ(create(0b11), 0);
+    SetBelow container(directory(), "container");
+    SetBelow inner(container.directory(), "inner");
+    inner.enter();
+
+    EXPECT_EQ(create(0b10), 0);
+
+    EXPECT_EQ(read("cpuset.cpus"), "1\n");
+    EXPECT_EQ(Sandbox::ReadFile(inner.directory() + "/cpuset.cpus"), "1\n");
+}
+
+TEST_F(CpuSetV1, ExchangesCoresThatSetsBelowItHaveToo) {
+    ASSERT_EQ(create(0b01), 0);
+    SetBelow container(directory(), "container");
+    container.enter();
+
+    EXPECT_EQ(create(0b10), 0);
+
+    EXPECT_EQ(read("cpuset.cpus"), "1\n");
+    EXPECT_EQ(Sandbox::ReadFile(container.directory() + "/cpuset.cpus"), "1\n");
+}
+
+TEST_F(CpuSetV1, RemovesEmptySetsBelowThatStandInItsWay) {
+    ASSERT_EQ(create(0b11), 0);
+    const SetBelow left(directory(), "left-behind");
+
+    EXPECT_EQ(create(0), 0);
+
+    EXPECT_EQ(read("cpuset.cpus"), "\n");
+    EXPECT_FALSE(fs::exists(left.directory()));
+}
+
+TEST_F(CpuSetV1, KeepsSetsBelowThatAreNotInItsWay) {
+    ASSERT_EQ(create(0b10), 0);
+    const SetBelow left(directory(), "left-behind");
+
+    EXPECT_EQ(create(0b11), 0);
+
+    EXPECT_TRUE(fs::exists(left.directory()));
 }
 
 TEST_F(CpuSetV1, IsRedefined) {

@@ -12,9 +12,7 @@ using testing::IsEmpty;
 
 namespace {
 
-QxCErrorManager& manager() {
-    return *QxCErrorManager::getSingleton();
-}
+QxCErrorManager& manager() { return *QxCErrorManager::getSingleton(); }
 
 void setError(QxCErrorList& list, const char* text) {
     list.setMessage(QxNSeverity::Error, 0, 1, "test", "%s", text);

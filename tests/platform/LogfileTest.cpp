@@ -18,9 +18,7 @@ namespace {
 constexpr const char* File = "/var/log/quolex/container.log";
 constexpr const char* Configuration = "/etc/quolex/platform.ini";
 
-QxCLogfile& logfile() {
-    return *QxCLogfile::getInstance();
-}
+QxCLogfile& logfile() { return *QxCLogfile::getInstance(); }
 
 /// @return the text of a line behind time and thread
 std::string textOf(const std::string& line) {

@@ -46,9 +46,7 @@ private:
     pid_t _pid;
 };
 
-void sleepAs(const char* path, const char* argumentZero) {
-    ::execl(path, argumentZero, "1000", nullptr);
-}
+void sleepAs(const char* path, const char* argumentZero) { ::execl(path, argumentZero, "1000", nullptr); }
 
 /// @return a process in which the program runs, under the name of its file unless told otherwise
 std::unique_ptr<Child> run(const std::string& path, const char* argumentZero = nullptr) {
@@ -218,9 +216,7 @@ TEST(Signal, ToNoPositiveIdReachesNobody) {
     EXPECT_EQ(::waitpid(static_cast<pid_t>(bystander.id()), nullptr, WNOHANG), 0) << "still runs";
 }
 
-TEST(Signal, ToTheFirstProcessIsAllowed) {
-    EXPECT_TRUE(signalProcess(1, 0, 0));
-}
+TEST(Signal, ToTheFirstProcessIsAllowed) { EXPECT_TRUE(signalProcess(1, 0, 0)); }
 
 TEST(Signal, ToAProcessThatDoesNotExistFails) {
     EXPECT_FALSE(signalProcess(std::numeric_limits<int>::max(), SIGWINCH, 0));

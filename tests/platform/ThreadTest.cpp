@@ -20,9 +20,7 @@ long long millisecondsSince(Clock::time_point start) {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count();
 }
 
-void* returnArgument(void* argument) {
-    return argument;
-}
+void* returnArgument(void* argument) { return argument; }
 
 void* waitForFlag(void* argument) {
     const auto* const flag = static_cast<std::atomic<bool>*>(argument);
@@ -32,9 +30,7 @@ void* waitForFlag(void* argument) {
     return nullptr;
 }
 
-long threadCount() {
-    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
-}
+long threadCount() { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); }
 
 /// Lets every thread ask for more stack than there is.
 void preventThreads() {

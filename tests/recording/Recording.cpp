@@ -86,7 +86,8 @@ std::vector<std::string> Logs() {
 std::vector<std::string> Messages() {
     std::vector<std::string> messages;
     for (const std::string& event : Events("message ")) {
-        messages.push_back(event.substr(event.find('=') + 1, 1) + " " + event.substr(event.find("text=") + 5));
+        messages.push_back(event.substr(event.find('=') + 1, 1) + " " +
+                           event.substr(event.find("text=") + 5));
     }
     return messages;
 }
@@ -125,7 +126,8 @@ struct QxCErrorList::Impl {
 QxCErrorList::QxCErrorList(int, int) : _impl(std::make_unique<Impl>()) { ++liveLists; }
 QxCErrorList::~QxCErrorList() { --liveLists; }
 
-void QxCErrorList::setMessage(int severity, int group, int number, const char* source, const char* format, ...) {
+void QxCErrorList::setMessage(int severity, int group, int number, const char* source, const char* format,
+                              ...) {
     va_list arguments;
     va_start(arguments, format);
     _impl->messages.push_back({0, severity, number, source, Format(format, arguments)});

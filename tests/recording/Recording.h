@@ -33,7 +33,8 @@ struct Script {
     std::map<std::string, unsigned int> processes;  ///< answer of getProcessID; others are not found
     bool signalProcessFails = false;
 
-    std::function<void(const std::string& event)> onEvent;  ///< called with every event, on the caller's thread
+    std::function<void(const std::string& event)>
+        onEvent;  ///< called with every event, on the caller's thread
 };
 
 Script& TheScript();
@@ -43,8 +44,8 @@ Script& TheScript();
 ///   "getOption(section, option, default, 0)"
 ///   "message severity=3 group=0 number=151 source=... text=..."   one message handed to the message manager
 ///   "setContainerRteCoresCount(0)", "getBlockDeviceMountInfo", "getCnCoreCount", "getState(6, 0)"
-///   "CpuSetCreate(libpod_parent, 1 6 7 of 8)", "CpuSetLoadBalance(libpod_parent, 1)", "CpuSetAttach(libpod_parent, 0)"
-///   "createThread(PodmanServiceMonitor, 1, 5, 0)", "joinThread(-1)"
+///   "CpuSetCreate(libpod_parent, 1 6 7 of 8)", "CpuSetLoadBalance(libpod_parent, 1)",
+///   "CpuSetAttach(libpod_parent, 0)", "createThread(PodmanServiceMonitor, 1, 5, 0)", "joinThread(-1)"
 ///   "getProcessID(name)", "signalProcess(pid, signal, value)"
 ///   "createErrorList(0, 1, 20, 5, 300)", "deleteErrorList", "createMessageList(...)", "resetList",
 ///   "deleteMessageList", "setMasterErrorList(-1, 0)", "sendErrorList(0)", "clearMasterErrorList(-1)"

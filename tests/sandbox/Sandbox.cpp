@@ -1,5 +1,11 @@
 #include "Sandbox.h"
 
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -7,13 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <sched.h>
 #include <sstream>
-#include <sys/mount.h>
-#include <sys/prctl.h>
-#include <sys/syscall.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 namespace fs = std::filesystem;
 
@@ -25,8 +25,8 @@ constexpr const char* CallLog = "/programs.log";
 
 void Require(bool ok, const char* step) {
     if (!ok) {
-        fprintf(stderr, "sandbox: %s: %s (tests need root and namespaces; run them through ./qx test)\n", step,
-                strerror(errno));
+        fprintf(stderr, "sandbox: %s: %s (tests need root and namespaces; run them through ./qx test)\n",
+                step, strerror(errno));
         _exit(97);
     }
 }
@@ -39,8 +39,9 @@ void MountRoot() {
         fs::create_directory(base + directory);
     }
     const std::string root = base + "/root";
-    Require(mount("overlay", root.c_str(), "overlay", 0, "lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work") == 0,
-            "mount overlay");
+    Require(
+        mount("overlay", root.c_str(), "overlay", 0, "lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work") == 0,
+        "mount overlay");
     for (const char* tree : {"/dev", "/sys", QX_BUILD_DIR}) {
         Require(mount(tree, (root + tree).c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, tree);
     }
@@ -53,9 +54,10 @@ void MountRoot() {
 }
 
 void RemoveProductPaths() {
-    for (const char* path : {"/bin/podman", "/bin/crun", "/usr/bin/conmon", "/bin/docker-compose", "/opt/cni",
-                             "/etc/containers", "/etc/quolex", "/var/lib/containers", "/var/log/quolex",
-                             "/mnt/containers_tools", "/mnt/cfdrive", "/userstorage1", "/usr/Quolex", CallLog}) {
+    for (const char* path :
+         {"/bin/podman", "/bin/crun", "/usr/bin/conmon", "/bin/docker-compose", "/opt/cni", "/etc/containers",
+          "/etc/quolex", "/var/lib/containers", "/var/log/quolex", "/mnt/containers_tools", "/mnt/cfdrive",
+          "/userstorage1", "/usr/Quolex", CallLog}) {
         fs::remove_all(path);
     }
 }

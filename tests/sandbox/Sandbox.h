@@ -4,12 +4,13 @@
 #include <vector>
 
 /// A world of its own for a test process: a copy-on-write view of the root file system in mount and process
-/// namespaces that end with the process. Every absolute path of the product is real there, and empty at the start.
+/// namespaces that end with the process. Every absolute path of the product is real there, and empty at the
+/// start.
 namespace Sandbox {
 
-/// Moves this process into a sandbox; called once, before there are threads. Ends the process with a message when
-/// the machine does not allow it (root is needed). Returns in the sandbox; the caller's exit status becomes that of
-/// the program.
+/// Moves this process into a sandbox; called once, before there are threads. Ends the process with a message
+/// when the machine does not allow it (root is needed). Returns in the sandbox; the caller's exit status
+/// becomes that of the program.
 void Enter();
 
 /// Installs a program that records its call and then does what the script says.

@@ -1,11 +1,11 @@
-// A stand-in for a program of the board: appends its call to /programs.log, one field per line, and becomes a shell
-// that runs the script beside it.
+// A stand-in for a program of the board: appends its call to /programs.log, one field per line, and becomes a
+// shell that runs the script beside it.
 
+#include <fcntl.h>
+#include <unistd.h>
 #include <climits>
 #include <cstdlib>
-#include <fcntl.h>
 #include <string>
-#include <unistd.h>
 
 namespace {
 

@@ -16,13 +16,9 @@ using namespace QxNContainer::QxNContainerPaths;
 inline constexpr const char* WriteCache = "/sys/block/sda/queue/write_cache";
 
 /// Writes the settings file as another program would.
-inline void WriteSettings(const std::string& json) {
-    Sandbox::WriteFile(SETTINGS_FILE, json);
-}
+inline void WriteSettings(const std::string& json) { Sandbox::WriteFile(SETTINGS_FILE, json); }
 
-inline std::string Settings() {
-    return Sandbox::ReadFile(SETTINGS_FILE);
-}
+inline std::string Settings() { return Sandbox::ReadFile(SETTINGS_FILE); }
 
 /// Mounts something at "/userstorage1", so that it is a mount point; what it is the script says.
 inline void MountUserStorage() {

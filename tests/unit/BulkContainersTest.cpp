@@ -66,7 +66,8 @@ TEST_P(BulkContainers, ReportsTheExitStatus) {
 
     (Service().*GetParam().run)();
 
-    EXPECT_THAT(Recording::Logs(), ElementsAre(GetParam().announcement, std::string(GetParam().exitFailure) + "125."));
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre(GetParam().announcement, std::string(GetParam().exitFailure) + "125."));
 }
 
 TEST_P(BulkContainers, ReportsMinusOneWhenPodmanWasKilled) {
@@ -74,7 +75,8 @@ TEST_P(BulkContainers, ReportsMinusOneWhenPodmanWasKilled) {
 
     (Service().*GetParam().run)();
 
-    EXPECT_THAT(Recording::Logs(), ElementsAre(GetParam().announcement, std::string(GetParam().exitFailure) + "-1."));
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre(GetParam().announcement, std::string(GetParam().exitFailure) + "-1."));
 }
 
 TEST_P(BulkContainers, WaitsForPodmanAndLeavesNothingBehind) {
@@ -92,11 +94,12 @@ TEST_P(BulkContainers, WaitsForPodmanAndLeavesNothingBehind) {
 INSTANTIATE_TEST_SUITE_P(
     Both, BulkContainers,
     testing::Values(
-        Operation{"Start", &QxCContainer::StartAllContainers, "podman start --all --filter restart-policy=always",
-                  "[INFO] Quolex Container Utils: Starting all containers with --restart=always policy...",
-                  "[INFO] Quolex Container Utils: All containers with restart-policy=always started successfully.",
-                  "Quolex Container Utils: Failed to start all containers: ",
-                  "[ERROR] Quolex Container Utils: podman start --all exited with status "},
+        Operation{
+            "Start", &QxCContainer::StartAllContainers, "podman start --all --filter restart-policy=always",
+            "[INFO] Quolex Container Utils: Starting all containers with --restart=always policy...",
+            "[INFO] Quolex Container Utils: All containers with restart-policy=always started successfully.",
+            "Quolex Container Utils: Failed to start all containers: ",
+            "[ERROR] Quolex Container Utils: podman start --all exited with status "},
         Operation{"Stop", &QxCContainer::StopAllContainers, "podman stop --all --time 10",
                   "[INFO] Quolex Container Utils: Stopping all running containers...",
                   "[INFO] Quolex Container Utils: All containers stopped successfully.",
@@ -156,8 +159,9 @@ TEST(InventoryScan, WithoutTheInventoryManagerWarnsAndFails) {
     EXPECT_FALSE(service.TriggerInventoryTreeScan());
 
     EXPECT_THAT(Recording::Events("signalProcess"), ElementsAre("signalProcess(0, 28, 0)"));
-    EXPECT_THAT(Recording::Logs(),
-                ElementsAre("[WARNING] Quolex Container Service: Sending inventory manager notification failed"));
+    EXPECT_THAT(
+        Recording::Logs(),
+        ElementsAre("[WARNING] Quolex Container Service: Sending inventory manager notification failed"));
     EXPECT_THAT(Recording::Messages(), IsEmpty());
 }
 

@@ -11,7 +11,8 @@ using testing::IsEmpty;
 namespace {
 
 /// A board and what its containers are to get.
-QxCContainer& Service(unsigned int total, unsigned int usable, unsigned int hypervisor, unsigned int requested) {
+QxCContainer& Service(unsigned int total, unsigned int usable, unsigned int hypervisor,
+                      unsigned int requested) {
     TheScript().totalCores = total;
     TheScript().usableCores = usable;
     TheScript().hypervisorCores = hypervisor;
@@ -47,15 +48,17 @@ TEST(CpuCores, MoreThanAllowedIsAnErrorAndChangesNothing) {
 
     EXPECT_THAT(Recording::Events("C"), IsEmpty());
     EXPECT_THAT(Recording::Events("set"), IsEmpty());
-    EXPECT_THAT(Recording::Logs(), ElementsAre("[ERROR] Quolex Container Utils: Invalid number of cores assigned to "
-                                               "container: 6. Max allowed is 5"));
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre("[ERROR] Quolex Container Utils: Invalid number of cores assigned to "
+                            "container: 6. Max allowed is 5"));
 }
 
 TEST(CpuCores, TheMaximumItselfIsAllowed) {
     EXPECT_TRUE(Service(8, 4, 2, 5).AssignCpuCores());
 
     EXPECT_THAT(Recording::Events("set"), ElementsAre("setContainerRteCoresCount(3)"));
-    EXPECT_THAT(Recording::Events("CpuSetCreate"), ElementsAre("CpuSetCreate(libpod_parent, 1 2 3 6 7 of 8)"));
+    EXPECT_THAT(Recording::Events("CpuSetCreate"),
+                ElementsAre("CpuSetCreate(libpod_parent, 1 2 3 6 7 of 8)"));
 }
 
 TEST(CpuCores, LinuxGivesAllWhenNothingIsUnused) {
@@ -86,10 +89,11 @@ TEST(CpuCores, AreLoggedOneByOneInVerboseDebug) {
 
     EXPECT_THAT(
         Recording::Logs(),
-        ElementsAre("[DEBUG] Quolex Container Utils: Total CPUs: 8, Usable Cpus: 4, Max Allowed Cpus: 5",
-                    "[DEBUG_VERBOSE] Quolex Container Utils: Assigning unused physical core 6 to container runtime",
-                    "[DEBUG_VERBOSE] Quolex Container Utils: Assigning unused physical core 7 to container runtime",
-                    "[DEBUG_VERBOSE] Quolex Container Utils: Assigning usable core 1 to container runtime"));
+        ElementsAre(
+            "[DEBUG] Quolex Container Utils: Total CPUs: 8, Usable Cpus: 4, Max Allowed Cpus: 5",
+            "[DEBUG_VERBOSE] Quolex Container Utils: Assigning unused physical core 6 to container runtime",
+            "[DEBUG_VERBOSE] Quolex Container Utils: Assigning unused physical core 7 to container runtime",
+            "[DEBUG_VERBOSE] Quolex Container Utils: Assigning usable core 1 to container runtime"));
 }
 
 TEST(CpuCores, OnlyTheFiguresAreLoggedInDebug) {
@@ -97,8 +101,9 @@ TEST(CpuCores, OnlyTheFiguresAreLoggedInDebug) {
 
     EXPECT_TRUE(Service(8, 4, 2, 3).AssignCpuCores());
 
-    EXPECT_THAT(Recording::Logs(), ElementsAre("[DEBUG] Quolex Container Utils: Total CPUs: 8, Usable Cpus: 4, Max "
-                                               "Allowed Cpus: 5"));
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre("[DEBUG] Quolex Container Utils: Total CPUs: 8, Usable Cpus: 4, Max "
+                            "Allowed Cpus: 5"));
 }
 
 TEST(CpuCores, BeyondTheBoardAreLeftOutOfTheMask) {

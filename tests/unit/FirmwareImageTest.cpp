@@ -15,7 +15,8 @@ using testing::UnorderedElementsAre;
 namespace {
 
 constexpr const char* MissingLine =
-    "[ERROR] Quolex Container Utils: If you recently activated the container runtime support this is expected. Please "
+    "[ERROR] Quolex Container Utils: If you recently activated the container runtime support this is "
+    "expected. Please "
     "perform an update to install the missing firmware elements.";
 
 QxCContainer& Service() {
@@ -62,7 +63,8 @@ TEST(FirmwareImage, IsTakenAsMountedWhenTheMountPointExists) {
     EXPECT_TRUE(Service().MountFwFile());
 
     EXPECT_THAT(Sandbox::Calls(), IsEmpty());
-    EXPECT_THAT(Recording::Logs(), ElementsAre("[INFO] Quolex Container Utils: Firmware File is already mounted"));
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre("[INFO] Quolex Container Utils: Firmware File is already mounted"));
 }
 
 TEST(FirmwareImage, MissingWithTheServiceEnabledIsAnErrorAndCreatesNothing) {
@@ -202,7 +204,8 @@ TEST(ToolLinks, AMissingPluginDirectoryReachesTheCaller) {
 
 TEST(DockerHost, IsPublishedInEnvironmentAndFile) {
     setenv("DOCKER_HOST", "old", 1);
-    Sandbox::WriteFile("/run/QxContainerRTE.docker_host", "something longer than the address that it will hold");
+    Sandbox::WriteFile("/run/QxContainerRTE.docker_host",
+                       "something longer than the address that it will hold");
 
     Service().ConfigureDockerHost();
 

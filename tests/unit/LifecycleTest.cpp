@@ -43,7 +43,8 @@ TEST(Service, IsOneObject) { EXPECT_EQ(&QxCContainer::GetInstance(), &QxCContain
 TEST(Service, BeginsNotInitialisedWhateverTheFileSaid) {
     Board::WriteSettings(R"({"enabled": true, "state": 2})");
 
-    EXPECT_EQ(QxCContainer::GetInstance().GetContainerServiceStatus(false), ContainerServiceState::NotInitialized);
+    EXPECT_EQ(QxCContainer::GetInstance().GetContainerServiceStatus(false),
+              ContainerServiceState::NotInitialized);
     EXPECT_EQ(StateInFile(), 0);
     EXPECT_TRUE(EnabledInFile());
 }
@@ -201,7 +202,8 @@ TEST(Start, CreatesTheMonitorThreadAndIsRunning) {
 
     EXPECT_TRUE(service.Start());
 
-    EXPECT_THAT(Recording::Events("createThread"), ElementsAre("createThread(PodmanServiceMonitor, 1, 5, 0)"));
+    EXPECT_THAT(Recording::Events("createThread"),
+                ElementsAre("createThread(PodmanServiceMonitor, 1, 5, 0)"));
     EXPECT_EQ(service.GetContainerServiceStatus(false), ContainerServiceState::Running);
     EXPECT_EQ(StateInFile(), 2);
     service.Stop();
@@ -245,8 +247,9 @@ TEST(Stop, WithoutAStartSignalsNothingAndStopsNoContainer) {
 
     EXPECT_TRUE(service.Stop());
 
-    EXPECT_THAT(Recording::Events(), ElementsAre("setContainerRteCoresCount(0)", "createErrorList(0, 1, 20, 5, 300)",
-                                                 "getBlockDeviceMountInfo", "deleteErrorList"));
+    EXPECT_THAT(Recording::Events(),
+                ElementsAre("setContainerRteCoresCount(0)", "createErrorList(0, 1, 20, 5, 300)",
+                            "getBlockDeviceMountInfo", "deleteErrorList"));
     EXPECT_THAT(Sandbox::Calls(), IsEmpty());
     EXPECT_EQ(service.GetContainerServiceStatus(false), ContainerServiceState::Stopped);
     EXPECT_EQ(StateInFile(), 3);
@@ -290,8 +293,9 @@ TEST(EnableService, WritesTheFileAndSaysSoAtDebug) {
     EXPECT_TRUE(service.DisableContainerService());
     EXPECT_FALSE(EnabledInFile());
 
-    EXPECT_THAT(Recording::Logs(), ElementsAre("[DEBUG] Quolex Container Utils: Enabling container service.",
-                                               "[DEBUG] Quolex Container Utils: Disabling container service."));
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre("[DEBUG] Quolex Container Utils: Enabling container service.",
+                            "[DEBUG] Quolex Container Utils: Disabling container service."));
 }
 
 TEST(EnableService, SaysNothingUnlessDebugIsOn) {

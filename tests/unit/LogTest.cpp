@@ -24,19 +24,20 @@ TEST(Log, NamesEveryLevelAndNotifiesForFourToSixOnly) {
     QxCRTE_LOG_Impl(-1, "negative");
 
     EXPECT_THAT(Recording::Logs(),
-                ElementsAre("[DEBUG] m0", "[DEBUG_VERBOSE] m1", "[INFO] m2", "[WARNING] m3", "[ERROR] m4", "[INFO] m5",
-                            "[WARNING] m6", "[UNKNOWN] m7", "[UNKNOWN] negative"));
+                ElementsAre("[DEBUG] m0", "[DEBUG_VERBOSE] m1", "[INFO] m2", "[WARNING] m3", "[ERROR] m4",
+                            "[INFO] m5", "[WARNING] m6", "[UNKNOWN] m7", "[UNKNOWN] negative"));
     EXPECT_THAT(Recording::Messages(), ElementsAre("3 m4", "1 m5", "2 m6"));
 }
 
 TEST(Log, HandsErrorsToTheMessageManagerThroughATemporaryListThatIsDeleted) {
     QxCRTE_LOG_Impl(RteLogLevel::Error, "100%% %s", "bad");
 
-    EXPECT_THAT(Recording::Events(),
-                ElementsAre("log [ERROR] 100% bad\n", "createErrorList(0, 1, 20, 5, 300)",
-                            "createMessageList(0, 1, 100, 5, 300)",
-                            "message severity=3 group=0 number=151 source=Quolex Container Runtime text=100% bad",
-                            "resetList", "deleteMessageList", "deleteErrorList"));
+    EXPECT_THAT(
+        Recording::Events(),
+        ElementsAre("log [ERROR] 100% bad\n", "createErrorList(0, 1, 20, 5, 300)",
+                    "createMessageList(0, 1, 100, 5, 300)",
+                    "message severity=3 group=0 number=151 source=Quolex Container Runtime text=100% bad",
+                    "resetList", "deleteMessageList", "deleteErrorList"));
     EXPECT_EQ(Recording::LiveLists(), 0);
 }
 
@@ -87,12 +88,12 @@ TEST_P(LogThreshold, FollowsTheConfiguredTextWithoutRegardToCase) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Options, LogThreshold,
-                         testing::Values(ThresholdCase{"debug", true, false}, ThresholdCase{"DEBUG", true, false},
-                                         ThresholdCase{"DEBUG_VERBOSE", true, true},
-                                         ThresholdCase{"Debug_Verbose", true, true},
-                                         ThresholdCase{"INFO", false, false}, ThresholdCase{"WARNING", false, false},
-                                         ThresholdCase{"DEBUG ", false, false}, ThresholdCase{"", false, false}));
+INSTANTIATE_TEST_SUITE_P(
+    Options, LogThreshold,
+    testing::Values(ThresholdCase{"debug", true, false}, ThresholdCase{"DEBUG", true, false},
+                    ThresholdCase{"DEBUG_VERBOSE", true, true}, ThresholdCase{"Debug_Verbose", true, true},
+                    ThresholdCase{"INFO", false, false}, ThresholdCase{"WARNING", false, false},
+                    ThresholdCase{"DEBUG ", false, false}, ThresholdCase{"", false, false}));
 
 TEST(Log, ReadsTheThresholdOnceAndWithTheDefaultInfo) {
     TheScript().logLevelIsSet = false;

@@ -2,15 +2,15 @@
 #include "FakePodman.h"
 #include "QxCContainer.h"
 
-#include <chrono>
-#include <csignal>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <thread>
 #include <unistd.h>
+#include <chrono>
+#include <csignal>
+#include <thread>
 
 using QxNContainer::QxCContainer;
 using Recording::TheScript;
@@ -95,10 +95,11 @@ TEST(Supervision, AttachesToTheCpuSetFirstAndCollectsErrorsUntilItsEnd) {
 
     RunMonitor(service);
 
-    EXPECT_THAT(Recording::Events(),
-                ElementsAre("CpuSetAttach(libpod_parent, 0)", "createErrorList(0, 1, 20, 5, 300)",
-                            "setMasterErrorList(-1, 0)", StartsWith("log "), StartsWith("log "), StartsWith("log "),
-                            StartsWith("log "), "sendErrorList(0)", "clearMasterErrorList(-1)", "deleteErrorList"));
+    EXPECT_THAT(
+        Recording::Events(),
+        ElementsAre("CpuSetAttach(libpod_parent, 0)", "createErrorList(0, 1, 20, 5, 300)",
+                    "setMasterErrorList(-1, 0)", StartsWith("log "), StartsWith("log "), StartsWith("log "),
+                    StartsWith("log "), "sendErrorList(0)", "clearMasterErrorList(-1)", "deleteErrorList"));
     EXPECT_EQ(Recording::LiveLists(), 0);
 }
 
@@ -170,7 +171,8 @@ TEST_P(AcceptedPort, IsPassedOnAsItIs) {
     waitpid(pid, nullptr, 0);
     EXPECT_THAT(FakePodman::CommandLines(),
                 ElementsAre("podman system service --time=0 tcp:0.0.0.0:" + std::to_string(port)));
-    EXPECT_FALSE(std::filesystem::exists("/run/podman")) << "only the Unix service needs the socket's directory";
+    EXPECT_FALSE(std::filesystem::exists("/run/podman"))
+        << "only the Unix service needs the socket's directory";
 }
 
 INSTANTIATE_TEST_SUITE_P(Any, AcceptedPort, testing::Values(1U, 79U, 443U, 65536U, 4294967295U));
@@ -188,8 +190,9 @@ TEST(SupervisionTls, IsEnabledWhenAllThreeFilesAreThere) {
                             "/mnt/cfdrive/containers/certs/ca.crt", "--tls-cert",
                             "/mnt/cfdrive/containers/certs/server.crt", "--tls-key",
                             "/mnt/cfdrive/containers/certs/server.key", "tcp:0.0.0.0:8080"));
-    EXPECT_THAT(Recording::Logs(),
-                ElementsAre("[INFO] Quolex Container Utils: Certificates found, enabling TLS for Podman service."));
+    EXPECT_THAT(
+        Recording::Logs(),
+        ElementsAre("[INFO] Quolex Container Utils: Certificates found, enabling TLS for Podman service."));
 }
 
 class IncompleteCertificates : public testing::TestWithParam<std::vector<const char*>> {};
@@ -204,7 +207,8 @@ TEST_P(IncompleteCertificates, AreAWarningToTheUserAndGiveNoTls) {
     waitpid(Service(0).SpawnPodmanService(8080), nullptr, 0);
 
     const std::string line =
-        "Quolex Container Utils: Certificates directory exists but not all required files (ca.crt, server.crt, "
+        "Quolex Container Utils: Certificates directory exists but not all required files (ca.crt, "
+        "server.crt, "
         "server.key) are not found. TLS will not be enabled.";
     EXPECT_THAT(Recording::Logs(), ElementsAre("[WARNING] " + line));
     EXPECT_THAT(Recording::Messages(), ElementsAre("2 " + line));
@@ -259,13 +263,17 @@ TEST(Supervision, AMissingPodmanIsReportedByEveryStep) {
 
     RunMonitor(service);
 
-    const std::string summary = "Quolex Container Utils: Failed to spawn Podman service: Unix socket service failed. "
-                                "TCP service failed. ";
-    const std::string spawn = "[ERROR] Quolex Container Utils: posix_spawn failed to execute: No such file or directory";
-    EXPECT_THAT(Recording::Logs(),
-                ElementsAre(StartLine,
-                            "[ERROR] Quolex Container Utils: Failed to start all containers: No such file or directory",
-                            spawn, NoCertificatesLine, spawn, "[ERROR] " + summary));
+    const std::string summary =
+        "Quolex Container Utils: Failed to spawn Podman service: Unix socket service failed. "
+        "TCP service failed. ";
+    const std::string spawn =
+        "[ERROR] Quolex Container Utils: posix_spawn failed to execute: No such file or directory";
+    EXPECT_THAT(
+        Recording::Logs(),
+        ElementsAre(
+            StartLine,
+            "[ERROR] Quolex Container Utils: Failed to start all containers: No such file or directory",
+            spawn, NoCertificatesLine, spawn, "[ERROR] " + summary));
     EXPECT_THAT(Recording::Messages(), Contains("3 " + summary));
     EXPECT_THAT(Recording::Events("sendErrorList"), ElementsAre("sendErrorList(0)"));
 }
@@ -277,8 +285,10 @@ TEST(Supervision, AUnixServiceThatCannotBeSpawnedIsReportedAlone) {
 
     RunMonitor(service);
 
-    EXPECT_THAT(Recording::Logs(),
-                Contains("[ERROR] Quolex Container Utils: Failed to spawn Podman service: Unix socket service failed. "));
+    EXPECT_THAT(
+        Recording::Logs(),
+        Contains(
+            "[ERROR] Quolex Container Utils: Failed to spawn Podman service: Unix socket service failed. "));
     service.Stop();
     EXPECT_THAT(Recording::Logs(), Not(Contains(HasSubstr("Shutting down")))) << "there is nothing to signal";
 }
@@ -290,8 +300,9 @@ TEST(Supervision, ATcpServiceThatCannotBeSpawnedIsReportedAlone) {
 
     RunMonitor(service);
 
-    EXPECT_THAT(Recording::Logs(),
-                Contains("[ERROR] Quolex Container Utils: Failed to spawn Podman service: TCP service failed. "));
+    EXPECT_THAT(
+        Recording::Logs(),
+        Contains("[ERROR] Quolex Container Utils: Failed to spawn Podman service: TCP service failed. "));
     service.Stop();
     EXPECT_THAT(Recording::Logs(),
                 Contains("[INFO] Quolex Container Utils: Shutting down Unix Podman service..."));
@@ -331,9 +342,10 @@ TEST(Supervision, AnErrorCodeOfTheTcpServiceIsAnErrorWithItsLabel) {
 
     RunMonitor(service);
 
-    EXPECT_THAT(Recording::Logs().back(),
-                testing::MatchesRegex("\\[ERROR\\] Quolex Container Utils: TCP Podman service \\(PID: [0-9]+\\) - "
-                                      "Error code 125"));
+    EXPECT_THAT(
+        Recording::Logs().back(),
+        testing::MatchesRegex("\\[ERROR\\] Quolex Container Utils: TCP Podman service \\(PID: [0-9]+\\) - "
+                              "Error code 125"));
     EXPECT_EQ(Recording::Messages().size(), 1U);
     service.Stop();
 }
@@ -436,7 +448,8 @@ TEST(Supervision, AFailingWaitIsAnErrorAndEndsTheThread) {
     RunMonitor(service);
     setrlimit(RLIMIT_NOFILE, &original);
 
-    EXPECT_EQ(Recording::Logs().back(), "[ERROR] Quolex Container Utils: poll on pidfds failed: Invalid argument");
+    EXPECT_EQ(Recording::Logs().back(),
+              "[ERROR] Quolex Container Utils: poll on pidfds failed: Invalid argument");
     service.Stop();
 }
 
@@ -455,7 +468,8 @@ TEST(Supervision, AProcessDescriptorThatCannotBeOpenedIsAnErrorAndEndsTheThread)
     RunMonitor(service);
     setrlimit(RLIMIT_NOFILE, &original);
 
-    EXPECT_EQ(Recording::Logs().back(), "[ERROR] Quolex Container Utils: pidfd_open failed: Too many open files");
+    EXPECT_EQ(Recording::Logs().back(),
+              "[ERROR] Quolex Container Utils: pidfd_open failed: Too many open files");
     EXPECT_THAT(Recording::Logs(), Not(Contains(SpawnedLine)));
     EXPECT_NE(fcntl(Limit - 1, F_GETFD), -1) << "the descriptor that was opened before stays open";
     service.Stop();
@@ -482,8 +496,9 @@ TEST(Supervision, StopEndsBothServicesAndTheThread) {
 
 TEST(Supervision, StopSignalsBeforeItStopsContainersBeforeItJoins) {
     // Podman's stop waits for the service to have got its signal: in another order it would give up.
-    FakePodman{.stop = "n=0; while ! grep -q TERM /terminations 2>/dev/null && [ $n -lt 500 ]; do sleep 0.02; "
-                       "n=$((n+1)); done; cat /terminations > /seen-by-stop; touch /end",
+    FakePodman{.stop =
+                   "n=0; while ! grep -q TERM /terminations 2>/dev/null && [ $n -lt 500 ]; do sleep 0.02; "
+                   "n=$((n+1)); done; cat /terminations > /seen-by-stop; touch /end",
                .unixService = FakePodman::CountTerminations}
         .Install();
     QxCContainer& service = Service(0);

@@ -58,18 +58,20 @@ INSTANTIATE_TEST_SUITE_P(
         RefusalCase{"Missing", [] {}, "Container service requires a mounted userstorage1 device"},
         RefusalCase{"PlainDirectory", [] { std::filesystem::create_directory("/userstorage1"); },
                     "Container service requires a mounted userstorage1 device"},
-        RefusalCase{"NotInTheMountInformation",
-                    [] {
-                        Board::MountUserStorage();
-                        TheScript().mounts = {{"/userstorage", "/dev/sda1", 2}, {"/userstorage12", "/dev/sda2", 2}};
-                    },
-                    "Container service could not find the userstorage1 device among the mounted block devices"},
-        RefusalCase{"OtherFileSystem",
-                    [] {
-                        Board::MountUserStorage();
-                        TheScript().mounts = {{"/userstorage1", "/dev/sda1", 3}, {"/userstorage1", "/dev/sda1", 2}};
-                    },
-                    "Container service requires EXT4 filesystem type on user storage device"}),
+        RefusalCase{
+            "NotInTheMountInformation",
+            [] {
+                Board::MountUserStorage();
+                TheScript().mounts = {{"/userstorage", "/dev/sda1", 2}, {"/userstorage12", "/dev/sda2", 2}};
+            },
+            "Container service could not find the userstorage1 device among the mounted block devices"},
+        RefusalCase{
+            "OtherFileSystem",
+            [] {
+                Board::MountUserStorage();
+                TheScript().mounts = {{"/userstorage1", "/dev/sda1", 3}, {"/userstorage1", "/dev/sda1", 2}};
+            },
+            "Container service requires EXT4 filesystem type on user storage device"}),
     [](const auto& test) { return std::string(test.param.name); });
 
 TEST(UserStorage, MissingMountInformationIsAnError) {
@@ -81,8 +83,9 @@ TEST(UserStorage, MissingMountInformationIsAnError) {
     EXPECT_FALSE(service.HasValidUserStorage(&reason));
 
     EXPECT_EQ(reason, "Container service could not determine the mounted block devices");
-    EXPECT_THAT(Recording::Logs(),
-                testing::Contains("[ERROR] Quolex Container Utils:Error: Could not parse device information\n"));
+    EXPECT_THAT(
+        Recording::Logs(),
+        testing::Contains("[ERROR] Quolex Container Utils:Error: Could not parse device information\n"));
 }
 
 TEST(UserStorage, AskForMountsWithTheMasterListWhereThereIsOne) {
@@ -123,8 +126,10 @@ TEST_P(DiskName, IsThePartitionWithoutItsNumber) {
 INSTANTIATE_TEST_SUITE_P(Devices, DiskName,
                          testing::Values(DiskCase{"/dev/sda1", "sda"}, DiskCase{"/dev/sdb2", "sdb"},
                                          DiskCase{"/dev/sda15", "sda"}, DiskCase{"/dev/vda", "vda"},
-                                         DiskCase{"/dev/nvme0n1p1", "nvme0n1"}, DiskCase{"/dev/nvme0n1p3", "nvme0n1"},
-                                         DiskCase{"/dev/nvme10n2p12", "nvme10n2"}, DiskCase{"/dev/nvme0n1", "nvme0n"},
+                                         DiskCase{"/dev/nvme0n1p1", "nvme0n1"},
+                                         DiskCase{"/dev/nvme0n1p3", "nvme0n1"},
+                                         DiskCase{"/dev/nvme10n2p12", "nvme10n2"},
+                                         DiskCase{"/dev/nvme0n1", "nvme0n"},
                                          DiskCase{"/dev/mmcblk0p1", "mmcblk0p"}, DiskCase{"sda1", "sda"},
                                          DiskCase{"/dev/disk/by-x/sdc3", "sdc"}, DiskCase{"/dev/123", "123"},
                                          DiskCase{"/dev/p1", "p"}, DiskCase{"", ""}, DiskCase{"/dev/", ""}));
@@ -132,7 +137,9 @@ INSTANTIATE_TEST_SUITE_P(Devices, DiskName,
 TEST(WriteCachePath, IsTheDisksAttributeOrEmpty) {
     QxCErrorManager* manager = QxCErrorManager::getSingleton();
     QxCErrorListPool* errors = manager->createErrorList(0, 1, 20, 5, 300);
-    const auto path = [errors] { return QxCWriteThroughCacheGuard::GetUserStorageWriteCacheSysfsPath(*errors); };
+    const auto path = [errors] {
+        return QxCWriteThroughCacheGuard::GetUserStorageWriteCacheSysfsPath(*errors);
+    };
 
     EXPECT_EQ(path(), "") << "not mounted";
     TheScript().mounts = {{"/userstorage1", "/dev/nvme0n1p1", 2}, {"/userstorage1", "/dev/sda1", 2}};
@@ -184,7 +191,8 @@ TEST(WriteThroughGuard, LeavesTheDiskAloneWhileARealtimeApplicationIsLoaded) {
         EXPECT_TRUE(guard.has_value()) << "there is a guard, and it owes nothing";
     }
     EXPECT_EQ(CacheMode(), "untouched");
-    EXPECT_THAT(Recording::Events("get"), ElementsAre("getState(6, 0)")) << "the mounts are not even asked for";
+    EXPECT_THAT(Recording::Events("get"), ElementsAre("getState(6, 0)"))
+        << "the mounts are not even asked for";
 }
 
 TEST(WriteThroughGuard, OwesNothingWhenTheDiskIsUnknown) {
@@ -203,9 +211,7 @@ TEST(WriteThroughGuard, OwesNothingAfterAMove) {
         return moved;
     }();
     EXPECT_EQ(CacheMode(), "write through") << "the sources' ends changed nothing";
-    {
-        const QxCWriteThroughCacheGuard last(std::move(target));
-    }
+    { const QxCWriteThroughCacheGuard last(std::move(target)); }
     EXPECT_EQ(CacheMode(), "write back");
     Sandbox::WriteFile(Board::WriteCache, "untouched");
     // target ends here, moved from

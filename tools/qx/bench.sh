@@ -1,0 +1,25 @@
+# shellcheck shell=bash
+# Benchmarks.
+
+task_bench() {
+    case ${1:-} in
+        -h | --help)
+            say "Usage: ./qx bench [FILTER]"
+            say "Measures the product beside the bare minimum of the same work and prints one table of ratios."
+            say "FILTER is a regular expression on the names of the benchmarks."
+            return ;;
+    esac
+    require_root bench
+    build release
+    local program results=() status=0
+    mkdir -p build/bench
+    for program in build/release/bin/*_bench; do
+        local result
+        result=build/bench/$(basename "$program").json
+        step "Measure $(basename "$program")" "$program" --benchmark_repetitions=5 \
+            --benchmark_filter="${1:-.}" --benchmark_out="$result" --benchmark_out_format=json
+        results+=("$result")
+    done
+    python3 tools/qx/bench_table.py bench/targets.json "${results[@]}" || status=$?
+    [ $status = 0 ] || die 1 "a target was missed; this machine may be busy, run it again alone before you look further"
+}
