@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <optional>
 
 namespace QxNCompose {
 
@@ -13,8 +14,10 @@ using QxNJson::json;
 
 constexpr const char* Removing = "removing";
 
+/// @return a text member; one that is missing, or no text, raises the JSON type's type error
 std::string Text(const json::Base& container, const char* key) {
-    return container.at(key).get<std::string>();
+    const auto member = container.find(key);
+    return member != container.end() ? member->get<std::string>() : json::Base().get<std::string>();
 }
 
 void Report(json& containers, const std::string& name, const std::string& state) {
@@ -31,16 +34,16 @@ void ReportAllAs(json& containers, const json& list, const char* state) {
 }
 
 /// Takes the first container of that name out of the list.
-/// @return its state; null when there is none of that name
-json TakeStateOf(const std::string& name, json& list) {
+/// @return its state; none when there is no container of that name
+std::optional<std::string> TakeStateOf(const std::string& name, json& list) {
     for (auto container = list.begin(); container != list.end(); ++container) {
         if (Text(*container, "Name") == name) {
-            json state = Text(*container, "State");
+            std::string state = Text(*container, "State");
             list.erase(container);
             return state;
         }
     }
-    return nullptr;
+    return std::nullopt;
 }
 
 int CompareFilledLists(int cmdType, const std::string& expectedState, json& before, const json& after,
@@ -49,9 +52,9 @@ int CompareFilledLists(int cmdType, const std::string& expectedState, json& befo
     for (const auto& container : after) {
         const std::string name = Text(container, "Name");
         const std::string state = Text(container, "State");
-        const json stateBefore = TakeStateOf(name, before);
-        const bool isNew = stateBefore.is_null();
-        const bool stateChanged = !isNew && state != stateBefore.get<std::string>() && state == expectedState;
+        const std::optional<std::string> stateBefore = TakeStateOf(name, before);
+        const bool isNew = !stateBefore.has_value();
+        const bool stateChanged = !isNew && state != *stateBefore && state == expectedState;
         QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose,
                           "Quolex Container Service:   container '%s': isNew=%s, stateChanged=%s",
                           name.c_str(), isNew ? "true" : "false", stateChanged ? "true" : "false");

@@ -37,7 +37,7 @@ std::string ProjectNameOf(const std::string& composeFilePath);
 /// @param after          list after
 /// @param containers     the containers to report are appended, each with "Name" and "State"
 /// @return one of Transition
-/// Errors: an entry without a string "Name" or "State" raises the JSON type's exceptions.
+/// Errors: an entry without a string "Name" or "State" raises the JSON type's type error.
 int CompareStates(int cmdType, const std::string& expectedState, QxNJson::json before,
                   const QxNJson::json& after, QxNJson::json& containers);
 

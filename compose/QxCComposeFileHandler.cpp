@@ -56,9 +56,7 @@ json ResultObject(const char* status, const std::string& message, const json& co
     return result;
 }
 
-json ErrorObject(const std::string& message) {
-    return ResultObject("Error", message, json::array());
-}
+json ErrorObject(const std::string& message) { return ResultObject("Error", message, json::array()); }
 
 /// An argument vector as exec(2) wants it; the words must outlive it.
 std::vector<char*> ArgumentVector(std::vector<std::string>& words) {
@@ -74,9 +72,7 @@ std::vector<std::string> ToolWords(const std::string& composeFilePath) {
     return {ComposeTool::Exe, "-f", composeFilePath, "-p", QxNCompose::ProjectNameOf(composeFilePath)};
 }
 
-char* ToolPath() {
-    return const_cast<char*>(ComposeTool::Path);
-}
+char* ToolPath() { return const_cast<char*>(ComposeTool::Path); }
 
 }  // namespace
 

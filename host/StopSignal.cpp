@@ -20,15 +20,11 @@ void Notice(int signal) {
     errno = savedErrno;
 }
 
-void SetHandler(void (*handler)(int)) {
+bool SetHandler(void (*handler)(int)) {
     struct sigaction action {};
     action.sa_handler = handler;
     action.sa_flags = SA_RESTART;
-    for (const int signal : {SIGTERM, SIGINT}) {
-        if (sigaction(signal, &action, nullptr) != 0) {
-            throw std::system_error(errno, std::generic_category(), "catch signals");
-        }
-    }
+    return sigaction(SIGTERM, &action, nullptr) == 0 && sigaction(SIGINT, &action, nullptr) == 0;
 }
 
 }  // namespace
@@ -38,7 +34,9 @@ StopSignal::StopSignal() {
     if (pipe2(signalPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         throw std::system_error(errno, std::generic_category(), "make a pipe for signals");
     }
-    SetHandler(Notice);
+    if (!SetHandler(Notice)) {
+        throw std::system_error(errno, std::generic_category(), "catch signals");
+    }
 }
 
 StopSignal::~StopSignal() {

@@ -102,9 +102,7 @@ ExitCode Run(const Options& options, const ServiceManager& serviceManager) {
     return Stopped;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+ExitCode RunWithArguments(int argc, char** argv) {
     CLI::App app{Help};
     Options options;
     app.add_flag("--enable", options.enable, "Switch the container service on, also for later starts");
@@ -116,11 +114,16 @@ int main(int argc, char** argv) {
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? Stopped : BadUsage;
     }
-    const ServiceManager serviceManager;
+    return Run(options, ServiceManager());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
     try {
-        return Run(options, serviceManager);
+        return RunWithArguments(argc, argv);
     } catch (const std::exception& error) {
-        Tell(error.what());
+        std::fprintf(stderr, "qxcontainerd: %s\n", error.what());
         return BoardError;
     }
 }

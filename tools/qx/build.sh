@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154  # root is set by qx
 # Building.
 
 # build PRESET [TARGET...]

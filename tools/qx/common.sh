@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154  # root is set by qx
 # What all tasks share: messages, and long steps that show that they are alive.
 
 die() {

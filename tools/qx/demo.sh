@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154  # root is set by qx
 # The demonstration: the container service with the real Podman on a virtual board.
 
 demo_help() {
@@ -36,7 +36,9 @@ task_demo() {
     install -D tools/demo/on-board.sh build/release/stage/share/demo/on-board.sh
 
     board/board up --quiet --name "$name" --suite "$suite" --bind "$root/build/release/stage:/opt/qx:ro" >/dev/null
-    [ -n "$stay" ] || trap 'board/board down "$name" >/dev/null 2>&1' EXIT
+    # The name is put into the trap now: when it runs, this function's variables are gone.
+    # shellcheck disable=SC2064
+    [ -n "$stay" ] || trap "board/board down '$name' >/dev/null 2>&1" EXIT
     board/board exec "$name" -- /opt/qx/share/demo/on-board.sh "$stay" || status=$?
     if [ -n "$stay" ]; then
         say "The board stays up. Look around with:  ./qx board shell $name"

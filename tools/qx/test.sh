@@ -67,8 +67,9 @@ task_test() {
     install_packages packages.txt board/packages.txt
     build release
     if [ -z "$only" ] || [ "$only" = board ]; then
-        step "Prepare the virtual board" board/board fetch
+        board/board fetch
         step "Stage the product for the board" stage_for_board release
+        step "Test the virtual board itself" board/tests/run.sh
     fi
     mkdir -p build/logs
     run_tests release ${only:+-L "$only"} 2>&1 | tee build/logs/tests.log

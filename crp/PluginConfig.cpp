@@ -1,0 +1,36 @@
+#include "crp/PluginConfig.h"
+
+#include <ios>
+
+namespace CRP {
+
+using QxNJson::json;
+
+namespace {
+
+bool hasText(const json& object, const char* key) { return object.contains(key) && object[key].is_string(); }
+
+}  // namespace
+
+json parseConfig(std::ifstream& stream) {
+    try {
+        return json::parse(stream);
+    } catch (const std::ios_base::failure&) {
+        // The standard library raises this when reading fails after the file was opened.
+        return json::parse("");
+    }
+}
+
+bool hasDeactivationList(const json& config) {
+    return config.contains(DeactivatedPluginsKey) && config[DeactivatedPluginsKey].is_array();
+}
+
+std::optional<QxCRPLoader::DeactivatedPlugin> parseDeactivation(const json& element) {
+    if (!element.is_object() || !hasText(element, "name") || !hasText(element, "version")) {
+        return std::nullopt;
+    }
+    return QxCRPLoader::DeactivatedPlugin{element["name"].get<std::string>(),
+                                          element["version"].get<std::string>()};
+}
+
+}  // namespace CRP

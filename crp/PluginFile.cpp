@@ -1,0 +1,71 @@
+#include "crp/PluginFile.h"
+
+#include "crp/PluginHeader.h"
+#include "support/UniqueFd.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <memory>
+
+namespace CRP {
+
+namespace {
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+
+}  // namespace
+
+PluginFileStatus readPluginFile(const std::string& path, CrpPluginHeader& header) {
+    // Means nothing to regular files, but a FIFO or terminal that took the file's place must not hold us up.
+    constexpr int NeverWait = O_NONBLOCK | O_NOCTTY;
+    const QxNSupport::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | NeverWait));
+    if (!file.IsOpen()) {
+        return PluginFileStatus::CannotOpen;
+    }
+    constexpr off_t TrailerSize = CRP_HEADER_SIZE;
+    const off_t size = lseek(file.Get(), 0, SEEK_END);
+    if (size < 0) {
+        return PluginFileStatus::CannotRead;
+    }
+    if (size < TrailerSize) {
+        return PluginFileStatus::TooShort;
+    }
+    if (lseek(file.Get(), size - TrailerSize, SEEK_SET) < 0 ||
+        read(file.Get(), &header, CRP_HEADER_SIZE) != TrailerSize) {
+        return PluginFileStatus::CannotRead;
+    }
+    switch (checkTrailer(header)) {
+        case TrailerStatus::WrongMagic:
+            return PluginFileStatus::WrongMagic;
+        case TrailerStatus::IncompatibleSize:
+            return PluginFileStatus::IncompatibleHeader;
+        case TrailerStatus::Valid:
+            break;
+    }
+    return PluginFileStatus::Plugin;
+}
+
+std::optional<std::vector<std::string>> listDirectory(const std::string& directory) {
+    const std::unique_ptr<DIR, DirectoryCloser> stream(opendir(directory.c_str()));
+    if (stream == nullptr) {
+        return std::nullopt;
+    }
+    std::vector<std::string> names;
+    while (const dirent* entry = readdir(stream.get())) {
+        names.emplace_back(entry->d_name);
+    }
+    return names;
+}
+
+bool isHidden(const std::string& entryName) { return entryName.starts_with('.'); }
+
+bool isRegularFile(const std::string& path) {
+    struct stat status {};
+    return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+}  // namespace CRP

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "CrpPluginHeader.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace CRP {
+
+/// What reading the trailer of a file came to.
+enum class PluginFileStatus {
+    Plugin,
+    CannotOpen,  ///< errno says why
+    TooShort,    ///< shorter than a trailer
+    CannotRead,  ///< also: nothing that has an end, such as a FIFO
+    WrongMagic,
+    IncompatibleHeader,  ///< the trailer has another size; it was read all the same
+};
+
+/// Reads and checks the trailer of one file. Does not block on FIFOs and devices.
+/// @param header  receives the trailer for Plugin and IncompatibleHeader; undefined otherwise
+PluginFileStatus readPluginFile(const std::string& path, CrpPluginHeader& header);
+
+/// @return the names in a directory in its own order, "." and ".." included; nothing, with errno set, when it
+/// cannot be opened
+std::optional<std::vector<std::string>> listDirectory(const std::string& directory);
+
+/// @return whether the scan passes over an entry of that name without looking at it
+bool isHidden(const std::string& entryName);
+
+/// @return whether the path, links followed, leads to a regular file
+bool isRegularFile(const std::string& path);
+
+}  // namespace CRP

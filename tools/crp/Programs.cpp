@@ -1,0 +1,76 @@
+#include "Programs.h"
+
+#include "ToolError.h"
+#include "support/ChildProcess.h"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <unistd.h>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+
+namespace Programs {
+
+namespace {
+
+class FileActions {
+public:
+    FileActions() { posix_spawn_file_actions_init(&_actions); }
+    FileActions(const FileActions&) = delete;
+    FileActions& operator=(const FileActions&) = delete;
+    ~FileActions() { posix_spawn_file_actions_destroy(&_actions); }
+
+    void Duplicate(int from, int to) { posix_spawn_file_actions_adddup2(&_actions, from, to); }
+    void Discard(int descriptor) {
+        posix_spawn_file_actions_addopen(&_actions, descriptor, "/dev/null", O_WRONLY, 0);
+    }
+    const posix_spawn_file_actions_t* Get() const { return &_actions; }
+
+private:
+    posix_spawn_file_actions_t _actions;
+};
+
+pid_t Start(const std::string& path, const std::vector<std::string>& arguments, const FileActions& actions) {
+    const QxNSupport::SpawnResult program = QxNSupport::Spawn(path.c_str(), arguments, actions.Get());
+    if (program.error != 0) {
+        errno = program.error;
+        ThrowSystemError("cannot start '" + path + "'");
+    }
+    return program.pid;
+}
+
+}  // namespace
+
+std::optional<std::string> Find(const std::string& name) {
+    const char* searchPath = getenv("PATH");
+    std::istringstream directories(searchPath != nullptr ? searchPath : "/usr/bin:/bin");
+    for (std::string directory; std::getline(directories, directory, ':');) {
+        const std::filesystem::path candidate = std::filesystem::path(directory) / name;
+        if (std::filesystem::is_regular_file(candidate) && access(candidate.c_str(), X_OK) == 0) {
+            return candidate;
+        }
+    }
+    return std::nullopt;
+}
+
+pid_t StartWithOutputOnError(const std::string& path, const std::vector<std::string>& arguments) {
+    FileActions actions;
+    actions.Duplicate(STDERR_FILENO, STDOUT_FILENO);
+    return Start(path, arguments, actions);
+}
+
+ReadProgram StartForReading(const std::string& path, const std::vector<std::string>& arguments) {
+    int ends[2] = {-1, -1};
+    if (pipe2(ends, O_CLOEXEC) != 0) {
+        ThrowSystemError("cannot make a pipe");
+    }
+    QxNSupport::UniqueFd output(ends[0]);
+    const QxNSupport::UniqueFd input(ends[1]);
+    FileActions actions;
+    actions.Duplicate(input.Get(), STDOUT_FILENO);
+    actions.Discard(STDERR_FILENO);
+    return {Start(path, arguments, actions), std::move(output)};
+}
+
+}  // namespace Programs
