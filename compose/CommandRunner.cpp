@@ -15,6 +15,15 @@ namespace {
 constexpr int CouldNotStart = 5;
 constexpr int Failed = 6;
 
+/// Appends with fourfold growth: with the string's own doubling, most of the time of a large capture goes
+/// into copying it to fresh pages again and again.
+void Append(std::string& text, const char* chunk, size_t length) {
+    if (text.capacity() - text.size() < length) {
+        text.reserve(4 * (text.size() + length));
+    }
+    text.append(chunk, length);
+}
+
 /// The two ends of a pipe that carries one of a child's outputs.
 struct OutputPipe {
     QxNSupport::UniqueFd readEnd;
@@ -36,7 +45,7 @@ struct OutputPipe {
         std::string output;
         ssize_t length = 0;
         while ((length = read(readEnd.Get(), chunk.data(), chunk.size())) > 0) {
-            output.append(chunk.data(), static_cast<size_t>(length));
+            Append(output, chunk.data(), static_cast<size_t>(length));
         }
         readEnd.Reset();
         return output;

@@ -1,7 +1,5 @@
 #include "crp/PluginConfig.h"
 
-#include <ios>
-
 namespace CRP {
 
 using QxNJson::json;
@@ -11,15 +9,6 @@ namespace {
 bool hasText(const json& object, const char* key) { return object.contains(key) && object[key].is_string(); }
 
 }  // namespace
-
-json parseConfig(std::ifstream& stream) {
-    try {
-        return json::parse(stream);
-    } catch (const std::ios_base::failure&) {
-        // The standard library raises this when reading fails after the file was opened.
-        return json::parse("");
-    }
-}
 
 bool hasDeactivationList(const json& config) {
     return config.contains(DeactivatedPluginsKey) && config[DeactivatedPluginsKey].is_array();

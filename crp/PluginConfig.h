@@ -3,17 +3,12 @@
 #include "QxCRPLoader.h"
 #include "QxNJson.h"
 
-#include <fstream>
 #include <optional>
 
 /// The plugin configuration: a JSON object whose "deactivated_plugins" lists what must not be loaded.
 namespace CRP {
 
 inline constexpr const char* DeactivatedPluginsKey = "deactivated_plugins";
-
-/// Reads a configuration to the end of the stream.
-/// @return an invalid value for malformed text and for streams that cannot be read, such as a directory's
-QxNJson::json parseConfig(std::ifstream& stream);
 
 /// @return whether the configuration has a list of deactivated plugins
 bool hasDeactivationList(const QxNJson::json& config);

@@ -113,7 +113,7 @@ bool QxCRPHandler::readConfig(json& config) const {
                         _configFile.c_str());
         return false;
     }
-    config = parseConfig(file);
+    config = QxNJson::json::parse(file);
     if (config.is_invalid()) {
         QxCRTE_LOG_Impl(RteLogLevel::Error, "%s Failed to parse config file '%s'", Tag, _configFile.c_str());
         return false;

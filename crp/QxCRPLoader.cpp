@@ -22,7 +22,7 @@ bool QxCRPLoader::init(const std::string& configPath) {
     if (!file) {
         return true;
     }
-    const QxNJson::json config = parseConfig(file);
+    const QxNJson::json config = QxNJson::json::parse(file);
     if (config.is_invalid()) {
         QxCRTE_LOG_Impl(RteLogLevel::Error, "Quolex Container Runtime: Failed to parse config file '%s'",
                         configPath.c_str());

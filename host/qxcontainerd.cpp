@@ -102,12 +102,23 @@ ExitCode Run(const Options& options, const ServiceManager& serviceManager) {
     return Stopped;
 }
 
+/// @return why a port cannot be used; empty when it can
+std::string RefusePort(std::string& text) {
+    unsigned int port = 0;
+    if (!CLI::detail::lexical_cast(text, port) || port > 65535) {
+        return "'" + text + "' is no port number";
+    }
+    return port == 80 || port == 111 ? "the container service starts nothing at all with port " + text
+                                     : std::string();
+}
+
 ExitCode RunWithArguments(int argc, char** argv) {
     CLI::App app{Help};
     Options options;
     app.add_flag("--enable", options.enable, "Switch the container service on, also for later starts");
     app.add_option("--port", options.port,
-                   "TCP port of Podman's REST service; 0 for none. Kept in the settings.");
+                   "TCP port of Podman's REST service; 0 for none. Kept in the settings.")
+        ->check(CLI::Validator(RefusePort, "PORT"));
     app.add_option("--cores", options.cores, "Number of CPU cores for containers. Kept in the settings.");
     try {
         app.parse(argc, argv);

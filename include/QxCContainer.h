@@ -46,8 +46,7 @@ public:
     };
 
     /// @return the service, made on first use and destroyed at process exit. The first call must come from
-    /// one
-    ///         thread. It reads settings and the plugins' deactivation list, and asks the board for its
+    ///         one thread. It reads settings and the plugins' deactivation list, and asks the board for its
     ///         cores.
     static QxCContainer& GetInstance();
 
@@ -59,22 +58,21 @@ public:
     /// Prepares the board for containers: mounts the firmware image, links the tools, loads the plugins and
     /// assigns the CPU cores. Blocks until the plugins' init commands have ended.
     /// @return false when the board is no container system, or the image or the cores cannot be had; steps
-    /// already
-    ///         done stay done
+    ///         already done stay done
     bool init();
 
     /// Starts the thread that starts the containers and the Podman services and watches the services.
     /// @return false when there is no thread to be had; the state is then ContainerServiceState::Failed
     bool Start();
 
-    /// Ends the Podman services, stops all containers and waits for the monitor thread. Without a Start()
-    /// before it only sets the state. Blocks until the containers have stopped.
+    /// Tells the board that no cores belong to containers any more, ends the Podman services, stops all
+    /// containers, waits for the monitor thread and puts the user storage disk back into write-back mode. Without
+    /// a Start() before it there is nothing to end or to wait for. Blocks until the containers have stopped.
     /// @return true
     bool Stop();
 
     /// @return whether the service is enabled and the board has usable user storage. Without the latter the
-    /// service
-    ///         is switched off in the settings until somebody enables it again.
+    ///         service is switched off in the settings until somebody enables it again.
     bool IsContainerSystem();
 
     /// @return whether the settings file was written
@@ -91,7 +89,8 @@ public:
     int GetContainerServiceStatus(bool reread) const;
     /// @return the values in memory; the file is not read again
     QxCCTESettings::QxSUserSettings GetContainerServiceUserSettings() const;
-    /// Takes effect at the next init() and Start().
+    /// Takes effect at the next init() and Start(); not to be called while Start() has just been, since the
+    /// monitor thread reads the values at its beginning.
     /// @return whether the settings file was written
     bool SetContainerServiceUserSettings(const QxCCTESettings::QxSUserSettings& settings);
     /// @return the most cores that containers may get
@@ -162,7 +161,7 @@ public:
     std::string ConfigureCurlForPodman(QxCCurlHandler& curl);
     /// Performs one request; blocks until it is answered, without a time limit.
     /// @param endpoint        path behind the API version, with its leading slash; neither checked nor
-    /// escaped
+    ///                        escaped
     /// @param method          HTTP method
     /// @param headers         whole header lines
     /// @param uploadFilePath  file sent as the request body; empty for none
@@ -172,7 +171,7 @@ public:
                                         const std::vector<std::string>& headers,
                                         const std::string& uploadFilePath, bool writeThrough);
     /// @return whether Podman says that the container was created with a terminal; false when it cannot be
-    /// asked
+    ///         asked
     bool IsContainerTty(const std::string& containerId);
 
     // --- Container logs to WebSocket clients; may be called from any thread ---

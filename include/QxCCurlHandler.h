@@ -42,10 +42,12 @@ public:
     void SetHeaders(const std::vector<std::string>& headers);
     /// Sends a text as the request body; copied.
     void SetPayload(const std::string& payload);
-    /// Sends a file as the request body, with its size at the time of the call. Set the method first. A file
-    /// that cannot be opened is logged and leaves the request as it was.
+    /// Sends a file as the request body, with its size at the time of the call; libcurl makes a GET request a
+    /// POST then. A file that cannot be opened is logged and leaves the request as it was. The file must not
+    /// shrink before Execute() has returned: the server would wait for the rest.
     void UploadFile(const std::string& path);
-    /// Replaces the method; a value that is none of MethodType is logged and leaves libcurl's default.
+    /// Replaces the method; a value that is none of MethodType is logged and leaves libcurl's default. A POST
+    /// without payload and file has an empty body.
     void SetMethodType(const MethodType& method);
     /// Hands body bytes to `callback` as they arrive instead of collecting them; empty switches back.
     void SetStreamCallback(StreamCallback callback);
@@ -61,6 +63,8 @@ public:
     int GetHttpCode();
 
 private:
+    friend struct CurlHandlerTest;
+
     struct CurlDeleter {
         void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
     };

@@ -46,7 +46,7 @@ public:
     std::vector<PluginInfo> deduplicateByName(std::vector<PluginInfo> plugins) const;
 
     /// @return every plugin file of the last scan, incompatible ones and duplicates included, in discovery
-    /// order
+    ///         order
     std::vector<PluginInfo> getAllPlugins() const;
 
     /// @return whether the last scan found a plugin of exactly this name and version

@@ -30,8 +30,7 @@ extern "C" QX_EXPORT void QxCRTE_LOG_Impl(int level, const char* format, ...)
 
 /// @param level  one of RteLogLevel
 /// @return whether messages of that level are wanted: level 0 with the threshold "DEBUG" or "DEBUG_VERBOSE",
-/// level 1
-///         with "DEBUG_VERBOSE", every other level always
+///         level 1 with "DEBUG_VERBOSE", every other level always
 ///
 /// The threshold comes from the board's custom configuration (section and option of
 /// QxNCustomConfig::QxNContainerRuntime, default "INFO") at the first call and stays for the life of the

@@ -22,42 +22,40 @@ inline std::uint32_t PayloadLengthOf(const unsigned char* header) {
 }
 
 /// Hands every complete frame in the bytes to the sink; a frame without payload is passed over.
-/// @param sink      called with (payload, length); false ends the walk
-/// @param consumed  receives the bytes of the complete frames
-/// @return false when the sink ended the walk
+/// @param sink  called with (payload, length); false ends the walk
+/// @return where the incomplete rest begins, `end` when there is none; null when the sink ended the walk
 template <typename Sink>
-bool ForEachFrame(const unsigned char* bytes, size_t length, Sink& sink, size_t& consumed) {
-    consumed = 0;
-    while (length - consumed >= FrameHeaderSize) {
-        const unsigned char* frame = bytes + consumed;
-        const std::uint32_t payload = PayloadLengthOf(frame);
-        if (length - consumed - FrameHeaderSize < payload) {
+const unsigned char* ForEachFrame(const unsigned char* bytes, const unsigned char* end, Sink& sink) {
+    while (static_cast<size_t>(end - bytes) >= FrameHeaderSize) {
+        const size_t payload = PayloadLengthOf(bytes);
+        if (static_cast<size_t>(end - bytes) - FrameHeaderSize < payload) {
             break;
         }
-        if (payload != 0 && !sink(frame + FrameHeaderSize, payload)) {
-            return false;
+        bytes += FrameHeaderSize;
+        if (payload != 0 && !sink(bytes, payload)) {
+            return nullptr;
         }
-        consumed += FrameHeaderSize + payload;
+        bytes += payload;
     }
-    return true;
+    return bytes;
 }
 
-/// Appends to `pending` what is still missing of its first frame, as far as the chunk has it.
-/// @return how many bytes of the chunk were taken
-inline size_t CompleteFirstFrame(std::vector<unsigned char>& pending, const unsigned char* bytes,
-                                 size_t length) {
-    size_t taken = 0;
-    const auto take = [&](std::uint64_t wanted) {
-        const std::uint64_t missing = wanted > pending.size() ? wanted - pending.size() : 0;
-        const auto part = static_cast<size_t>(std::min<std::uint64_t>(missing, length - taken));
-        pending.insert(pending.end(), bytes + taken, bytes + taken + part);
-        taken += part;
+/// Appends to `pending` what its frame still lacks, as far as the bytes have it.
+/// @param bytes  receives where what was not taken begins
+/// @return whether the frame is complete
+inline bool CompleteFrame(std::vector<unsigned char>& pending, const unsigned char*& bytes,
+                          const unsigned char* end) {
+    const auto fillTo = [&](std::uint64_t size) {
+        const std::uint64_t missing = size - pending.size();
+        const unsigned char* const from = bytes;
+        bytes += std::min<std::uint64_t>(missing, static_cast<std::uint64_t>(end - bytes));
+        pending.insert(pending.end(), from, bytes);
+        return pending.size() == size;
     };
-    take(FrameHeaderSize);
-    if (pending.size() >= FrameHeaderSize) {
-        take(FrameHeaderSize + std::uint64_t{PayloadLengthOf(pending.data())});
+    if (pending.size() < FrameHeaderSize && !fillTo(FrameHeaderSize)) {
+        return false;
     }
-    return taken;
+    return fillTo(FrameHeaderSize + std::uint64_t{PayloadLengthOf(pending.data())});
 }
 
 /// Takes one chunk of the stream. Whole frames go to the sink straight from the chunk; only a frame that is
@@ -68,24 +66,25 @@ inline size_t CompleteFirstFrame(std::vector<unsigned char>& pending, const unsi
 /// @return false when the sink refused a payload; nothing is pending then
 template <typename Sink>
 bool Demultiplex(std::vector<unsigned char>& pending, const unsigned char* bytes, size_t length, Sink sink) {
-    size_t consumed = 0;
+    const unsigned char* const end = bytes + length;
     if (!pending.empty()) {
-        const size_t taken = CompleteFirstFrame(pending, bytes, length);
-        if (!ForEachFrame(pending.data(), pending.size(), sink, consumed)) {
-            pending.clear();
-            return false;
-        }
-        if (consumed == 0) {
+        if (!CompleteFrame(pending, bytes, end)) {
             return true;
         }
+        const size_t payload = pending.size() - FrameHeaderSize;
+        const bool goesOn = payload == 0 || sink(pending.data() + FrameHeaderSize, payload);
         pending.clear();
-        bytes += taken;
-        length -= taken;
+        if (!goesOn) {
+            return false;
+        }
     }
-    if (!ForEachFrame(bytes, length, sink, consumed)) {
+    const unsigned char* const rest = ForEachFrame(bytes, end, sink);
+    if (rest == nullptr) {
         return false;
     }
-    pending.assign(bytes + consumed, bytes + length);
+    if (rest != end) {
+        pending.assign(rest, end);
+    }
     return true;
 }
 

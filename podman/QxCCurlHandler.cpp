@@ -5,6 +5,16 @@
 #include <sys/stat.h>
 #include <utility>
 
+namespace {
+
+/// A directory can be opened and has a size but no content: the server would wait for a body without end.
+bool IsDirectory(FILE& file) {
+    struct stat info {};
+    return fstat(fileno(&file), &info) == 0 && S_ISDIR(info.st_mode);
+}
+
+}  // namespace
+
 QxCCurlHandler::QxCCurlHandler() : _curl(curl_easy_init()) {}
 
 QxCCurlHandler::~QxCCurlHandler() = default;
@@ -47,22 +57,27 @@ void QxCCurlHandler::SetPayload(const std::string& payload) {
 }
 
 void QxCCurlHandler::UploadFile(const std::string& path) {
-    FILE* file = fopen(path.c_str(), "rb");
-    if (file == nullptr) {
+    std::unique_ptr<FILE, FileDeleter> file(fopen(path.c_str(), "rb"));
+    if (file == nullptr || IsDirectory(*file)) {
         QxCRTE_LOG_Impl(RteLogLevel::Error, "Quolex Container CURL Handler:Error opening file: %s\n",
                         path.c_str());
         return;
     }
-    _uploadFile.reset(file);
+    const bool isReplacement = _uploadFile != nullptr;
+    _uploadFile = std::move(file);
     struct stat info {};
-    if (fstat(fileno(file), &info) != 0) {
+    if (fstat(fileno(_uploadFile.get()), &info) != 0) {
         QxCRTE_LOG_Impl(RteLogLevel::Error, "Quolex Container CURL Handler:Error getting file info: %s\n",
                         path.c_str());
+        if (isReplacement) {
+            // The handle still refers to the file that was closed just now.
+            curl_easy_setopt(_curl.get(), CURLOPT_READDATA, _uploadFile.get());
+        }
         return;
     }
     curl_easy_setopt(_curl.get(), CURLOPT_POSTFIELDS, nullptr);
     curl_easy_setopt(_curl.get(), CURLOPT_READFUNCTION, ReadCallback);
-    curl_easy_setopt(_curl.get(), CURLOPT_READDATA, file);
+    curl_easy_setopt(_curl.get(), CURLOPT_READDATA, _uploadFile.get());
     curl_easy_setopt(_curl.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(info.st_size));
     QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose,
                       "Quolex Container CURL Handler:Upload configured: file=%s, size=%lld bytes\n",
@@ -79,6 +94,10 @@ void QxCCurlHandler::SetMethodType(const MethodType& method) {
             break;
         case Post:
             curl_easy_setopt(_curl.get(), CURLOPT_POST, 1L);
+            // Without a body and its size libcurl would send what it reads from standard input.
+            if (_payload.empty() && _uploadFile == nullptr) {
+                curl_easy_setopt(_curl.get(), CURLOPT_POSTFIELDSIZE, 0L);
+            }
             break;
         case Delete:
             curl_easy_setopt(_curl.get(), CURLOPT_CUSTOMREQUEST, "DELETE");

@@ -111,13 +111,25 @@ bool OpenProcessDescriptors(std::vector<WatchedService>& services) {
     return true;
 }
 
-void ReapAndReport(const WatchedService& service) {
-    // Nobody may signal the id any more once it is reaped, since it can then belong to another process.
-    std::int32_t ended = service.pid;
-    service.id->compare_exchange_strong(ended, -1);
+/// @return the wait status of a child that has ended, which is left for somebody else to collect
+int PeekStatus(pid_t pid) {
+    siginfo_t info{};
+    if (waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT) != 0) {
+        return 0;
+    }
+    return info.si_code == CLD_EXITED ? (info.si_status & 0xff) << 8 : info.si_status & 0x7f;
+}
 
+void ReapAndReport(const WatchedService& service) {
+    // Once a process is collected, its id can belong to another one. So the id is withdrawn first; where
+    // Stop() has claimed it, it signals and then collects the process.
+    std::int32_t ended = service.pid;
     int status = 0;
-    waitpid(service.pid, &status, WNOHANG);
+    if (service.id->compare_exchange_strong(ended, -1)) {
+        waitpid(service.pid, &status, WNOHANG);
+    } else {
+        status = PeekStatus(service.pid);
+    }
     ReportPodmanExit(service.pid, status, service.label);
 }
 

@@ -16,7 +16,8 @@ public:
     /// The manager in use, or null as long as nobody asked for it; prefer it to getSingleton() when set.
     static QxCErrorManager* s_pErrorManager;
 
-    /// @return the process's manager; the first call creates it and sets s_pErrorManager. Never null.
+    /// @return the process's manager; never null. The first call creates it and sets s_pErrorManager, and must come
+    ///         from one thread before others use the manager.
     static QxCErrorManager* getSingleton();
 
     /// @return whether the calling thread has a master error list

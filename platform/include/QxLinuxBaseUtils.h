@@ -21,7 +21,7 @@ QX_PLATFORM_API int QxLinuxBaseUtils_CpuSetCreate(const char* name, const QxTBit
 /// @return 0, or -1 when a step failed
 QX_PLATFORM_API int QxLinuxBaseUtils_CpuSetLoadBalance(const char* name, int on);
 
-/// Moves a thread into the set.
+/// Moves a thread into the set; where the system cannot move a single thread, its whole process.
 /// @param name    the set
 /// @param thread  thread id; 0 is the calling thread
 /// @return 0, or -1 when a step failed

@@ -33,11 +33,15 @@ public:
     json(const Base& other) : Base(other) {}
     json(Base&& other) noexcept : Base(std::move(other)) {}
 
-    /// Parses a text.
+    /// Deepest nesting of arrays and objects that is parsed; writing a value takes stack for every level.
+    static constexpr int MaxDepth = 500;
+
+    /// Parses a text. One that is nested deeper than MaxDepth counts as malformed.
     /// @param text          the whole text; UTF-8
     /// @param throwOnError  whether malformed text raises `parse_error` instead of giving an invalid value
     static json parse(std::string_view text, bool throwOnError = false) {
-        return Base::parse(text.begin(), text.end(), nullptr, throwOnError);
+        const std::string_view parsed = isTooDeep(text) ? std::string_view() : text;
+        return Base::parse(parsed.begin(), parsed.end(), nullptr, throwOnError);
     }
 
     /// Parses everything that is left in a file stream; malformed text or an unreadable stream gives an
@@ -61,6 +65,28 @@ public:
     std::string dump(int indent = -1, char indentChar = ' ', bool escapeAscii = false,
                      Utf8ErrorMode onBadUtf8 = Utf8ErrorMode::Replace) const {
         return Base::dump(indent, indentChar, escapeAscii, static_cast<Base::error_handler_t>(onBadUtf8));
+    }
+
+private:
+    static bool isTooDeep(std::string_view text) {
+        int depth = 0;
+        bool inString = false;
+        for (size_t i = 0; i < text.size(); ++i) {
+            const char c = text[i];
+            if (inString) {
+                i += c == '\\' ? 1 : 0;
+                inString = c != '"';
+            } else if (c == '"') {
+                inString = true;
+            } else if (c == '[' || c == '{') {
+                if (++depth > MaxDepth) {
+                    return true;
+                }
+            } else if (c == ']' || c == '}') {
+                --depth;
+            }
+        }
+        return false;
     }
 };
 

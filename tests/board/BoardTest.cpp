@@ -152,6 +152,12 @@ std::vector<std::string> OpenDescriptors() {
     return descriptors;
 }
 
+bool CanMoveThreads() { return fs::exists("/sys/fs/cgroup/cpuset/tasks"); }
+
+std::string ContainerCpuSet() {
+    return CanMoveThreads() ? "/sys/fs/cgroup/cpuset/libpod_parent" : "/sys/fs/cgroup/libpod_parent";
+}
+
 std::pair<int, int> PodmanVersion() {
     int major = 0;
     int minor = 0;

@@ -68,6 +68,11 @@ std::vector<pid_t> Processes(const std::string& text);
 std::vector<int> Children();
 std::vector<std::string> OpenDescriptors();
 
+/// The CPU set of the containers, in whichever control group hierarchy this machine has.
+std::string ContainerCpuSet();
+/// Whether single threads can be moved into a CPU set (control groups version 1).
+bool CanMoveThreads();
+
 /// The suite's Podman, such as {5, 8}.
 std::pair<int, int> PodmanVersion();
 

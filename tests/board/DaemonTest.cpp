@@ -94,6 +94,9 @@ TEST(Daemon, SaysWhyTheBoardCannotRunContainers) {
 TEST(Daemon, RefusesWrongOptions) {
     EXPECT_EQ(Shell("/opt/qx/bin/qxcontainerd --port many").status, 2);
     EXPECT_EQ(Shell("/opt/qx/bin/qxcontainerd --nonsense").status, 2);
+    for (const char* port : {"80", "111", "65536", "-1"}) {
+        EXPECT_EQ(Shell(std::string("/opt/qx/bin/qxcontainerd --port ") + port).status, 2) << port;
+    }
     const Outcome help = Shell("/opt/qx/bin/qxcontainerd --help");
     EXPECT_EQ(help.status, 0);
     EXPECT_THAT(help.output, HasSubstr("Exit codes:"));

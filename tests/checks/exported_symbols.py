@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compares what a shared library exports with a checked-in list.
+"""Compares what a shared library exports with a checked-in list, and looks at its SONAME.
 
 Usage: exported_symbols.py LIBRARY LIST [--update]
 """
@@ -28,6 +28,11 @@ def main() -> int:
     for symbol in sorted(set(expected) - set(actual)):
         print(f"in {list_file.name} but not exported: {symbol}")
     print(f"{len(actual)} symbols")
+    dynamic = subprocess.run(["readelf", "-d", library], check=True, capture_output=True, text=True).stdout
+    name = f"{pathlib.Path(library).name}.1"
+    if f"[{name}]" not in dynamic:
+        print(f"the SONAME is not {name}")
+        return 1
     return 0 if actual == expected and actual else 1
 
 

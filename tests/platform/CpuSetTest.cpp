@@ -30,7 +30,7 @@ class CpuSetV1 : public testing::Test {
 protected:
     void SetUp() override {
         if (!fs::exists(std::string(Hierarchy) + "/tasks")) {
-            GTEST_SKIP() << "this machine has no cpuset hierarchy of version 1";
+            GTEST_SKIP() << "cannot run here: this machine has no cpuset hierarchy of version 1";
         }
     }
 

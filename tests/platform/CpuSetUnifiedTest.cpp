@@ -22,7 +22,7 @@ protected:
     void SetUp() override {
         fs::create_directories(Hierarchy);
         if (::mount("cgroup2", Hierarchy, "cgroup2", 0, nullptr) != 0) {
-            GTEST_SKIP() << "this machine has no version 2 control groups";
+            GTEST_SKIP() << "cannot run here: this machine has no version 2 control groups";
         }
         // No hierarchy of version 1 may be found.
         ASSERT_EQ(::mount("tmpfs", "/sys/fs/cgroup", "tmpfs", 0, nullptr), 0);

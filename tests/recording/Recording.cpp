@@ -119,7 +119,6 @@ using Recording::TheScript;
 
 struct QxCErrorList::Impl {
     std::vector<QxSMessage> messages;
-    std::vector<int> groups;
     unsigned int errors = 0;
 };
 
@@ -132,7 +131,9 @@ void QxCErrorList::setMessage(int severity, int group, int number, const char* s
     va_start(arguments, format);
     _impl->messages.push_back({0, severity, number, source, Format(format, arguments)});
     va_end(arguments);
-    _impl->groups.push_back(group);
+    if (group != 0) {
+        RecordF("setMessage with group %d", group);
+    }
     _impl->errors += severity == QxNSeverity::Error ? 1 : 0;
 }
 
@@ -201,7 +202,7 @@ void QxCMessageManagerClient::sendMessageList(QxCErrorListPool* errors, const Qx
         RecordF("sendMessageList without an error list");
     }
     for (const QxSMessage& message : messages->getMessages()) {
-        RecordF("message severity=%d group=0 number=%d source=%s text=%s", message.severity, message.number,
+        RecordF("message severity=%d number=%d source=%s text=%s", message.severity, message.number,
                 message.source.c_str(), message.text.c_str());
     }
 }
@@ -250,9 +251,10 @@ struct Thread {
 
 }  // namespace
 
-bool createThread(QxCErrorListPool*, QxTThreadHandle* handle, int priority, int stackSize, const char* name,
-                  QxTThreadFunction function, void* argument, int flags) {
-    RecordF("createThread(%s, %d, %d, %d)", name, priority, stackSize, flags);
+bool createThread(QxCErrorListPool* errors, QxTThreadHandle* handle, int priority, int stackSize,
+                  const char* name, QxTThreadFunction function, void* argument, int flags) {
+    RecordF("createThread(%s, %d, %d, %d)%s", name, priority, stackSize, flags,
+            errors != nullptr && errors == masterErrorList ? " into the master error list" : "");
     if (TheScript().createThreadFails) {
         return false;
     }

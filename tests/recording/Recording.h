@@ -42,10 +42,11 @@ Script& TheScript();
 /// @return everything recorded so far whose text begins with `prefix`, in order. Events look like
 ///   "log [INFO] text\n"                                  a call of the log file, as formatted
 ///   "getOption(section, option, default, 0)"
-///   "message severity=3 group=0 number=151 source=... text=..."   one message handed to the message manager
+///   "message severity=3 number=151 source=... text=..."   one message handed to the message manager
 ///   "setContainerRteCoresCount(0)", "getBlockDeviceMountInfo", "getCnCoreCount", "getState(6, 0)"
 ///   "CpuSetCreate(libpod_parent, 1 6 7 of 8)", "CpuSetLoadBalance(libpod_parent, 1)",
-///   "CpuSetAttach(libpod_parent, 0)", "createThread(PodmanServiceMonitor, 1, 5, 0)", "joinThread(-1)"
+///   "CpuSetAttach(libpod_parent, 0)", "createThread(PodmanServiceMonitor, 1, 5, 0)", followed by " into the master error list"
+///   where it was given; "joinThread(-1)"
 ///   "getProcessID(name)", "signalProcess(pid, signal, value)"
 ///   "createErrorList(0, 1, 20, 5, 300)", "deleteErrorList", "createMessageList(...)", "resetList",
 ///   "deleteMessageList", "setMasterErrorList(-1, 0)", "sendErrorList(0)", "clearMasterErrorList(-1)"

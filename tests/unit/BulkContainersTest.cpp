@@ -79,6 +79,18 @@ TEST_P(BulkContainers, ReportsMinusOneWhenPodmanWasKilled) {
                 ElementsAre(GetParam().announcement, std::string(GetParam().exitFailure) + "-1."));
 }
 
+TEST_P(BulkContainers, LeavesPodmansOutputWhereThatOfTheHostGoes) {
+    Sandbox::InstallProgram("/bin/podman", "echo to standard output; echo to standard error >&2");
+    QxCContainer& service = Service();
+
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    (service.*GetParam().run)();
+
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "to standard output\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "to standard error\n");
+}
+
 TEST_P(BulkContainers, WaitsForPodmanAndLeavesNothingBehind) {
     Sandbox::InstallProgram("/bin/podman", "sleep 0.3; echo done > /done");
     QxCContainer& service = Service();
@@ -136,6 +148,15 @@ TEST(InventoryScan, AnythingAtTheImagesPlaceCounts) {
 TEST(InventoryScan, ADanglingLinkIsAMissingImage) {
     std::filesystem::create_directories("/mnt/cfdrive");
     std::filesystem::create_symlink("/nowhere", Board::CONTAINER_TOOLS);
+    TheScript().processes["QxInventoryManager"] = 1;
+
+    EXPECT_TRUE(Service().TriggerInventoryTreeScan());
+    EXPECT_THAT(Recording::Logs(), ElementsAre(UpdateLine));
+}
+
+TEST(InventoryScan, AnImageThatCannotBeLookedAtIsMissing) {
+    std::filesystem::create_directories("/mnt/cfdrive");
+    std::filesystem::create_symlink(Board::CONTAINER_TOOLS, Board::CONTAINER_TOOLS);
     TheScript().processes["QxInventoryManager"] = 1;
 
     EXPECT_TRUE(Service().TriggerInventoryTreeScan());

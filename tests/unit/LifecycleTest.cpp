@@ -4,6 +4,8 @@
 
 #include <gmock/gmock.h>
 
+#include <cstring>
+
 namespace fs = std::filesystem;
 using QxNContainer::QxCContainer;
 using Recording::TheScript;
@@ -77,6 +79,23 @@ TEST(Init, RunsItsStepsInOrderAndEndsInitialised) {
     EXPECT_THAT(Recording::Events("CpuSetCreate"), ElementsAre("CpuSetCreate(libpod_parent, 6 of 8)"));
     EXPECT_EQ(service.GetContainerServiceStatus(false), ContainerServiceState::Initialized);
     EXPECT_EQ(StateInFile(), 1);
+}
+
+TEST(Init, LinksTheToolsAndPublishesPodmanBeforeItLoadsPlugins) {
+    Board::ProvideContainerSystem();
+    TheScript().logLevel = "DEBUG";
+    QxCContainer& service = Service();
+    int looked = 0;
+    TheScript().onEvent = [&](const std::string& event) {
+        if (event.find("Loading container plugins...") != std::string::npos) {
+            ++looked;
+            EXPECT_TRUE(fs::is_symlink("/etc/containers/certs"));
+            EXPECT_TRUE(fs::exists("/run/QxContainerRTE.docker_host"));
+        }
+    };
+
+    EXPECT_TRUE(service.init());
+    EXPECT_EQ(looked, 1);
 }
 
 TEST(Init, OfADisabledServiceLogsItsFirstLineAndChangesNothing) {
@@ -209,6 +228,18 @@ TEST(Start, CreatesTheMonitorThreadAndIsRunning) {
     service.Stop();
 }
 
+TEST(Start, LetsTheThreadReportIntoTheMasterErrorList) {
+    FakePodman{}.Install();
+    QxCContainer& service = Service();
+    const Recording::MasterErrorList master;
+
+    EXPECT_TRUE(service.Start());
+
+    EXPECT_THAT(Recording::Events("createThread"),
+                ElementsAre("createThread(PodmanServiceMonitor, 1, 5, 0) into the master error list"));
+    service.Stop();
+}
+
 TEST(Start, WithoutAThreadIsAnErrorAndFailed) {
     TheScript().createThreadFails = true;
     QxCContainer& service = Service();
@@ -249,11 +280,26 @@ TEST(Stop, WithoutAStartSignalsNothingAndStopsNoContainer) {
 
     EXPECT_THAT(Recording::Events(),
                 ElementsAre("setContainerRteCoresCount(0)", "createErrorList(0, 1, 20, 5, 300)",
-                            "getBlockDeviceMountInfo", "deleteErrorList"));
+                            "getBlockDeviceMountInfo", "sync, the attribute holds ''", "deleteErrorList"));
     EXPECT_THAT(Sandbox::Calls(), IsEmpty());
     EXPECT_EQ(service.GetContainerServiceStatus(false), ContainerServiceState::Stopped);
     EXPECT_EQ(StateInFile(), 3);
     EXPECT_EQ(Sandbox::ReadFile(Board::WriteCache), "write back");
+}
+
+TEST(Stop, IsStoppedBeforeItRestoresTheDisk) {
+    Board::ProvideUserStorage();
+    QxCContainer& service = Service();
+    int looked = 0;
+    TheScript().onEvent = [&](const std::string& event) {
+        if (event == "getBlockDeviceMountInfo") {
+            ++looked;
+            EXPECT_EQ(StateInFile(), 3);
+        }
+    };
+
+    service.Stop();
+    EXPECT_EQ(looked, 1);
 }
 
 TEST(Stop, AfterTheServiceEndedByItselfStillStopsTheContainers) {
@@ -329,6 +375,46 @@ TEST(ServiceSettings, AnswerFromMemoryUnlessRereadingIsAskedFor) {
     Board::WriteSettings(R"({"enabled": false})");
     EXPECT_TRUE(service.IsContainerServiceEnabled(false));
     EXPECT_FALSE(service.IsContainerServiceEnabled(true));
+}
+
+// --- Forwarding ---
+
+TEST(Forwarding, PassesPluginOperationsOnAsTheyAre) {
+    CrpPluginHeader header{};
+    header.magic = CRP_PLUGIN_MAGIC;
+    header.header_size = CRP_HEADER_SIZE;
+    strcpy(header.name, "sensors");
+    strcpy(header.version, "1.2.3");
+    Sandbox::WriteFile(Board::PLUGINS_DIR + "/file.crp",
+                       std::string(reinterpret_cast<const char*>(&header), sizeof(header)));
+    QxCContainer& service = Service();
+
+    EXPECT_EQ(service.addPluginToConfig("sensors", "1.2.3"), 3) << "nothing was scanned yet";
+    service.scanContainerPluginsDir();
+    const QxNJson::json listing = service.listPlugins();
+    ASSERT_EQ(listing["plugins"].size(), 1U);
+    EXPECT_EQ(listing["plugins"][0]["fileName"], "file.crp");
+    EXPECT_EQ(service.addPluginToConfig("sensors", "1.2.3"), 0);
+    EXPECT_EQ(service.removePluginFromConfig("sensors", "1.2.3"), 0);
+    EXPECT_EQ(service.addPluginToConfig("sensors", "1.2.3"), 0);
+    EXPECT_EQ(service.removePluginFromConfigByFileName("file.crp"), 0);
+    EXPECT_EQ(service.removePluginFromConfigByFileName("other.crp"), 1);
+}
+
+TEST(Forwarding, PassesComposeOperationsOnAsTheyAre) {
+    TheScript().logLevel = "DEBUG";
+    QxCContainer& service = Service();
+    QxNJson::json result;
+
+    EXPECT_EQ(service.CreateCompose(nullptr, result), 2);
+    EXPECT_EQ(service.StartCompose(" ", result), 3);
+    EXPECT_EQ(service.StopCompose("missing.yaml", result), 4);
+    EXPECT_EQ(result["Message"], "Checking compose YAML file failed: file '" + Board::COMPOSE_FILES_PATH +
+                                     "missing.yaml' is not existing.");
+    EXPECT_EQ(service.RemoveCompose("missing.yaml", result), 4);
+
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre(HasSubstr("CREATE"), HasSubstr("START"), HasSubstr("STOP"), HasSubstr("REMOVE")));
 }
 
 TEST(ServiceSettings, TellTheMostCoresThatContainersMayGet) {

@@ -32,12 +32,11 @@ TEST(Log, NamesEveryLevelAndNotifiesForFourToSixOnly) {
 TEST(Log, HandsErrorsToTheMessageManagerThroughATemporaryListThatIsDeleted) {
     QxCRTE_LOG_Impl(RteLogLevel::Error, "100%% %s", "bad");
 
-    EXPECT_THAT(
-        Recording::Events(),
-        ElementsAre("log [ERROR] 100% bad\n", "createErrorList(0, 1, 20, 5, 300)",
-                    "createMessageList(0, 1, 100, 5, 300)",
-                    "message severity=3 group=0 number=151 source=Quolex Container Runtime text=100% bad",
-                    "resetList", "deleteMessageList", "deleteErrorList"));
+    EXPECT_THAT(Recording::Events(),
+                ElementsAre("log [ERROR] 100% bad\n", "createErrorList(0, 1, 20, 5, 300)",
+                            "createMessageList(0, 1, 100, 5, 300)",
+                            "message severity=3 number=151 source=Quolex Container Runtime text=100% bad",
+                            "resetList", "deleteMessageList", "deleteErrorList"));
     EXPECT_EQ(Recording::LiveLists(), 0);
 }
 
@@ -49,7 +48,7 @@ TEST(Log, UsesTheMasterErrorListAndLeavesItAlone) {
 
     EXPECT_THAT(Recording::Events(),
                 ElementsAre("log [WARNING] w\n", "createMessageList(0, 1, 100, 5, 300)",
-                            "message severity=2 group=0 number=151 source=Quolex Container Runtime text=w",
+                            "message severity=2 number=151 source=Quolex Container Runtime text=w",
                             "resetList", "deleteMessageList"));
 }
 

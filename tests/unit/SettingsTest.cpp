@@ -294,6 +294,13 @@ TEST(Settings, AConfigurationDriveThatCannotBeWrittenReachesTheCaller) {
     EXPECT_THROW(QxCCTESettings::GetInstance(), std::filesystem::filesystem_error);
 }
 
+TEST(Settings, AFileThatCannotBeLookedAtReachesTheCaller) {
+    std::filesystem::create_directories("/mnt/cfdrive/containers");
+    std::filesystem::create_symlink(Board::SETTINGS_FILE, Board::SETTINGS_FILE);
+
+    EXPECT_THROW(QxCCTESettings::GetInstance(), std::filesystem::filesystem_error);
+}
+
 TEST(Settings, AFullDriveIsReported) {
     QxCCTESettings* settings = QxCCTESettings::GetInstance();
     ASSERT_EQ(mount("tmpfs", "/mnt/cfdrive/containers", "tmpfs", 0, "size=4k,nr_inodes=10"), 0);

@@ -53,6 +53,15 @@ void ProvideCertificates(std::initializer_list<const char*> names) {
     }
 }
 
+bool AnyThreadIsIn(long systemCall) {
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (Sandbox::ReadFile(task.path() / "syscall").starts_with(std::to_string(systemCall) + " ")) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void RemovePodmanWhen(const std::string& event) {
     TheScript().onEvent = [event](const std::string& happened) {
         if (happened == event) {
@@ -573,6 +582,32 @@ TEST(Supervision, AStopWhileContainersAreStartingStartsNoService) {
     stopper.join();
 
     EXPECT_THAT(FakePodman::CommandLines(), ElementsAre(StartCall, "podman stop --all --time 10"));
+    EXPECT_THAT(Sandbox::Children(), IsEmpty());
+}
+
+TEST(Supervision, AStopBeforeServicesAreWatchedCountsAsAFailedSpawn) {
+    FakePodman{}.Install();
+    QxCContainer& service = Service(0);
+    ASSERT_TRUE(service.Start());
+    ASSERT_TRUE(Sandbox::Eventually([] { return AnyThreadIsIn(SYS_clock_nanosleep); })) << "the settling time";
+
+    service.Stop();
+
+    EXPECT_THAT(Recording::Logs(), Contains("[ERROR] Quolex Container Utils: Failed to spawn Podman service: "
+                                            "Unix socket service failed. "));
+    EXPECT_THAT(Sandbox::Children(), IsEmpty());
+}
+
+TEST(Supervision, AServiceThatIsStoppedWhileItsEndIsSeenIsCollectedOnce) {
+    FakePodman{.unixService = "trap 'exit 7' TERM; echo ready >> /ready; while :; do sleep 0.02; done"}
+        .Install();
+    QxCContainer& service = Service(0);
+    ASSERT_TRUE(service.Start());
+    ASSERT_TRUE(FakePodman::IsWatched());
+
+    service.Stop();
+
+    EXPECT_THAT(Recording::Messages(), Contains(HasSubstr("Error code 7")));
     EXPECT_THAT(Sandbox::Children(), IsEmpty());
 }
 

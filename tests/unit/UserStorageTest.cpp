@@ -12,6 +12,11 @@ using Recording::TheScript;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+/// Takes the place of the C library's: what the attribute holds at this moment tells the order.
+extern "C" void sync() noexcept {
+    Recording::Record("sync, the attribute holds '" + Sandbox::ReadFile(Board::WriteCache) + "'");
+}
+
 namespace {
 
 constexpr const char* SwitchedLine =
@@ -83,6 +88,7 @@ TEST(UserStorage, MissingMountInformationIsAnError) {
     EXPECT_FALSE(service.HasValidUserStorage(&reason));
 
     EXPECT_EQ(reason, "Container service could not determine the mounted block devices");
+    EXPECT_EQ(Recording::LiveLists(), 0);
     EXPECT_THAT(
         Recording::Logs(),
         testing::Contains("[ERROR] Quolex Container Utils:Error: Could not parse device information\n"));
@@ -242,6 +248,17 @@ TEST(WriteThroughGuard, TriesToSwitchBackAlsoWhenTheSwitchFailed) {
 TEST(WriteCache, AnEmptyPathDoesNothing) {
     QxCWriteThroughCacheGuard::SetBlockDeviceWriteCache("", "write back");
     EXPECT_THAT(Recording::Events(), IsEmpty());
+}
+
+TEST(WriteCache, FileSystemsAreSyncedBeforeWriteBackReachesTheAttributeAndOnlyThen) {
+    Board::ProvideUserStorage();
+
+    QxCWriteThroughCacheGuard::SetBlockDeviceWriteCache(Board::WriteCache, "write through");
+    EXPECT_THAT(Recording::Events("sync"), IsEmpty());
+    QxCWriteThroughCacheGuard::SetBlockDeviceWriteCache(Board::WriteCache, "write back");
+    // Opening the attribute empties a plain file; what is new is not there yet.
+    EXPECT_THAT(Recording::Events("sync"), ElementsAre("sync, the attribute holds ''"));
+    EXPECT_EQ(CacheMode(), "write back");
 }
 
 TEST(WriteCache, ModeIsWrittenWithoutALineFeed) {

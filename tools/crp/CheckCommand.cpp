@@ -51,7 +51,7 @@ CRP::DeactivationList ReadDeactivations(const std::string& path, Report& report)
     if (!file || fs::is_directory(path)) {
         throw ToolError(ExitCode::InputOutput, "cannot read --deactivated '" + path + "'; is it a file?");
     }
-    const QxNJson::json config = CRP::parseConfig(file);
+    const QxNJson::json config = QxNJson::json::parse(file);
     if (config.is_invalid()) {
         report.problems.push_back(Quoted(path) +
                                   " is no JSON: a board would deactivate nothing and refuse to edit it");

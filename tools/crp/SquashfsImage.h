@@ -8,7 +8,7 @@
 /// What the tool has to know of squashfs images.
 namespace SquashfsImage {
 
-/// Number of bytes at the start of an image that carry what readSuperblock() needs.
+/// Number of bytes at the start of an image that carry what BytesUsed() needs.
 inline constexpr std::size_t SuperblockSize = 96;
 
 /// @param bytes  the start of a file

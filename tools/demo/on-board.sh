@@ -70,14 +70,13 @@ state() {
 https_ping() { curl -s -m 10 --cacert $certs/ca.crt "$@" https://localhost:8443/v5.8.1/libpod/_ping || echo refused; }
 
 prepare_board() {
-    mkdir -p /etc/quolex /mnt/cfdrive/containers/certs
+    mkdir -p /etc/quolex
     printf '[ContainerRuntime]\nLogLevel=DEBUG\n[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n' >/etc/quolex/platform.ini
-    [ -z "$tls" ] || cp $certs/ca.crt $certs/server.crt $certs/server.key /mnt/cfdrive/containers/certs/
 }
 
 first_life() {
     headline "The service starts for the first time"
-    start_daemon --enable --cores 1 --port 8443
+    start_daemon --enable --cores 1
     fact "firmware image" "$(findmnt -n -o FSTYPE,OPTIONS /mnt/containers_tools | tr -s ' ')"
     fact "Podman" "$(podman version --format '{{.Client.Version}}')"
     fact "user storage" "$(findmnt -n -o SOURCE,FSTYPE /userstorage1 | tr -s ' ')"
@@ -85,13 +84,18 @@ first_life() {
     podman import /opt/board/busybox.tar localhost/busybox:1 >/dev/null 2>&1
     podman run -d --name clock --restart=always --network=none localhost/busybox:1 \
         sh -c 'trap "exit 0" TERM; while :; do date; sleep 1 & wait $!; done' >/dev/null
+    if [ "$(printf '5.7\n%s\n' "$(podman version --format '{{.Client.Version}}')" | sort -V | head -n 1)" = 5.7 ]; then
+        tls=yes
+        cp $certs/ca.crt $certs/server.crt $certs/server.key /mnt/cfdrive/containers/certs/
+    fi
     expect "container made" "clock running" "$(podman ps --format '{{.Names}} {{.State}}')"
     stop_daemon
 }
 
 second_life() {
-    headline "The service starts again"
-    start_daemon
+    headline "The service starts again${tls:+, now with certificates and a TCP port}"
+    # shellcheck disable=SC2086  # no option at all without TLS
+    start_daemon ${tls:+--port 8443}
     wait_for is_watched 2
     expect "service state" running "$(state)"
     expect "came up by itself (restart=always)" "clock running" "$(podman ps --format '{{.Names}} {{.State}}')"
@@ -107,6 +111,25 @@ second_life() {
     fi
 }
 
+# Two plugins and a compose project, through a small host of its own that prints what the library answers.
+operations() {
+    local plugins=/userstorage1/container_rte/plugins projects=/userstorage1/container_rte/utilities/compose-files
+    mkdir -p $plugins $projects
+    cp /opt/qx/share/demo/*.crp $plugins/
+    cat >$projects/demo.yaml <<'YAML'
+services:
+  web: { image: "localhost/busybox:1", network_mode: none, command: &wait ["sh", "-c", "trap 'exit 0' TERM; while :; do sleep 1 & wait $$!; done"] }
+  db: { image: "localhost/busybox:1", network_mode: none, command: *wait }
+YAML
+    local outcome="as they should be"
+    env -u LD_LIBRARY_PATH /opt/qx/bin/qx_demo_operations demo.yaml 2>>/tmp/daemon.out ||
+        outcome="failed: $(tail -n 1 /tmp/daemon.out)"
+    expect "operations" "as they should be" "$outcome"
+    expect "init commands, by priority" "network sensors" "$(tr '\n' ' ' </run/plugins-initialised | sed 's/ $//')"
+    expect "plugins mounted" "/mnt/crp_network /mnt/crp_sensors" \
+        "$(findmnt -n -t squashfs -o TARGET | grep /mnt/crp_ | sort | tr '\n' ' ' | sed 's/ $//')"
+}
+
 end() {
     headline "The service stops"
     stop_daemon
@@ -119,7 +142,7 @@ end() {
 }
 
 stay=${1:-}
-tls=${QX_DEMO_TLS-yes}
+tls=  # whether this Podman can do TLS
 prepare_board
 first_life
 second_life
@@ -127,6 +150,7 @@ if [ "$stay" = stay ]; then
     disown "$daemon"
 else
     end
+    operations
 fi
 printf '\n'
 [ $failures = 0 ] || printf '%d of the facts above are not as they should be.\n' "$failures"

@@ -8,6 +8,7 @@ task_bench() {
             say "Measures the product beside the bare minimum of the same work and prints one table of ratios."
             say "FILTER is a regular expression on the names of the benchmarks."
             return ;;
+        -*) die 2 "bench has no option '$1'; see ./qx bench --help" ;;
     esac
     require_root bench
     build release

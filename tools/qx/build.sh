@@ -16,6 +16,8 @@ task_build() {
             say "Usage: ./qx build [PRESET]"
             say "Builds everything. Presets: release (default), debug, asan, tsan. The result is in build/PRESET."
             return ;;
+        "" | release | debug | asan | tsan) ;;
+        *) die 2 "there is no preset '$1'; see ./qx build --help" ;;
     esac
     build "${1:-release}"
     say "Built: build/${1:-release}/libQxContainerUtils.so"
@@ -41,8 +43,10 @@ task_clean() {
     case ${1:-} in
         -h | --help)
             say "Usage: ./qx clean"
-            say "Removes build/. The cache of the virtual boards stays; ./qx board --help tells where it is."
+            say "Removes build/. The cache of the virtual boards stays; board/README.md tells where it is."
             return ;;
+        "") ;;
+        *) die 2 "clean takes no options" ;;
     esac
     rm -rf build
 }

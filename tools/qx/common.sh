@@ -15,7 +15,7 @@ say() { printf '%s\n' "$*"; }
 step() {
     local text=$1
     shift
-    mkdir -p "$root/build/logs"
+    mkdir -p "$root/build/logs" 2>/dev/null || die 3 "cannot write to $root/build; whoever made it must, or root"
     local log started=$SECONDS status=0
     log="$root/build/logs/$(printf '%s' "$text" | tr -cs 'A-Za-z0-9' '-').log"
     if [ -t 1 ]; then

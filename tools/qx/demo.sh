@@ -13,6 +13,20 @@ happens. The board is removed afterwards.
 TEXT
 }
 
+# pack_plugins DIR: two small plugins whose init commands leave their names behind.
+pack_plugins() {
+    local name priority
+    while read -r name priority; do
+        mkdir -p "build/demo/$name"
+        printf '#!/bin/sh\necho %s >>/run/plugins-initialised\n' "$name" >"build/demo/$name/setup.sh"
+        build/release/bin/crp pack --name "$name" --version 1.0.0 --init ./setup.sh --priority "$priority" \
+            --dir "build/demo/$name" -o "$1/$name.crp"
+    done <<'LIST'
+sensors 20
+network 10
+LIST
+}
+
 task_demo() {
     local stay='' suite=auto name="demo-$$" status=0
     while [ $# -gt 0 ]; do
@@ -34,6 +48,7 @@ task_demo() {
     board/board fetch --suite "$suite"
     step "Stage the product for the board" stage_for_board release
     install -D tools/demo/on-board.sh build/release/stage/share/demo/on-board.sh
+    step "Pack two plugins" pack_plugins build/release/stage/share/demo
 
     board/board up --quiet --name "$name" --suite "$suite" --bind "$root/build/release/stage:/opt/qx:ro" >/dev/null
     # The name is put into the trap now: when it runs, this function's variables are gone.

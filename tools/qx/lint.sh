@@ -22,6 +22,8 @@ task_lint() {
             say "Usage: ./qx lint"
             say "Checks formatting (clang-format 14), shell scripts (shellcheck) and the product's code (clang-tidy 14)."
             return ;;
+        "") ;;
+        *) die 2 "lint takes no options" ;;
     esac
     install_packages packages.txt
     step "Check formatting" check_format
