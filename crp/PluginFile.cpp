@@ -49,19 +49,26 @@ PluginFileStatus readPluginFile(const std::string& path, CrpPluginHeader& header
     return PluginFileStatus::Plugin;
 }
 
-std::optional<std::vector<std::string>> listDirectory(const std::string& directory) {
+bool visitDirectory(const std::string& directory, const std::function<void(std::string_view name)>& visit) {
     const std::unique_ptr<DIR, DirectoryCloser> stream(opendir(directory.c_str()));
     if (stream == nullptr) {
-        return std::nullopt;
+        return false;
     }
-    std::vector<std::string> names;
     while (const dirent* entry = readdir(stream.get())) {
-        names.emplace_back(entry->d_name);
+        visit(entry->d_name);
+    }
+    return true;
+}
+
+std::optional<std::vector<std::string>> listDirectory(const std::string& directory) {
+    std::vector<std::string> names;
+    if (!visitDirectory(directory, [&names](std::string_view name) { names.emplace_back(name); })) {
+        return std::nullopt;
     }
     return names;
 }
 
-bool isHidden(const std::string& entryName) { return entryName.starts_with('.'); }
+bool isHidden(std::string_view entryName) { return entryName.starts_with('.'); }
 
 bool isRegularFile(const std::string& path) {
     struct stat status {};

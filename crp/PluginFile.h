@@ -2,8 +2,10 @@
 
 #include "CrpPluginHeader.h"
 
+#include <functional>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace CRP {
@@ -22,12 +24,16 @@ enum class PluginFileStatus {
 /// @param header  receives the trailer for Plugin and IncompatibleHeader; undefined otherwise
 PluginFileStatus readPluginFile(const std::string& path, CrpPluginHeader& header);
 
+/// Calls `visit` with every name in a directory in its own order, "." and ".." included, while it is read.
+/// @return false, with errno set, when the directory cannot be opened
+bool visitDirectory(const std::string& directory, const std::function<void(std::string_view name)>& visit);
+
 /// @return the names in a directory in its own order, "." and ".." included; nothing, with errno set, when it
 /// cannot be opened
 std::optional<std::vector<std::string>> listDirectory(const std::string& directory);
 
 /// @return whether the scan passes over an entry of that name without looking at it
-bool isHidden(const std::string& entryName);
+bool isHidden(std::string_view entryName);
 
 /// @return whether the path, links followed, leads to a regular file
 bool isRegularFile(const std::string& path);

@@ -8,6 +8,7 @@
 #include <sys/utsname.h>
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <filesystem>
 
@@ -95,17 +96,21 @@ std::vector<PluginInfo> QxCRPScanner::scan() {
 }
 
 void QxCRPScanner::scanDirectory(const std::string& dir, std::vector<PluginInfo>& out) const {
-    const std::optional<std::vector<std::string>> entries = listDirectory(dir);
-    if (!entries) {
+    // One path for all entries, so that the files that are no plugins cost no memory, however many there are.
+    std::string path = dir + "/";
+    path.reserve(path.size() + NAME_MAX);
+    const std::size_t directoryLength = path.size();
+    const bool isOpen = visitDirectory(dir, [&](std::string_view entry) {
+        if (!isHidden(entry)) {
+            path.resize(directoryLength);
+            path += entry;
+            _examine(path, out);
+        }
+    });
+    if (!isOpen) {
         QX_LOG_IF_ENABLED(RteLogLevel::Debug,
                           "Quolex Container Runtime: Cannot open plugin directory '%s': %s. Skipping",
                           dir.c_str(), strerror(errno));
-        return;
-    }
-    for (const std::string& entry : *entries) {
-        if (!isHidden(entry)) {
-            _examine(dir + "/" + entry, out);
-        }
     }
 }
 

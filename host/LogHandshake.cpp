@@ -12,6 +12,7 @@ namespace websocket = beast::websocket;
 namespace {
 
 constexpr std::uint32_t LongestHeader = 8192;
+constexpr size_t LongestRest = 1 << 20;
 
 std::string_view View(beast::string_view text) { return {text.data(), text.size()}; }
 
@@ -103,5 +104,16 @@ void LogHandshake::Refuse(Status status, const std::string& why) {
     http::async_write(_connection, *_response, [self = shared_from_this()](const auto&, size_t) {
         beast::error_code ignored;
         self->_connection.socket().shutdown(boost::asio::socket_base::shutdown_send, ignored);
+        self->DropRest(LongestRest);
     });
+}
+
+void LogHandshake::DropRest(size_t limit) {
+    // A connection that is closed with unread input may take the answer along.
+    _connection.async_read_some(boost::asio::buffer(_rest),
+                                [self = shared_from_this(), limit](const auto& error, size_t count) {
+                                    if (!error && count < limit) {
+                                        self->DropRest(limit - count);
+                                    }
+                                });
 }

@@ -3,6 +3,7 @@
 #include "LogRequest.h"
 #include "LogSocket.h"
 
+#include <array>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <functional>
@@ -32,6 +33,7 @@ private:
     void OnRequest();
     void Upgrade(LogRequest wanted);
     void Refuse(Status status, const std::string& why);
+    void DropRest(size_t limit);
 
     boost::beast::tcp_stream _connection;
     const LogSocket::Timeouts _timeouts;
@@ -40,5 +42,6 @@ private:
     boost::beast::flat_buffer _input;
     boost::beast::http::request_parser<boost::beast::http::empty_body> _parser;
     std::optional<Response> _response;
+    std::array<char, 4096> _rest;
     std::shared_ptr<LogSocket> _socket;
 };

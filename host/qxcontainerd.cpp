@@ -1,5 +1,6 @@
 // The smallest host of the container library: takes it through its life and stays until it is told to stop.
 
+#include "LogServer.h"
 #include "QxCContainer.h"
 #include "ServiceManager.h"
 #include "StopSignal.h"
@@ -41,6 +42,7 @@ struct Options {
     bool enable = false;
     std::optional<unsigned int> port;
     std::optional<unsigned int> cores;
+    std::optional<unsigned short> logPort;
 };
 
 void Tell(const char* text) {
@@ -91,12 +93,18 @@ ExitCode Run(const Options& options, const ServiceManager& serviceManager) {
         Tell("the container service cannot be started; the log file says why");
         return NotStarted;
     }
+    std::optional<LogServer> logServer;
+    if (options.logPort) {
+        logServer.emplace(service, *options.logPort);
+        Tell(("logs at ws://127.0.0.1:" + std::to_string(logServer->Port()) + "/logs/NAME").c_str());
+    }
     serviceManager.Tell("READY=1\nSTATUS=Container service running");
     Tell("running");
 
     const int signal = stopSignal.Wait();
     serviceManager.Tell("STOPPING=1\nSTATUS=Stopping containers");
     Tell(signal == SIGINT ? "interrupted, stopping" : "asked to stop, stopping");
+    logServer.reset();  // while Podman is still there
     service.Stop();
     Tell("stopped");
     return Stopped;
@@ -120,6 +128,10 @@ ExitCode RunWithArguments(int argc, char** argv) {
                    "TCP port of Podman's REST service; 0 for none. Kept in the settings.")
         ->check(CLI::Validator(RefusePort, "PORT"));
     app.add_option("--cores", options.cores, "Number of CPU cores for containers. Kept in the settings.");
+    app.add_option(
+        "--log-port", options.logPort,
+        "Serve the logs of containers to WebSocket clients of this machine on that TCP port; 0 takes a free "
+        "one and tells which");
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {

@@ -23,9 +23,11 @@ inline std::uint32_t PayloadLengthOf(const unsigned char* header) {
 
 /// Hands every complete frame in the bytes to the sink; a frame without payload is passed over.
 /// @param sink  called with (payload, length); false ends the walk
-/// @return where the incomplete rest begins, `end` when there is none; null when the sink ended the walk
+/// @param rest  receives where the incomplete rest begins; `end` when there is none
+/// @return false when the sink ended the walk
 template <typename Sink>
-const unsigned char* ForEachFrame(const unsigned char* bytes, const unsigned char* end, Sink& sink) {
+bool ForEachFrame(const unsigned char* bytes, const unsigned char* end, Sink& sink,
+                  const unsigned char*& rest) {
     while (static_cast<size_t>(end - bytes) >= FrameHeaderSize) {
         const size_t payload = PayloadLengthOf(bytes);
         if (static_cast<size_t>(end - bytes) - FrameHeaderSize < payload) {
@@ -33,11 +35,12 @@ const unsigned char* ForEachFrame(const unsigned char* bytes, const unsigned cha
         }
         bytes += FrameHeaderSize;
         if (payload != 0 && !sink(bytes, payload)) {
-            return nullptr;
+            return false;
         }
         bytes += payload;
     }
-    return bytes;
+    rest = bytes;
+    return true;
 }
 
 /// Appends to `pending` what its frame still lacks, as far as the bytes have it.
@@ -78,8 +81,8 @@ bool Demultiplex(std::vector<unsigned char>& pending, const unsigned char* bytes
             return false;
         }
     }
-    const unsigned char* const rest = ForEachFrame(bytes, end, sink);
-    if (rest == nullptr) {
+    const unsigned char* rest = nullptr;
+    if (!ForEachFrame(bytes, end, sink, rest)) {
         return false;
     }
     if (rest != end) {

@@ -288,16 +288,16 @@ private:
 // Two that ask for a free device at the same moment are told the same one. The one that binds it second fails with
 // EBUSY, which must be its only consequence, for both. The later rounds draw the loaders apart, so that more succeed.
 TEST_F(PluginsOnBoard, EightLoadersAtOnceTakeNoDeviceFromEachOther) {
-    constexpr unsigned int Rounds = 12;
+    constexpr std::size_t Rounds = 12;
     std::size_t failures = 0;
-    for (unsigned int round = 0; round < Rounds; ++round) {
+    for (std::size_t round = 0; round < Rounds; ++round) {
         int start[2];
         ASSERT_EQ(pipe2(start, O_CLOEXEC), 0);
         std::vector<LoaderProcess> loaders;
-        for (unsigned int i = 0; i < 8; ++i) {
+        for (std::size_t i = 0; i < 8; ++i) {
             Plugin plugin{"p" + std::to_string(i)};
             plugin.image = i % 4 == 3 ? std::string(4096, 'x') : plugin.image;
-            loaders.emplace_back(plugin, start, i * round * 300);
+            loaders.emplace_back(plugin, start, static_cast<unsigned int>(i * round * 300));
         }
         close(start[0]);
         close(start[1]);

@@ -57,11 +57,10 @@ TEST_F(LogHandshakes, SayWhatIsWrongWithARequest) {
 }
 
 TEST_F(LogHandshakes, BoundTheHeader) {
-    const std::string answer = Ask(Line, "Host: localhost\r\nX-Long: " + std::string(100000, 'a') + "\r\n");
-    // The rest of the request, which nobody reads, may break the connection before the answer is seen.
-    EXPECT_TRUE(answer.empty() || answer.starts_with("HTTP/1.1 431 ")) << answer;
-    EXPECT_THAT(Ask(Line, "Host: localhost\r\nX-Long: " + std::string(8000, 'a') + "\r\n"),
-                StartsWith("HTTP/1.1 431 Request Header Fields Too Large\r\n"));
+    for (const size_t length : {size_t{9000}, size_t{100000}}) {
+        EXPECT_THAT(Ask(Line, "Host: localhost\r\nX-Long: " + std::string(length, 'a') + "\r\n"),
+                    StartsWith("HTTP/1.1 431 Request Header Fields Too Large\r\n"));
+    }
     EXPECT_TRUE(Asked().empty());
 }
 

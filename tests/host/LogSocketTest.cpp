@@ -44,6 +44,7 @@ protected:
     }
     ~LogSockets() override {
         client.reset();
+        socket.reset();
         _work.reset();
         _thread.join();
     }

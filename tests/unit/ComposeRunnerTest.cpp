@@ -154,17 +154,17 @@ private:
 
 TEST_F(ComposeRunner, ReportsMissingDescriptorsAsAProgramThatDidNotStart) {
     LogAt("DEBUG_VERBOSE");
-    // Once before: a sanitizer that looks at an object for the first time takes descriptors of its own.
-    ASSERT_THAT(RunProgram("/bin/true", {"true"}), Pair(0, ""));
+    // The same path once before: a sanitizer that sees an object for the first time takes descriptors itself.
+    ASSERT_EQ(RunProgram("/no/such/tool", {"tool"}).first, 5);
     const auto descriptors = Sandbox::OpenDescriptors();
     for (const rlim_t more : {0U, 1U, 2U, 3U}) {
         Recording::Forget();
+        Result result;
         {
             const FewDescriptors limit(more);
-            EXPECT_THAT(RunProgram("/bin/true", {"true"}),
-                        Pair(5, "spawning command failed: Too many open files"))
-                << more;
+            result = RunProgram("/bin/true", {"true"});
         }
+        EXPECT_THAT(result, Pair(5, "spawning command failed: Too many open files")) << more;
         EXPECT_THAT(Recording::Logs(),
                     ElementsAre("[DEBUG_VERBOSE] Quolex Container Service:   executing of command failed: "
                                 "'/bin/true true'",

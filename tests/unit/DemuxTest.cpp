@@ -140,6 +140,7 @@ TEST(Demux, AgreesWithThePlainWayOnRandomStreams) {
 TEST(Demux, OfNothingDoesNothing) {
     Outcome outcome;
     Feed(outcome, {});
+    EXPECT_TRUE(Demultiplex(outcome.pending, nullptr, 0, [](const unsigned char*, size_t) { return false; }));
     EXPECT_TRUE(outcome.goesOn);
     EXPECT_THAT(outcome.payloads, IsEmpty());
     EXPECT_THAT(outcome.pending, IsEmpty());

@@ -82,8 +82,8 @@ first_life() {
     fact "user storage" "$(findmnt -n -o SOURCE,FSTYPE /userstorage1 | tr -s ' ')"
     wait_for is_watched 1
     podman import /opt/board/busybox.tar localhost/busybox:1 >/dev/null 2>&1
-    podman run -d --name clock --restart=always --network=none localhost/busybox:1 \
-        sh -c 'trap "exit 0" TERM; while :; do date; sleep 1 & wait $!; done' >/dev/null
+    podman run -d --name clock --restart=always --network=none -v /opt/qx/bin/qx_demo_clock:/clock:ro \
+        localhost/busybox:1 /clock >/dev/null
     if [ "$(printf '5.7\n%s\n' "$(podman version --format '{{.Client.Version}}')" | sort -V | head -n 1)" = 5.7 ]; then
         tls=yes
         cp $certs/ca.crt $certs/server.crt $certs/server.key /mnt/cfdrive/containers/certs/
@@ -95,7 +95,7 @@ first_life() {
 second_life() {
     headline "The service starts again${tls:+, now with certificates and a TCP port}"
     # shellcheck disable=SC2086  # no option at all without TLS
-    start_daemon ${tls:+--port 8443}
+    start_daemon --log-port 8090 ${tls:+--port 8443}
     wait_for is_watched 2
     expect "service state" running "$(state)"
     expect "came up by itself (restart=always)" "clock running" "$(podman ps --format '{{.Names}} {{.State}}')"
@@ -130,6 +130,12 @@ YAML
         "$(findmnt -n -t squashfs -o TARGET | grep /mnt/crp_ | sort | tr '\n' ' ' | sed 's/ $//')"
 }
 
+live_log() {
+    headline "The container's log, live at a WebSocket client, with the time from the container to the client"
+    LD_LIBRARY_PATH='' /opt/qx/bin/qxlogs --port 8090 --tail 0 --lines 5 --delay clock 2>&1 | sed 's/^/  /'
+    expect "log came" 0 "${PIPESTATUS[0]}"
+}
+
 end() {
     headline "The service stops"
     stop_daemon
@@ -146,6 +152,7 @@ tls=  # whether this Podman can do TLS
 prepare_board
 first_life
 second_life
+live_log
 if [ "$stay" = stay ]; then
     disown "$daemon"
 else
