@@ -109,7 +109,11 @@ void LogSocket::Drop() { beast::get_lowest_layer(_stream).close(); }
 void LogSocket::Close(CloseCode code, std::string_view reason) {
     const websocket::close_reason closeReason(code, reason);
     asio::post(_stream.get_executor(), [self = shared_from_this(), closeReason] {
-        if (std::exchange(self->_isClosing, true) || !self->_stream.is_open()) {
+        if (std::exchange(self->_isClosing, true)) {
+            return;
+        }
+        if (!self->_stream.is_open()) {
+            self->Drop();
             return;
         }
         self->_closeTimer.expires_after(self->_timeouts.close);

@@ -25,7 +25,7 @@ std::mutex eventsMutex;
 std::vector<std::string> events;
 std::atomic<int> liveLists{0};
 
-std::string Format(const char* format, va_list arguments) {
+__attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list arguments) {
     va_list copy;
     va_copy(copy, arguments);
     std::string text(static_cast<size_t>(vsnprintf(nullptr, 0, format, copy)) + 1, '\0');

@@ -11,6 +11,7 @@ Installs what is missing, builds everything and runs every test:
   platform  the Linux platform services
   tools     the command line tools
   board     the library with the real Podman, each test on a virtual board of its own
+and a few seconds of every fuzz target
 
   --deep         also runs the unit, platform and tools tests under the address, undefined behaviour and thread sanitizers
   --only LABEL   only the tests of one label
@@ -81,6 +82,7 @@ task_test() {
         grep '\*\*\*Skipped' build/logs/tests.log >&2
         die 1 "tests were skipped that this machine can run"
     fi
+    [ -n "$only" ] || run_fuzzers 5
     [ -z "$deep" ] || deep_tests
     say "All tests passed."
 }
