@@ -8,6 +8,7 @@
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/beast/http/read.hpp>
+#include <future>
 #include <thread>
 
 using testing::HasSubstr;
@@ -37,9 +38,11 @@ protected:
         LogSocket::Timeouts timeouts;
         timeouts.close = std::chrono::milliseconds(300);
         socket = std::make_shared<LogSocket>(std::move(connection), timeouts);
-        boost::asio::post(_io,
-                          [this, request] { socket->Accept(request, [](bool ok) { EXPECT_TRUE(ok); }); });
+        std::promise<bool> isAccepted;
+        boost::asio::post(
+            _io, [&] { socket->Accept(request, [&](bool accepted) { isAccepted.set_value(accepted); }); });
         _thread = std::thread([this] { _io.run(); });
+        EXPECT_TRUE(isAccepted.get_future().get());
         connecting.join();
     }
     ~LogSockets() override {

@@ -589,7 +589,8 @@ TEST(Supervision, AStopBeforeServicesAreWatchedCountsAsAFailedSpawn) {
     FakePodman{}.Install();
     QxCContainer& service = Service(0);
     ASSERT_TRUE(service.Start());
-    ASSERT_TRUE(Sandbox::Eventually([] { return AnyThreadIsIn(SYS_clock_nanosleep); })) << "the settling time";
+    ASSERT_TRUE(Sandbox::Eventually([] { return AnyThreadIsIn(SYS_clock_nanosleep); }))
+        << "the settling time";
 
     service.Stop();
 

@@ -1,0 +1,261 @@
+#include "LogClient.h"
+#include "LogServer.h"
+#include "LogStreamClient.h"
+#include "PodmanOnBoard.h"
+
+#include <atomic>
+#include <fstream>
+#include <thread>
+
+using namespace OnBoard;
+using QxNContainer::QxCContainer;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::IsSupersetOf;
+using testing::Lt;
+
+namespace {
+
+constexpr auto Soon = std::chrono::milliseconds(2500);
+
+class LogStreams : public PodmanOnBoard {
+protected:
+    PodmanResponse Stream(LogStreamClient& client, const std::string& container,
+                          const std::string& query = "follow=true&stdout=true&stderr=true") {
+        const LogStreamErrors errors;
+        const auto session = service.RegisterLogStreamSession(&client, container);
+        const PodmanResponse response = service.StreamPodmanRequest(
+            "/containers/" + container + "/logs?" + query, Get, {}, errors.list, session, &client);
+        service.UnregisterLogStreamSession(&client);
+        return response;
+    }
+
+    /// Streams on a thread of its own until something was received, closes, and tells how long the end took.
+    steady_clock::duration TimeFromCloseToEnd(const std::string& container) {
+        LogStreamClient client;
+        std::atomic<bool> hasReceived{false};
+        client.onMessage = [&] { hasReceived = true; };
+        std::thread stream([&] { EXPECT_EQ(Stream(client, container).httpCode, 200); });
+        EXPECT_TRUE(Eventually([&] { return hasReceived.load(); }));
+        const auto closed = steady_clock::now();
+        QxCContainer::LogStreamCloseHandler(nullptr, 0, &client);
+        stream.join();
+        return steady_clock::now() - closed;
+    }
+};
+
+std::string Joined(const LogStreamClient& client) {
+    std::string all;
+    for (const std::string& message : client.Messages()) {
+        all += message;
+    }
+    return all;
+}
+
+// --- What is streamed ---
+
+TEST_F(LogStreams, OfAContainerWithoutATerminalAreMessagesOfLines) {
+    Run("talker", "echo one; echo two");
+    LogStreamClient client;
+
+    EXPECT_EQ(Stream(client, "talker").httpCode, 200);
+
+    EXPECT_THAT(client.Messages(), ElementsAre("one\n", "two\n"));
+}
+
+TEST_F(LogStreams, CarryStandardErrorAsWell) {
+    Run("talker", "echo out; echo err >&2");
+    LogStreamClient both;
+    LogStreamClient errorsOnly;
+
+    Stream(both, "talker");
+    Stream(errorsOnly, "talker", "follow=true&stderr=true");
+
+    EXPECT_THAT(both.Messages(), testing::UnorderedElementsAre("out\n", "err\n"));
+    EXPECT_THAT(errorsOnly.Messages(), ElementsAre("err\n"));
+}
+
+TEST_F(LogStreams, OfAContainerWithATerminalAreRaw) {
+    Run("screen", "echo one; echo two", "-t");
+    LogStreamClient client;
+
+    EXPECT_EQ(Stream(client, "screen").httpCode, 200);
+
+    EXPECT_TRUE(service.IsContainerTty("screen"));
+    EXPECT_EQ(Joined(client), "one\r\ntwo\r\n");
+}
+
+TEST_F(LogStreams, FollowAContainerAcrossItsEnd) {
+    Run("counter", "for i in 1 2 3; do echo $i; sleep 1; done; echo last");
+    LogStreamClient client;
+
+    EXPECT_EQ(Stream(client, "counter").httpCode, 200);
+
+    EXPECT_THAT(client.Messages(), ElementsAre("1\n", "2\n", "3\n", "last\n"));
+}
+
+TEST_F(LogStreams, OfAContainerThatDoesNotExistGiveTheStatusOnly) {
+    LogStreamClient client;
+    EXPECT_EQ(Stream(client, "ghost").httpCode, 404);
+    EXPECT_THAT(client.Messages(), IsEmpty());
+}
+
+// --- Clients that leave ---
+
+TEST_F(LogStreams, EndSoonAfterAClientVanishesInSilence) {
+    Run("silent", "echo ready; sleep 1000");
+    EXPECT_THAT(TimeFromCloseToEnd("silent"), Lt(Soon));
+}
+
+TEST_F(LogStreams, EndSoonAfterAClientVanishesInAFlood) {
+    Run("flood", "yes flooding");
+    EXPECT_THAT(TimeFromCloseToEnd("flood"), Lt(Soon));
+}
+
+TEST_F(LogStreams, WithoutAWebSocketEndAtTheFirstLine) {
+    Run("talker", "echo one; sleep 1000");
+    const LogStreamErrors errors;
+    const auto session = service.RegisterLogStreamSession(nullptr, "talker");
+    EXPECT_EQ(service
+                  .StreamPodmanRequest("/containers/talker/logs?follow=true&stdout=true", Get, {},
+                                       errors.list, session, nullptr)
+                  .httpCode,
+              200);
+    service.UnregisterLogStreamSession(nullptr);
+}
+
+// --- Sessions ---
+
+TEST_F(LogStreams, KeepASessionThatWasRegisteredAgain) {
+    Run("slow", "echo begin; sleep 3; echo end");
+    LogStreamClient client;
+    std::atomic<bool> hasReceived{false};
+    client.onMessage = [&] { hasReceived = true; };
+    std::thread stream([&] { EXPECT_EQ(Stream(client, "slow").httpCode, 200); });
+    ASSERT_TRUE(Eventually([&] { return hasReceived.load(); }));
+
+    const auto second = service.RegisterLogStreamSession(&client, "slow");
+    QxCContainer::LogStreamCloseHandler(nullptr, 0, &client);
+    stream.join();
+
+    EXPECT_TRUE(second->abortFlag);
+    EXPECT_THAT(client.Messages(), ElementsAre("begin\n", "end\n"));
+}
+
+TEST_F(LogStreams, AreNotReachedByACloseAfterTheyWereUnregistered) {
+    Run("talker", "echo one");
+    LogStreamClient client;
+    const auto session = service.RegisterLogStreamSession(&client, "talker");
+    service.UnregisterLogStreamSession(&client);
+
+    QxCContainer::LogStreamCloseHandler(nullptr, 0, &client);
+
+    EXPECT_FALSE(session->abortFlag);
+}
+
+// --- Many ---
+
+TEST_F(LogStreams, RunTwentySideBySide) {
+    Run("counter", "for i in 1 2 3 4 5; do echo $i; sleep 0.5; done");
+    std::vector<LogStreamClient> clients(20);
+    const auto descriptors = OpenDescriptors();
+    std::vector<std::thread> threads;
+    for (LogStreamClient& client : clients) {
+        threads.emplace_back([&] { EXPECT_EQ(Stream(client, "counter").httpCode, 200); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    for (const LogStreamClient& client : clients) {
+        EXPECT_THAT(client.Messages(), ElementsAre("1\n", "2\n", "3\n", "4\n", "5\n"));
+    }
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+}
+
+size_t Threads() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<size_t>(std::distance(begin(tasks), end(tasks)));
+}
+
+size_t ResidentKilobytes() {
+    std::ifstream file("/proc/self/statm");
+    size_t total = 0;
+    size_t resident = 0;
+    file >> total >> resident;
+    return resident * 4;
+}
+
+TEST_F(LogStreams, LeaveNothingAfterTwoHundred) {
+    Run("talker", "echo one; echo two");
+    const auto runTwenty = [&] {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 20; ++i) {
+            threads.emplace_back([&] {
+                LogStreamClient client;
+                EXPECT_EQ(Stream(client, "talker").httpCode, 200);
+                EXPECT_EQ(Joined(client), "one\ntwo\n");
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    };
+    runTwenty();
+    const auto descriptors = OpenDescriptors();
+    const auto children = Children();
+    const size_t threads = Threads();
+    const size_t memory = ResidentKilobytes();
+
+    for (int i = 0; i < 10; ++i) {
+        runTwenty();
+    }
+
+    EXPECT_EQ(OpenDescriptors(), descriptors);
+    EXPECT_EQ(Children(), children);
+    EXPECT_EQ(Threads(), threads);
+    EXPECT_LT(ResidentKilobytes(), memory + 2048);
+}
+
+// --- To a real WebSocket ---
+
+TEST_F(LogStreams, ReachAWebSocketClientAndEndWithIt) {
+    Run("ticker", "while :; do echo tick; sleep 1; done");
+    LogServer server(service, 0);
+    LogClient client(server.Port(), "/logs/ticker?tail=0");
+    LogClient other(server.Port(), "/logs/ticker");
+
+    EXPECT_EQ(client.Next(), "tick\n");
+    EXPECT_EQ(client.Next(), "tick\n");
+    EXPECT_EQ(other.Next(), "tick\n");
+
+    const auto gone = steady_clock::now();
+    client.Vanish();
+    EXPECT_TRUE(Eventually([&] { return server.Clients() == 1; }));
+    EXPECT_THAT(steady_clock::now() - gone, Lt(Soon));
+    EXPECT_EQ(other.Next(), "tick\n");
+}
+
+TEST_F(LogStreams, TellAWebSocketClientThatThereIsNoSuchContainer) {
+    LogServer server(service, 0);
+    LogClient client(server.Port(), "/logs/ghost");
+    EXPECT_EQ(client.Next(), "");
+    EXPECT_EQ(client.Reason(), "no such container");
+}
+
+TEST_F(LogStreams, AreShownByTheCommandLineClientWithTheirDelay) {
+    Run("clock", "while :; do date +%s; sleep 0.2; done");
+    LogServer server(service, 0);
+    const std::string tool = "/opt/qx/bin/qxlogs --port " + std::to_string(server.Port());
+
+    const Outcome shown = Shell(tool + " clock --lines 3 --tail 0 --delay");
+    const Outcome missing = Shell(tool + " ghost");
+
+    EXPECT_EQ(shown.status, 0) << shown.output;
+    EXPECT_THAT(shown.output, testing::MatchesRegex("( *[0-9.]+ ms  [0-9]+\n)+"));
+    EXPECT_EQ(std::count(shown.output.begin(), shown.output.end(), '\n'), 3);
+    EXPECT_EQ(missing.status, 1);
+    EXPECT_EQ(missing.output, "qxlogs: ghost: no such container\n");
+}
+
+}  // namespace
