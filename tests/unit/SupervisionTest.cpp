@@ -452,6 +452,9 @@ TEST(Supervision, AFailingWaitIsAnErrorAndEndsTheThread) {
             const rlimit none{0, original.rlim_max};
             setrlimit(RLIMIT_NOFILE, &none);
         }
+        if (event.find("failed") != std::string::npos) {
+            setrlimit(RLIMIT_NOFILE, &original);  // sanitizers need descriptors to look at memory
+        }
     };
 
     RunMonitor(service);
@@ -473,6 +476,11 @@ TEST(Supervision, AProcessDescriptorThatCannotBeOpenedIsAnErrorAndEndsTheThread)
     }
     const rlimit few{Limit, original.rlim_max};
     setrlimit(RLIMIT_NOFILE, &few);
+    TheScript().onEvent = [&](const std::string& event) {
+        if (event.find("failed") != std::string::npos) {
+            setrlimit(RLIMIT_NOFILE, &original);  // sanitizers need descriptors to look at memory
+        }
+    };
 
     RunMonitor(service);
     setrlimit(RLIMIT_NOFILE, &original);
