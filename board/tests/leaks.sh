@@ -79,7 +79,7 @@ ended_with 'loop devices by hand, then SIGKILL' 137
 
 # The front is ended in the middle of every phase of the start.
 for signal in KILL TERM INT; do
-    for delay in 0.01 0.03 0.05 0.08 0.10 0.12 0.14 0.16 0.18 0.20 0.23 0.26 0.30 0.35; do
+    for delay in 0.004 0.006 0.008 0.01 0.03 0.05 0.08 0.10 0.12 0.14 0.16 0.18 0.20 0.23 0.26 0.30 0.35; do
         start run --quiet -- sleep 60
         sleep "$delay"
         kill -"$signal" "$front"

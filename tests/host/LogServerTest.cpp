@@ -1,6 +1,7 @@
 #include "LogServerFixture.h"
 
 #include <fcntl.h>
+#include <algorithm>
 #include <chrono>
 
 using QxNContainer::QxCContainer;
@@ -63,6 +64,31 @@ TEST_F(LogServing, SaysThatPodmanGaveNoAnswer) {
     const auto client = Connect("/logs/web");
     EXPECT_EQ(client->Next(), "");
     EXPECT_EQ(client->Code(), LogClient::CloseCode::internal_error);
+}
+
+TEST_F(LogServing, HandsFramesOnAsTheyCome) {
+    std::atomic<steady_clock::rep> sent{0};
+    std::atomic<int> received{0};
+    logs = [&](Connection& connection) {
+        connection.StartChunked();
+        for (int i = 0; i < 50; ++i) {
+            sent = steady_clock::now().time_since_epoch().count();
+            connection.SendChunk(LogFrame("line"));
+            EXPECT_TRUE(Sandbox::Eventually([&] { return received == i + 1; }));
+        }
+        connection.EndChunks();
+    };
+    const auto client = Connect("/logs/web");
+    std::vector<steady_clock::duration> delays;
+    while (!client->Next().empty()) {
+        delays.push_back(steady_clock::now().time_since_epoch() - steady_clock::duration(sent));
+        ++received;
+    }
+
+    ASSERT_EQ(delays.size(), 50U);
+    std::sort(delays.begin(), delays.end());
+    RecordProperty("median_us", static_cast<int>(delays[25] / std::chrono::microseconds(1)));
+    EXPECT_THAT(delays[25], Lt(milliseconds(20)));
 }
 
 // --- Clients that leave ---
