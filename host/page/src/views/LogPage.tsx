@@ -1,0 +1,90 @@
+import type { ComponentType } from "preact";
+import { useEffect, useState } from "preact/hooks";
+import { words } from "../api/client";
+import * as types from "../api/types";
+import { useShared } from "../context";
+import { Loading, Stale } from "../parts/basics";
+import { usePoll } from "../poll";
+import { addressOf } from "../route";
+
+interface Properties {
+    containers: string[];
+    project: string;
+    isSilent: boolean;
+}
+
+type View = ComponentType<{ containers: string[]; title: string; running: string[]; isSilent: boolean }>;
+const mostLogs = 16;
+
+/** The log of some containers, or of all of a project. The terminal is fetched when it is needed. */
+export function LogPage({ containers, project, isSilent }: Properties) {
+    const { api } = useShared();
+    const [loaded, setLoaded] = useState<{ view: View } | null>(null);
+    const [problem, setProblem] = useState("");
+    const [members, setMembers] = useState<string[]>(containers);
+    const polled = usePoll((signal) => api.get("/containers", types.containers, signal), "log containers");
+
+    useEffect(() => {
+        import("../log/LogView").then(
+            (module) => setLoaded({ view: module.default }),
+            (error) => setProblem(`The log view could not be loaded: ${words(error)}`),
+        );
+    }, []);
+
+    const found = polled.data?.containers ?? [];
+    const known = project
+        ? found.filter((container) => container.project === project).map((container) => container.name)
+        : containers;
+    const missing = known.filter((name) => !members.includes(name));
+    useEffect(() => {
+        // containers that join the project join its log; those that leave it keep their lines
+        if (missing.length > 0) {
+            setMembers((before) => [...before, ...missing].slice(0, mostLogs));
+        }
+    }, [missing.join(" ")]);
+
+    const running = found
+        .filter((container) => container.state === "running")
+        .map((container) => container.name);
+    const title = project || members.join(", ");
+    return (
+        <>
+            <div class="head">
+                <h1 tabIndex={-1}>Log of {title || "nothing"}</h1>
+                {members.length === 1 && !project ? (
+                    <a href={addressOf.container(members[0] as string)}>Inspect</a>
+                ) : null}
+                <a href={project ? "#/projects" : "#/containers"}>
+                    {project ? "All projects" : "All containers"}
+                </a>
+            </div>
+            {problem ? (
+                <p class="notice failed" role="alert">
+                    {problem}
+                </p>
+            ) : null}
+            {members.length === 0 ? (
+                <>
+                    <Stale problem={polled.problem} hasData={false} />
+                    {polled.data ? (
+                        <p class="empty">
+                            {project
+                                ? `No container belongs to the project ${project}.`
+                                : "No container was chosen."}
+                        </p>
+                    ) : null}
+                </>
+            ) : loaded ? (
+                <loaded.view
+                    key={members.join(" ")}
+                    containers={members}
+                    title={title}
+                    running={running.filter((name) => members.includes(name))}
+                    isSilent={isSilent}
+                />
+            ) : problem ? null : (
+                <Loading what="the log view" />
+            )}
+        </>
+    );
+}

@@ -1,0 +1,3 @@
+export function Messages() {
+    return <h1 tabIndex={-1}>Messages</h1>;
+}

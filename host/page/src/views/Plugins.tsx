@@ -1,0 +1,3 @@
+export function Plugins() {
+    return <h1 tabIndex={-1}>Plugins</h1>;
+}

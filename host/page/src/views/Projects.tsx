@@ -1,0 +1,3 @@
+export function Projects() {
+    return <h1 tabIndex={-1}>Projects</h1>;
+}

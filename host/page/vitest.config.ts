@@ -1,0 +1,5 @@
+import { defineConfig } from "vitest/config";
+
+export default defineConfig({
+    test: { include: ["test/unit/**/*.test.ts"], pool: "threads", maxWorkers: 1, minWorkers: 1 },
+});
