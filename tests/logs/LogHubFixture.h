@@ -1,0 +1,212 @@
+#pragma once
+
+#include "Board.h"
+#include "LogHub.h"
+#include "LogStreamClient.h"
+#include "QxCContainer.h"
+#include "QxNJson.h"
+#include "ScriptedServer.h"
+
+#include <gmock/gmock.h>
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+/// A viewer and what it got.
+class Watcher {
+public:
+    explicit Watcher(std::unique_ptr<LogViewer> viewer, size_t maxBytes = 65536)
+        : _viewer(std::move(viewer)), _maxBytes(maxBytes) {}
+
+    /// Takes the next message, waiting for it.
+    /// @return an invalid value when none comes
+    QxNJson::json Next() {
+        for (;;) {
+            if (const auto message = _viewer->Next(_maxBytes)) {
+                return QxNJson::json::parse(*message);
+            }
+            if (_viewer->HasEnded() || !Wait()) {
+                return QxNJson::json::parse("");
+            }
+        }
+    }
+
+    /// Takes messages until a number of lines is there or the log has ended.
+    /// @return the lines; other messages are put between them as texts
+    std::vector<QxNJson::json> Lines(size_t count) {
+        std::vector<QxNJson::json> lines;
+        while (lines.size() < count) {
+            const QxNJson::json message = Next();
+            if (message.is_invalid()) {
+                break;
+            }
+            if (message["type"] == "lines") {
+                for (const auto& line : message["lines"]) {
+                    lines.emplace_back(line);
+                }
+            } else if (message["type"] != "start") {
+                lines.push_back(message);
+            }
+        }
+        return lines;
+    }
+
+    /// @return the texts of lines, and other messages in short: "[skipped 3]", "[exited exit code 1]"
+    std::vector<std::string> Texts(size_t count = SIZE_MAX) {
+        std::vector<std::string> texts;
+        for (const QxNJson::json& line : Lines(count)) {
+            if (line.contains("cursor")) {
+                cursor = line["cursor"].get<std::string>();
+                texts.push_back(line["text"].get<std::string>());
+            } else if (line["type"] == "skipped") {
+                texts.push_back("[skipped " + line["count"].dump() + "]");
+            } else {
+                texts.push_back("[" + line["code"].get<std::string>() + " " +
+                                line["reason"].get<std::string>() + "]");
+            }
+        }
+        return texts;
+    }
+
+    LogViewer& Viewer() { return *_viewer; }
+
+    std::string cursor;  ///< of the last line
+
+private:
+    struct Signal {
+        std::mutex mutex;
+        std::condition_variable condition;
+        bool isSet = false;
+    };
+
+    bool Wait() {
+        const auto signal = std::make_shared<Signal>();
+        _viewer->NotifyOnce([signal] {
+            const std::lock_guard lock(signal->mutex);
+            signal->isSet = true;
+            signal->condition.notify_one();
+        });
+        std::unique_lock lock(signal->mutex);
+        return signal->condition.wait_for(lock, std::chrono::seconds(20), [&] { return signal->isSet; });
+    }
+
+    std::unique_ptr<LogViewer> _viewer;
+    size_t _maxBytes;
+};
+
+/// A log hub before a Podman with one container, "web", whose log the test scripts.
+class LogHubTest : public testing::Test {
+protected:
+    using Connection = ScriptedServer::Connection;
+
+    inline static const std::string Id = "0123456789abcdef0123456789abcdef0123456789abcdef0123456789abcdef";
+
+    LogHubTest() : _podman(Board::PODMAN_SOCKET, [this](Connection& connection) { Answer(connection); }) {}
+
+    void Serve(const LogHub::Limits& limits = {}) {
+        hub.reset();
+        hub = std::make_unique<LogHub>(QxNContainer::QxCContainer::GetInstance(), limits);
+    }
+
+    LogHub::Opened Open(const LogStart& start = {}, const std::string& container = "web") {
+        return hub->Open(container, start);
+    }
+    Watcher Watch(const LogStart& start = {}, size_t maxBytes = 65536) {
+        LogHub::Opened opened = Open(start);
+        if (opened.viewer == nullptr) {
+            ADD_FAILURE() << opened.error.text;
+            abort();
+        }
+        return Watcher(std::move(opened.viewer), maxBytes);
+    }
+
+    std::vector<ScriptedServer::Request> Asked() const { return _podman.Requests(); }
+    /// @return targets of the requests for lines
+    std::vector<std::string> LogRequests() const {
+        std::vector<std::string> targets;
+        for (const auto& request : Asked()) {
+            if (IsLog(request.Target())) {
+                targets.push_back(request.Target());
+            }
+        }
+        return targets;
+    }
+    int LiveConnections() const { return _podman.LiveConnections(); }
+
+    /// @return a time in the first minute of a day
+    static std::string Time(int milliseconds) {
+        char text[64];
+        snprintf(text, sizeof(text), "2026-01-31T00:%02d:%02d.%03d000000Z", milliseconds / 60000,
+                 milliseconds / 1000 % 60, milliseconds % 1000);
+        return text;
+    }
+    static std::string Frame(int milliseconds, const std::string& text, char stream = 1) {
+        return LogFrame(Time(milliseconds) + " " + text, stream);
+    }
+    static std::string Line(int milliseconds, const std::string& text, char stream = 1) {
+        return Frame(milliseconds, text + "\n", stream);
+    }
+    /// Numbered lines, a millisecond apart.
+    static std::string NumberedLines(int first, int last) {
+        std::string frames;
+        for (int i = first; i <= last; ++i) {
+            frames += Line(i, std::to_string(i));
+        }
+        return frames;
+    }
+
+    static std::string State(const std::string& status, int exitCode = 0, bool hasTerminal = false,
+                             const std::string& id = Id) {
+        return R"({"Id":")" + id + R"(","Name":"web","State":{"Status":")" + status + R"(","ExitCode":)" +
+               std::to_string(exitCode) + R"(,"FinishedAt":"2026-01-31T00:00:00Z"},"Config":{"Tty":)" +
+               (hasTerminal ? "true" : "false") + "}}";
+    }
+
+    static bool IsLog(const std::string& target) { return target.find("/logs?") != std::string::npos; }
+    static bool IsFollow(const std::string& target) {
+        return target.find("follow=true") != std::string::npos;
+    }
+
+    /// Sends frames, then nothing until the client has gone.
+    static ScriptedServer::Script Silent(const std::string& frames) {
+        return [frames](Connection& connection) {
+            connection.StartChunked();
+            if (!frames.empty()) {
+                connection.SendChunk(frames);
+            }
+            connection.WaitForEnd();
+        };
+    }
+
+    // What Podman answers. `inspect` may be set while the hub runs.
+    void SetInspect(ScriptedServer::Script script) {
+        const std::lock_guard lock(_mutex);
+        _inspect = std::move(script);
+    }
+    ScriptedServer::Script history = ScriptedServer::Answer(200);
+    ScriptedServer::Script follow = Silent("");
+    std::unique_ptr<LogHub> hub;
+
+private:
+    void Answer(Connection& connection) {
+        const std::string target = connection.request.Target();
+        if (!IsLog(target)) {
+            ScriptedServer::Script script;
+            {
+                const std::lock_guard lock(_mutex);
+                script = _inspect;
+            }
+            script(connection);
+        } else if (IsFollow(target)) {
+            follow(connection);
+        } else {
+            history(connection);
+        }
+    }
+
+    std::mutex _mutex;
+    ScriptedServer::Script _inspect = ScriptedServer::Answer(200, State("running"));
+    ScriptedServer _podman;
+};
