@@ -160,10 +160,14 @@ export function clean(source: string, style = ""): Clean {
             }
         }
     };
+    let nextEnd = -1;
     const stringAt = (from: number) => {
+        if (nextEnd < from) {
+            stringEnd.lastIndex = from;
+            nextEnd = stringEnd.exec(source) ? stringEnd.lastIndex : Number.POSITIVE_INFINITY;
+        }
         // one without an end is no reason to hide the rest of the line
-        stringEnd.lastIndex = from;
-        index = stringEnd.exec(source) ? stringEnd.lastIndex : from;
+        index = nextEnd === Number.POSITIVE_INFINITY ? from : nextEnd;
     };
 
     while (index < source.length) {

@@ -93,11 +93,7 @@ export class Deque<T> {
 /** Milliseconds since the epoch of a time with nanoseconds, to a fraction of a microsecond; NaN when it is none. */
 export function exactTime(iso: string): number {
     const milliseconds = Date.parse(iso);
-    const point = iso.indexOf(".");
-    if (point < 0 || Number.isNaN(milliseconds)) {
-        return milliseconds;
-    }
-    const finer = /^\d{1,6}/.exec(iso.slice(point + 4, point + 10))?.[0] ?? "";
+    const finer = /\.\d{3}(\d{1,6})/.exec(iso)?.[1];
     return finer ? milliseconds + Number(finer) / 10 ** finer.length : milliseconds;
 }
 

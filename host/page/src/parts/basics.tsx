@@ -45,7 +45,10 @@ export function Act({
     children,
     off,
     ...rest
-}: { children: ComponentChildren; off?: boolean } & Omit<JSX.HTMLAttributes<HTMLButtonElement>, "disabled">) {
+}: { children: ComponentChildren; off?: boolean } & Omit<
+    JSX.ButtonHTMLAttributes<HTMLButtonElement>,
+    "disabled"
+>) {
     const { mayAct } = useShared();
     return (
         <button
