@@ -9,13 +9,12 @@ void ContainerLog::Append(std::vector<LogLinePtr>& lines) {
     Waiters waiters;
     {
         const std::lock_guard lock(_mutex);
-        if (_hasEnded || lines.empty()) {
-            return;
+        if (!_hasEnded && !lines.empty()) {
+            for (LogLinePtr& line : lines) {
+                _ring.Append(std::move(line));
+            }
+            waiters.swap(_waiters);
         }
-        for (LogLinePtr& line : lines) {
-            _ring.Append(std::move(line));
-        }
-        waiters.swap(_waiters);
     }
     lines.clear();
     Call(waiters);

@@ -34,7 +34,7 @@ public:
 
     // --- For the one who reads ---
 
-    /// After the end nothing more is taken.
+    /// Takes the lines out of the vector; after the end they are dropped.
     void Append(std::vector<LogLinePtr>& lines);
     /// Says that the lines that were there at the beginning have arrived.
     void SetReady();

@@ -160,7 +160,8 @@ std::optional<PodmanLog::Ending> PodmanLog::ReadHistory() {
     if (isComplete) {
         _log->SetReady();
     }
-    return isFinal ? std::optional(EndingOf(_state)) : std::nullopt;
+    // Lines of a single time may all be among those that cannot be relied on.
+    return isFinal && isComplete ? std::optional(EndingOf(_state)) : std::nullopt;
 }
 
 bool PodmanLog::NobodyWrote() {

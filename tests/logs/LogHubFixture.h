@@ -3,98 +3,15 @@
 #include "Board.h"
 #include "LogHub.h"
 #include "LogStreamClient.h"
+#include "LogWatcher.h"
 #include "QxCContainer.h"
-#include "QxNJson.h"
 #include "ScriptedServer.h"
 
 #include <gmock/gmock.h>
-#include <condition_variable>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
-
-/// A viewer and what it got.
-class Watcher {
-public:
-    explicit Watcher(std::unique_ptr<LogViewer> viewer, size_t maxBytes = 65536)
-        : _viewer(std::move(viewer)), _maxBytes(maxBytes) {}
-
-    /// Takes the next message, waiting for it.
-    /// @return an invalid value when none comes
-    QxNJson::json Next() {
-        for (;;) {
-            if (const auto message = _viewer->Next(_maxBytes)) {
-                return QxNJson::json::parse(*message);
-            }
-            if (_viewer->HasEnded() || !Wait()) {
-                return QxNJson::json::parse("");
-            }
-        }
-    }
-
-    /// Takes messages until a number of lines is there or the log has ended.
-    /// @return the lines; other messages are put between them as texts
-    std::vector<QxNJson::json> Lines(size_t count) {
-        std::vector<QxNJson::json> lines;
-        while (lines.size() < count) {
-            const QxNJson::json message = Next();
-            if (message.is_invalid()) {
-                break;
-            }
-            if (message["type"] == "lines") {
-                for (const auto& line : message["lines"]) {
-                    lines.emplace_back(line);
-                }
-            } else if (message["type"] != "start") {
-                lines.push_back(message);
-            }
-        }
-        return lines;
-    }
-
-    /// @return the texts of lines, and other messages in short: "[skipped 3]", "[exited exit code 1]"
-    std::vector<std::string> Texts(size_t count = SIZE_MAX) {
-        std::vector<std::string> texts;
-        for (const QxNJson::json& line : Lines(count)) {
-            if (line.contains("cursor")) {
-                cursor = line["cursor"].get<std::string>();
-                texts.push_back(line["text"].get<std::string>());
-            } else if (line["type"] == "skipped") {
-                texts.push_back("[skipped " + line["count"].dump() + "]");
-            } else {
-                texts.push_back("[" + line["code"].get<std::string>() + " " +
-                                line["reason"].get<std::string>() + "]");
-            }
-        }
-        return texts;
-    }
-
-    LogViewer& Viewer() { return *_viewer; }
-
-    std::string cursor;  ///< of the last line
-
-private:
-    struct Signal {
-        std::mutex mutex;
-        std::condition_variable condition;
-        bool isSet = false;
-    };
-
-    bool Wait() {
-        const auto signal = std::make_shared<Signal>();
-        _viewer->NotifyOnce([signal] {
-            const std::lock_guard lock(signal->mutex);
-            signal->isSet = true;
-            signal->condition.notify_one();
-        });
-        std::unique_lock lock(signal->mutex);
-        return signal->condition.wait_for(lock, std::chrono::seconds(20), [&] { return signal->isSet; });
-    }
-
-    std::unique_ptr<LogViewer> _viewer;
-    size_t _maxBytes;
-};
 
 /// A log hub before a Podman with one container, "web", whose log the test scripts.
 class LogHubTest : public testing::Test {
@@ -113,13 +30,13 @@ protected:
     LogHub::Opened Open(const LogStart& start = {}, const std::string& container = "web") {
         return hub->Open(container, start);
     }
-    Watcher Watch(const LogStart& start = {}, size_t maxBytes = 65536) {
+    LogWatcher Watch(const LogStart& start = {}, size_t maxBytes = 65536) {
         LogHub::Opened opened = Open(start);
         if (opened.viewer == nullptr) {
             ADD_FAILURE() << opened.error.text;
             abort();
         }
-        return Watcher(std::move(opened.viewer), maxBytes);
+        return LogWatcher(std::move(opened.viewer), maxBytes);
     }
 
     std::vector<ScriptedServer::Request> Asked() const { return _podman.Requests(); }

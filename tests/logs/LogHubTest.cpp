@@ -380,7 +380,7 @@ TEST_F(LogHubs, EndAStreamThatNobodyWatches) {
     std::this_thread::sleep_for(milliseconds(100));
     EXPECT_EQ(hub->Streams(), 1U);
     const auto left = steady_clock::now();
-    other = Watcher(nullptr);
+    other = LogWatcher(nullptr);
     EXPECT_TRUE(Sandbox::Eventually([&] { return LiveConnections() == 0; }));
     EXPECT_EQ(hub->Streams(), 0U);
     EXPECT_THAT(steady_clock::now() - left, Lt(milliseconds(2500)));
