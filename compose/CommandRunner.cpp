@@ -3,23 +3,26 @@
 #include "support/Log.h"
 #include "support/UniqueFd.h"
 
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace {
 
 constexpr int CouldNotStart = 5;
 constexpr int Failed = 6;
 
-/// Appends with fourfold growth: with the string's own doubling, most of the time of a large capture goes
-/// into copying it to fresh pages again and again.
+/// Appends with fourfold growth: with the string's own doubling, most of the time of a capture goes into
+/// copying it to fresh pages again and again. A large one, whose memory the caller keeps, is only doubled.
 void Append(std::string& text, const char* chunk, size_t length) {
+    constexpr size_t Large = size_t{8} << 20;
     if (text.capacity() - text.size() < length) {
-        text.reserve(4 * (text.size() + length));
+        const size_t needed = text.size() + length;
+        text.reserve(std::max(2 * needed, std::min(4 * needed, Large)));
     }
     text.append(chunk, length);
 }
@@ -52,25 +55,39 @@ struct OutputPipe {
     }
 };
 
-/// Leads a child's standard output and error into pipes.
-class OutputRedirection {
+/// The child, which is waited for exactly once: when asked to, or else when this goes.
+class Child {
 public:
-    OutputRedirection(const OutputPipe& standardOutput, const OutputPipe& standardError) {
-        posix_spawn_file_actions_init(&_actions);
-        posix_spawn_file_actions_adddup2(&_actions, standardOutput.writeEnd.Get(), STDOUT_FILENO);
-        posix_spawn_file_actions_adddup2(&_actions, standardError.writeEnd.Get(), STDERR_FILENO);
-        posix_spawn_file_actions_addclose(&_actions, standardOutput.readEnd.Get());
-        posix_spawn_file_actions_addclose(&_actions, standardError.readEnd.Get());
+    Child() = default;
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    ~Child() {
+        int status = 0;
+        Wait(status);
     }
-    OutputRedirection(const OutputRedirection&) = delete;
-    OutputRedirection& operator=(const OutputRedirection&) = delete;
-    ~OutputRedirection() { posix_spawn_file_actions_destroy(&_actions); }
 
-    const posix_spawn_file_actions_t* Actions() const { return &_actions; }
+    void Take(pid_t pid) { _pid = pid; }
+
+    /// @return whether the status was read; errno says why not
+    bool Wait(int& status) {
+        const pid_t pid = std::exchange(_pid, None);
+        return pid != None && waitpid(pid, &status, 0) == pid;
+    }
 
 private:
-    posix_spawn_file_actions_t _actions;
+    static constexpr pid_t None = -1;
+    pid_t _pid = None;
 };
+
+QxNSupport::SpawnResult Start(const char* path, char* const* argv, const OutputPipe& standardOutput,
+                              const OutputPipe& standardError) {
+    QxNSupport::SpawnActions actions;
+    actions.Duplicate(standardOutput.writeEnd.Get(), STDOUT_FILENO);
+    actions.Duplicate(standardError.writeEnd.Get(), STDERR_FILENO);
+    actions.Close(standardOutput.readEnd.Get());
+    actions.Close(standardError.readEnd.Get());
+    return QxNSupport::Spawn(path, argv, actions.Get());
+}
 
 std::string CommandLine(const char* path, char* const* argv) {
     std::string line = path;
@@ -118,16 +135,18 @@ int ReportExitCode(const std::string& commandLine, int code, std::string errors,
 
 int QxCComposeFileHandler::_executeShellCommand(char* path, char** argv, std::string& output) {
     const std::string commandLine = CommandLine(path, argv);
+    // Waited for after the pipes are closed, which ends a child that still writes when memory has run out.
+    Child child;
     OutputPipe standardOutput;
     OutputPipe standardError;
     if (!standardOutput.IsOpen() || !standardError.IsOpen()) {
         return ReportNotStarted(commandLine, errno, output);
     }
-    OutputRedirection redirection(standardOutput, standardError);
-    const QxNSupport::SpawnResult child = QxNSupport::Spawn(path, argv, redirection.Actions());
-    if (child.error != 0) {
-        return ReportNotStarted(commandLine, child.error, output);
+    const QxNSupport::SpawnResult started = Start(path, argv, standardOutput, standardError);
+    if (started.error != 0) {
+        return ReportNotStarted(commandLine, started.error, output);
     }
+    child.Take(started.pid);
     standardOutput.writeEnd.Reset();
     standardError.writeEnd.Reset();
     // One after the other: the tool is asked to be quiet, so that its errors fit into the pipe meanwhile.
@@ -135,7 +154,7 @@ int QxCComposeFileHandler::_executeShellCommand(char* path, char** argv, std::st
     std::string errors = standardError.Drain();
 
     QxNSupport::WaitStatus wait{0};
-    if (waitpid(child.pid, &wait.status, 0) != child.pid) {
+    if (!child.Wait(wait.status)) {
         return ReportNotWaitedFor(commandLine, errno, output);
     }
     if (wait.WasKilled()) {

@@ -46,6 +46,14 @@ std::optional<std::string> TakeStateOf(const std::string& name, json& list) {
     return std::nullopt;
 }
 
+json ResultObject(const char* status, const std::string& message, const json& containers) {
+    json result = json::object();
+    result["Status"] = status;
+    result["Message"] = message;
+    result["Containers"] = containers;
+    return result;
+}
+
 int CompareFilledLists(int cmdType, const std::string& expectedState, json& before, const json& after,
                        json& containers) {
     int result = Transition::Nothing;
@@ -104,6 +112,28 @@ int CompareStates(int cmdType, const std::string& expectedState, json before, co
         return Transition::Removed;
     }
     return result;
+}
+
+json ErrorObject(const std::string& message) { return ResultObject("Error", message, json::array()); }
+
+Outcome OutcomeOf(int cmdType, const std::string& participle, int transition, const json& containers) {
+    switch (transition) {
+        case Transition::Created:
+        case Transition::Changed:
+        case Transition::Removed:
+            return {cmdType == CmdType::Create ? Result::CreateSuccess : Result::Success,
+                    ResultObject("Success", "Containers " + participle + " successfully.", containers)};
+        case Transition::Nothing:
+            return {Result::NothingChanged,
+                    ResultObject("Success",
+                                 "Command executed successfully, but no containers were " + participle + ".",
+                                 json::array())};
+        case Transition::NothingCreated:
+            return {Result::Unexpected, ErrorObject("No containers created for unknown reason!")};
+        default:
+            return {Result::Unexpected, ErrorObject("Unexpected container state transition '" +
+                                                    std::to_string(transition) + "'!")};
+    }
 }
 
 }  // namespace QxNCompose

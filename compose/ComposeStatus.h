@@ -4,7 +4,7 @@
 
 #include <string>
 
-/// Reading and comparing the container lists of a compose project. No I/O.
+/// Reading and comparing the container lists of a compose project, and telling the result. No I/O.
 namespace QxNCompose {
 
 /// Commands on a project.
@@ -24,6 +24,17 @@ inline constexpr int Changed = 4;
 inline constexpr int Removed = 5;
 }  // namespace Transition
 
+/// Result codes of the operations.
+namespace Result {
+inline constexpr int Success = 0;
+inline constexpr int CreateSuccess = 1;
+inline constexpr int NoFileNamePointer = 2;
+inline constexpr int EmptyFileName = 3;
+inline constexpr int NoSuchFile = 4;
+inline constexpr int NothingChanged = 7;
+inline constexpr int Unexpected = 8;
+}  // namespace Result
+
 /// Turns the tool's list, one JSON object per line, into the text of one JSON array.
 std::string StatusArrayText(std::string toolOutput);
 
@@ -40,5 +51,22 @@ std::string ProjectNameOf(const std::string& composeFilePath);
 /// Errors: an entry without a string "Name" or "State" raises the JSON type's type error.
 int CompareStates(int cmdType, const std::string& expectedState, QxNJson::json before,
                   const QxNJson::json& after, QxNJson::json& containers);
+
+/// What the caller of an operation gets.
+struct Outcome {
+    int code;  ///< one of Result, or the runner's
+    QxNJson::json result;
+};
+
+/// @return the result object of an operation that failed
+QxNJson::json ErrorObject(const std::string& message);
+
+/// Judges a command that ran.
+/// @param cmdType     one of CmdType
+/// @param participle  what the command does to containers, for the message
+/// @param transition  what CompareStates() found; any other number is an error
+/// @param containers  the containers to report
+Outcome OutcomeOf(int cmdType, const std::string& participle, int transition,
+                  const QxNJson::json& containers);
 
 }  // namespace QxNCompose

@@ -2,7 +2,9 @@
 
 #include "QxNContainerPaths.h"
 #include "compose/ComposeStatus.h"
+#include "support/ChildProcess.h"
 #include "support/Log.h"
+#include "support/Text.h"
 
 #include <filesystem>
 #include <utility>
@@ -10,21 +12,12 @@
 
 namespace {
 
+using QxNCompose::ErrorObject;
 using QxNJson::json;
+using QxNSupport::ArgumentVector;
 namespace CmdType = QxNCompose::CmdType;
-namespace Transition = QxNCompose::Transition;
+namespace Result = QxNCompose::Result;
 namespace ComposeTool = QxNComposeFileHandler::ComposeTool;
-
-/// Results of the operations.
-namespace Result {
-constexpr int Success = 0;
-constexpr int CreateSuccess = 1;
-constexpr int NoFileNamePointer = 2;
-constexpr int EmptyFileName = 3;
-constexpr int NoSuchFile = 4;
-constexpr int NothingChanged = 7;
-constexpr int Unexpected = 8;
-}  // namespace Result
 
 /// What a command asks of the tool, and how its result is told.
 struct Command {
@@ -46,26 +39,6 @@ Command CommandOf(int cmdType) {
         default:
             return {{}, "", ""};
     }
-}
-
-json ResultObject(const char* status, const std::string& message, const json& containers) {
-    json result = json::object();
-    result["Status"] = status;
-    result["Message"] = message;
-    result["Containers"] = containers;
-    return result;
-}
-
-json ErrorObject(const std::string& message) { return ResultObject("Error", message, json::array()); }
-
-/// An argument vector as exec(2) wants it; the words must outlive it.
-std::vector<char*> ArgumentVector(std::vector<std::string>& words) {
-    std::vector<char*> arguments;
-    for (std::string& word : words) {
-        arguments.push_back(word.data());
-    }
-    arguments.push_back(nullptr);
-    return arguments;
 }
 
 std::vector<std::string> ToolWords(const std::string& composeFilePath) {
@@ -114,15 +87,7 @@ int QxCComposeFileHandler::_runOperation(const char* fileName, int cmdType, cons
     return _executeComposeCommand(path, cmdType, result);
 }
 
-std::string QxCComposeFileHandler::_trim(const char* text) {
-    constexpr const char* Blanks = " \t\n\r";
-    const std::string whole(text);
-    const size_t first = whole.find_first_not_of(Blanks);
-    if (first == std::string::npos) {
-        return {};
-    }
-    return whole.substr(first, whole.find_last_not_of(Blanks) - first + 1);
-}
+std::string QxCComposeFileHandler::_trim(const char* text) { return QxNSupport::Trimmed(text); }
 
 int QxCComposeFileHandler::_checkComposeFile(const char* fileName, std::string& composeFilePath,
                                              std::string& errorText) {
@@ -173,26 +138,9 @@ int QxCComposeFileHandler::_executeComposeCommand(const std::string& composeFile
 
     json containers = json::array();
     const int transition = _getStateTransition(cmdType, command.expectedState, before, after, containers);
-    const std::string participle = command.participle;
-    switch (transition) {
-        case Transition::Created:
-        case Transition::Changed:
-        case Transition::Removed:
-            result = ResultObject("Success", "Containers " + participle + " successfully.", containers);
-            return cmdType == CmdType::Create ? Result::CreateSuccess : Result::Success;
-        case Transition::Nothing:
-            result = ResultObject("Success",
-                                  "Command executed successfully, but no containers were " + participle + ".",
-                                  json::array());
-            return Result::NothingChanged;
-        case Transition::NothingCreated:
-            result = ErrorObject("No containers created for unknown reason!");
-            return Result::Unexpected;
-        default:
-            result =
-                ErrorObject("Unexpected container state transition '" + std::to_string(transition) + "'!");
-            return Result::Unexpected;
-    }
+    QxNCompose::Outcome outcome = QxNCompose::OutcomeOf(cmdType, command.participle, transition, containers);
+    result = std::move(outcome.result);
+    return outcome.code;
 }
 
 int QxCComposeFileHandler::_getContainerStatus(const std::string& composeFilePath, std::string& output,

@@ -24,8 +24,9 @@ public:
     /// @return 0 success (1 for composeCreate), 2 no file name pointer, 3 empty file name, 4 no such file,
     ///         5 the tool could not be started, 6 the tool failed, 7 success but no container changed,
     ///         8 unexpected outcome
-    /// Errors: a status answer of the tool that is not JSON raises the JSON type's parse error, an entry of
-    /// it without a text "Name" or "State" its type error; the result is null then.
+    /// Errors: a status answer of the tool that is not JSON raises the JSON type's parse error, one with a
+    /// number beyond all bounds its out_of_range, an entry without a text "Name" or "State" its type error;
+    /// the result is null then.
     int composeCreate(const char* fileName, QxNJson::json& result);
     int composeStart(const char* fileName, QxNJson::json& result);
     int composeStop(const char* fileName, QxNJson::json& result);

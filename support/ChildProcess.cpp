@@ -1,5 +1,6 @@
 #include "support/ChildProcess.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -20,15 +21,23 @@ void SetEnvironment(const char* name, const std::string& value) {
     setenv(name, value.c_str(), 1);
 }
 
+void SpawnActions::Discard(int descriptor) {
+    posix_spawn_file_actions_addopen(&_actions, descriptor, "/dev/null", O_WRONLY, 0);
+}
+
+std::vector<char*> ArgumentVector(const std::vector<std::string>& words) {
+    std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
+    for (const std::string& word : words) {
+        arguments.push_back(const_cast<char*>(word.c_str()));
+    }
+    arguments.push_back(nullptr);
+    return arguments;
+}
+
 SpawnResult Spawn(const char* path, const std::vector<std::string>& arguments,
                   const posix_spawn_file_actions_t* actions) {
-    std::vector<char*> words;
-    words.reserve(arguments.size() + 1);
-    for (const std::string& argument : arguments) {
-        words.push_back(const_cast<char*>(argument.c_str()));
-    }
-    words.push_back(nullptr);
-    return Spawn(path, words.data(), actions);
+    return Spawn(path, ArgumentVector(arguments).data(), actions);
 }
 
 SpawnResult Spawn(const char* path, char* const* arguments, const posix_spawn_file_actions_t* actions) {

@@ -14,6 +14,28 @@ namespace QxNSupport {
 /// Spawn() reads the environment and setenv(3) may move it, so the two exclude each other.
 void SetEnvironment(const char* name, const std::string& value);
 
+/// What happens to descriptors in a child before its program runs, in the order of the calls.
+class SpawnActions {
+public:
+    SpawnActions() { posix_spawn_file_actions_init(&_actions); }
+    SpawnActions(const SpawnActions&) = delete;
+    SpawnActions& operator=(const SpawnActions&) = delete;
+    ~SpawnActions() { posix_spawn_file_actions_destroy(&_actions); }
+
+    void Duplicate(int from, int to) { posix_spawn_file_actions_adddup2(&_actions, from, to); }
+    void Close(int descriptor) { posix_spawn_file_actions_addclose(&_actions, descriptor); }
+    /// Lets go of everything that the child writes there.
+    void Discard(int descriptor);
+
+    const posix_spawn_file_actions_t* Get() const { return &_actions; }
+
+private:
+    posix_spawn_file_actions_t _actions;
+};
+
+/// @return an argument vector as exec(2) wants it; the words must outlive it
+std::vector<char*> ArgumentVector(const std::vector<std::string>& words);
+
 /// The outcome of starting a program.
 struct SpawnResult {
     pid_t pid = -1;  ///< process id of the child, -1 when it could not be started

@@ -25,7 +25,7 @@ struct ComposeFileHandlerTest {
         argv.push_back(nullptr);
         std::string output = "old content";
         const int code = handler._executeShellCommand(path.data(), argv.data(), output);
-        return {code, output};
+        return {code, std::move(output)};
     }
 
     Result RunScript(const std::string& script) { return RunProgram("/bin/sh", {"sh", "-c", script}); }

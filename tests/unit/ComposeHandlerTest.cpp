@@ -1,10 +1,12 @@
 #include "ComposeAccess.h"
 #include "ComposeStandIn.h"
 #include "Recording.h"
+#include "compose/ComposeStatus.h"
 
 #include <gmock/gmock.h>
 #include <thread>
 #include <type_traits>
+#include <utility>
 
 using QxNJson::json;
 using Recording::TheScript;
@@ -71,6 +73,47 @@ TEST_F(ComposeHandler, OtherCommandsOnAnEmptyProjectChangeNothing) {
     EXPECT_EQ(handler.composeStart("web.yaml", result), 7);
     EXPECT_EQ(handler.composeStop("web.yaml", result), 7);
     EXPECT_EQ(handler.composeRemove("web.yaml", result), 7);
+}
+
+TEST_F(ComposeHandler, StartAndStopThatMadeContainersVanishAreASuccess) {
+    ComposeStandIn{Lines("a:running"), ""}.Install();
+    EXPECT_EQ(handler.composeStart("web.yaml", result), 0);
+    EXPECT_EQ(result.dump(),
+              ResultObject("Success", "Containers started successfully.", "a:removing").dump());
+
+    ComposeStandIn{Lines("a:running"), ""}.Install();
+    EXPECT_EQ(handler.composeStop("web.yaml", result), 0);
+    EXPECT_EQ(result.dump(),
+              ResultObject("Success", "Containers stopped successfully.", "a:removing").dump());
+}
+
+TEST_F(ComposeHandler, EveryCommandReportsContainersOfAProjectThatHadNone) {
+    const std::pair<int (QxCComposeFileHandler::*)(const char*, json&), const char*> operations[] = {
+        {&QxCComposeFileHandler::composeStart, "started"},
+        {&QxCComposeFileHandler::composeStop, "stopped"},
+        {&QxCComposeFileHandler::composeRemove, "removed"}};
+    for (const auto& [operation, participle] : operations) {
+        ComposeStandIn{"", Lines("a:running")}.Install();
+
+        EXPECT_EQ((handler.*operation)("web.yaml", result), 0);
+        EXPECT_EQ(
+            result.dump(),
+            ResultObject("Success", std::string("Containers ") + participle + " successfully.", "a:running")
+                .dump());
+    }
+}
+
+TEST_F(ComposeHandler, AnUnexpectedTransitionIsAnErrorThatNamesIt) {
+    const json containers = ResultObject("", "", "a:running")["Containers"];
+    for (const int transition : {0, 6, -1}) {
+        const QxNCompose::Outcome outcome =
+            QxNCompose::OutcomeOf(QxNCompose::CmdType::Create, "created", transition, containers);
+
+        EXPECT_EQ(outcome.code, 8);
+        EXPECT_EQ(outcome.result.dump(), ResultObject("Error", "Unexpected container state transition '" +
+                                                                   std::to_string(transition) + "'!")
+                                             .dump());
+    }
 }
 
 TEST_F(ComposeHandler, CreateReportsNewContainersBesideExistingOnes) {

@@ -1,16 +1,21 @@
 #include "ComposeAccess.h"
 #include "Recording.h"
 #include "Sandbox.h"
+#include "tests/crp/FailingSystemCall.h"
+#include "tests/crp/LimitedMemory.h"
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
+#include <new>
 #include <thread>
 
 using Recording::TheScript;
@@ -209,6 +214,33 @@ TEST_F(ComposeRunner, SaysNothingOfALostStatusAtLevelDebug) {
     EXPECT_THAT(Recording::Logs(), IsEmpty());
 }
 
+TEST_F(ComposeRunner, DoesNotWaitAgainAfterAnInterruption) {
+    LogAt("DEBUG_VERBOSE");
+    constexpr FailingArgument WithoutOptions{2, 0};
+    FailSystemCall(SYS_wait4, EINTR, WithoutOptions);
+
+    EXPECT_THAT(RunProgram("/bin/true", {"true"}),
+                Pair(6, "evaluating of command failed, can't read return code!"));
+    EXPECT_THAT(
+        Recording::Logs(),
+        ElementsAre(
+            "[DEBUG_VERBOSE] Quolex Container Service:   evaluating of command failed: '/bin/true true'",
+            "[DEBUG_VERBOSE] Quolex Container Service:   can't get return code! Interrupted system call"));
+}
+
+TEST_F(ComposeRunner, LeavesNoChildWhenMemoryRunsOutInTheMiddleOfItsOutput) {
+    if (!LimitedMemory::IsPossible) {
+        GTEST_SKIP() << "cannot run here: a sanitizer ends the process when it gets no memory";
+    }
+    const auto descriptors = Sandbox::OpenDescriptors();
+    {
+        const LimitedMemory limit(size_t{64} << 20);
+        EXPECT_THROW(RunProgram("/usr/bin/yes", {"yes"}), std::bad_alloc);
+    }
+    EXPECT_THAT(Sandbox::Children(), IsEmpty());
+    EXPECT_EQ(Sandbox::OpenDescriptors(), descriptors);
+}
+
 TEST_F(ComposeRunner, WaitsForAProgramThatClosedItsOutputsEarly) {
     const char* script =
         "for fd in /proc/$$/fd/*; do fd=${fd##*/}; [ $fd -lt 1 ] || exec {fd}>&-; done; sleep 0.3; "
@@ -271,6 +303,14 @@ TEST_F(ComposeRunner, CollectsOutputWithoutALimit) {
 
     EXPECT_EQ(result.first, 0);
     EXPECT_TRUE(result.second == std::string(9000001, 'o'));
+    EXPECT_LE(result.second.capacity(), 2 * result.second.size()) << "the caller keeps that memory";
+}
+
+TEST_F(ComposeRunner, ReadsInPiecesOfFourKilobytes) {
+    constexpr FailingArgument OfThatSize{2, 4096};
+    FailSystemCall(SYS_read, EIO, OfThatSize);
+
+    EXPECT_THAT(RunScript("trap '' PIPE; echo x; exit 0"), Pair(0, ""));
 }
 
 /// @return whether this process holds a pipe with so many unread bytes

@@ -4,7 +4,6 @@
 #include "support/ChildProcess.h"
 
 #include <fcntl.h>
-#include <spawn.h>
 #include <unistd.h>
 #include <cstdlib>
 #include <filesystem>
@@ -14,24 +13,8 @@ namespace Programs {
 
 namespace {
 
-class FileActions {
-public:
-    FileActions() { posix_spawn_file_actions_init(&_actions); }
-    FileActions(const FileActions&) = delete;
-    FileActions& operator=(const FileActions&) = delete;
-    ~FileActions() { posix_spawn_file_actions_destroy(&_actions); }
-
-    void Duplicate(int from, int to) { posix_spawn_file_actions_adddup2(&_actions, from, to); }
-    void Discard(int descriptor) {
-        posix_spawn_file_actions_addopen(&_actions, descriptor, "/dev/null", O_WRONLY, 0);
-    }
-    const posix_spawn_file_actions_t* Get() const { return &_actions; }
-
-private:
-    posix_spawn_file_actions_t _actions;
-};
-
-pid_t Start(const std::string& path, const std::vector<std::string>& arguments, const FileActions& actions) {
+pid_t Start(const std::string& path, const std::vector<std::string>& arguments,
+            const QxNSupport::SpawnActions& actions) {
     const QxNSupport::SpawnResult program = QxNSupport::Spawn(path.c_str(), arguments, actions.Get());
     if (program.error != 0) {
         errno = program.error;
@@ -55,7 +38,7 @@ std::optional<std::string> Find(const std::string& name) {
 }
 
 pid_t StartWithOutputOnError(const std::string& path, const std::vector<std::string>& arguments) {
-    FileActions actions;
+    QxNSupport::SpawnActions actions;
     actions.Duplicate(STDERR_FILENO, STDOUT_FILENO);
     return Start(path, arguments, actions);
 }
@@ -67,7 +50,7 @@ ReadProgram StartForReading(const std::string& path, const std::vector<std::stri
     }
     QxNSupport::UniqueFd output(ends[0]);
     const QxNSupport::UniqueFd input(ends[1]);
-    FileActions actions;
+    QxNSupport::SpawnActions actions;
     actions.Duplicate(input.Get(), STDOUT_FILENO);
     actions.Discard(STDERR_FILENO);
     return {Start(path, arguments, actions), std::move(output)};
