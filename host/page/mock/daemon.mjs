@@ -518,6 +518,10 @@ export class MockDaemon {
         const url = new URL(request.url, "http://localhost");
         try {
             if (url.pathname.startsWith("/mock/")) {
+                if (url.pathname === "/mock/requests") {
+                    response.end(JSON.stringify(this.state.requests.splice(0)));
+                    return;
+                }
                 await this.script(url.pathname.slice(6), JSON.parse((await bodyOf(request)) || "{}"));
                 response.writeHead(204).end();
             } else if (url.pathname.startsWith("/api/v1/")) {
@@ -565,6 +569,34 @@ export class MockDaemon {
                 } else {
                     this.state.faults.delete(given.path);
                 }
+                break;
+            case "set":
+                Object.assign(this.state[given.part], given.values);
+                break;
+            case "slow":
+                this.state.slow = given.milliseconds;
+                break;
+            case "forget":
+                this.state.sessions.clear();
+                break;
+            case "reset":
+                for (const log of this.logs.values()) {
+                    clearInterval(log.flood);
+                    for (const reader of log.readers) {
+                        reader.terminate();
+                    }
+                }
+                this.logs.clear();
+                this.state = firstState();
+                for (const container of this.state.containers) {
+                    this.log(container.name);
+                }
+                break;
+            case "restart":
+                setTimeout(async () => {
+                    await this.close(given.word ?? "stopping");
+                    setTimeout(() => void this.listen(), given.away);
+                }, 20);
                 break;
             case "message":
                 this.tell(given);
@@ -618,9 +650,6 @@ export class MockDaemon {
                 return;
             }
             throw new Answer(fault.status, fault.detail);
-        }
-        if (state.slow > 0 && method !== "GET") {
-            await new Promise((resolve) => setTimeout(resolve, state.slow));
         }
         const [first, second, third] = parts;
         switch (`${method} ${first}${third ? "/*/*" : second ? "/*" : ""}`) {
@@ -750,6 +779,7 @@ export class MockDaemon {
                 return;
             case "POST images": {
                 const length = await lengthOf(request);
+                await new Promise((resolve) => setTimeout(resolve, state.slow));
                 if (length < 100) {
                     throw new Answer(422, "Podman cannot read the archive: unexpected end of file.");
                 }

@@ -38,6 +38,7 @@ export default function LogView({ containers, title, running, isSilent }: Proper
     const [problem, setProblem] = useState("");
     const scroller = useRef<HTMLElement>(null);
     const sizer = useRef<HTMLDivElement>(null);
+    const frameRoom = useRef<HTMLDivElement>(null);
     const room = useRef<HTMLDivElement>(null);
     const terminal = useRef<LogTerminal | null>(null);
     const client = useRef<LogClient | null>(null);
@@ -71,6 +72,10 @@ export default function LogView({ containers, title, running, isSilent }: Proper
         const columns = Math.max(20, Math.floor((area.clientWidth - 4) / width));
         const rows = Math.max(3, Math.floor(area.clientHeight / height));
         view.resize(columns, rows);
+        if (frameRoom.current) {
+            frameRoom.current.style.width = `${area.clientWidth}px`;
+            frameRoom.current.style.height = `${area.clientHeight}px`;
+        }
         client.current?.send({ type: "window", columns, rows, left: Math.round(area.scrollLeft / width) });
     }, []);
 
@@ -184,19 +189,12 @@ export default function LogView({ containers, title, running, isSilent }: Proper
         }
     }, [remembered.fontSize, measure]);
 
-    const runningKey = running.join(" ");
-    // the key stands for those that run
     useEffect(() => {
         client.current?.send({ type: "wake", containers: running });
-    }, [runningKey]);
+    }, [running]);
 
     useEffect(() => {
-        if (isSilent) {
-            client.current?.send({ type: "doubt" });
-        } else {
-            client.current?.send({ type: "wake", containers: running });
-        }
-        // only when the daemon falls silent or speaks again
+        client.current?.send({ type: isSilent ? "doubt" : "hurry" });
     }, [isSilent]);
 
     const scrolled = () => {
@@ -450,7 +448,7 @@ export default function LogView({ containers, title, running, isSilent }: Proper
                     onKeyDown={onKey}
                 >
                     <div ref={sizer} class="log-sizer">
-                        <div class="log-window">
+                        <div ref={frameRoom} class="log-window">
                             <div ref={room} class="log-terminal" aria-hidden="true" />
                             <pre class="unseen">{spoken}</pre>
                         </div>

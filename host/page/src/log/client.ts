@@ -17,6 +17,7 @@ interface Opening {
 }
 
 const longestThought = 5000;
+const pulseEvery = 3000;
 
 /** The worker behind a log view; asks it for at most one frame per animation frame. */
 export class LogClient {
@@ -25,6 +26,7 @@ export class LogClient {
     private scheduled = 0;
     private dirty = false;
     private watch: ReturnType<typeof setTimeout> | undefined;
+    private readonly pulse: ReturnType<typeof setInterval>;
     private window: ToWorker | null = null;
 
     constructor(
@@ -33,6 +35,8 @@ export class LogClient {
         private readonly events: LogEvents,
     ) {
         this.start();
+        // a worker that is lost in thought says nothing; only asking shows it
+        this.pulse = setInterval(() => this.wanted(), pulseEvery);
     }
 
     send(message: ToWorker): void {
@@ -43,9 +47,13 @@ export class LogClient {
             this.window = message;
         }
         this.worker?.postMessage(message);
+        if (message.type === "settings") {
+            this.wanted();
+        }
     }
 
     close(): void {
+        clearInterval(this.pulse);
         clearTimeout(this.watch);
         cancelAnimationFrame(this.scheduled);
         this.worker?.terminate();

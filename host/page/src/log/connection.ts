@@ -49,6 +49,8 @@ export class LogConnection {
     private opened = 0;
     private state: ConnectionState = { phase: "connecting" };
     private wasBroken = false;
+    /** the end was said, and nothing came since */
+    private saidEnd = false;
 
     constructor(
         private readonly name: string,
@@ -67,9 +69,16 @@ export class LogConnection {
         this.world.cancel(this.timer);
     }
 
-    /** The container runs, or the daemon answers again: no need to wait any longer. */
+    /** The container runs: a log that ended goes on. */
     wake(): void {
-        if (!this.closed && (this.state.phase === "ended" || this.state.phase === "waiting")) {
+        if (!this.closed && this.state.phase === "ended") {
+            this.connect();
+        }
+    }
+
+    /** The daemon answers: no need to wait any longer. */
+    hurry(): void {
+        if (!this.closed && this.state.phase === "waiting") {
             this.world.cancel(this.timer);
             this.connect();
         }
@@ -146,6 +155,7 @@ export class LogConnection {
             case "lines":
                 if (message.lines.length > 0) {
                     this.cursor = message.cursor;
+                    this.saidEnd = false;
                     this.listener.lines(message);
                 }
                 break;
@@ -165,11 +175,13 @@ export class LogConnection {
         if (code === "exited" || code === "removed") {
             this.failures = 0;
             this.wasBroken = false;
-            this.listener.note(
-                code === "exited"
-                    ? `the container does not run${reason ? `: ${reason}` : ""}`
-                    : "the container was removed",
-            );
+            if (!this.saidEnd) {
+                const exit = reason ? `: ${reason}` : "";
+                this.listener.note(
+                    code === "exited" ? `the container does not run${exit}` : "the container was removed",
+                );
+                this.saidEnd = true;
+            }
             this.become({ phase: "ended", code, reason });
             return;
         }

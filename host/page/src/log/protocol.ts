@@ -14,6 +14,7 @@ export type ToWorker =
     | { type: "frame" }
     | { type: "text" }
     | { type: "wake"; containers: string[] }
+    | { type: "hurry" }
     | { type: "doubt" };
 
 /** What the worker tells the page. */

@@ -127,6 +127,11 @@ scope.onmessage = (event: MessageEvent<ToWorker>) => {
                 connections[names.indexOf(name)]?.wake();
             }
             return;
+        case "hurry":
+            for (const connection of connections) {
+                connection.hurry();
+            }
+            return;
         case "doubt":
             for (const connection of connections) {
                 connection.doubt();

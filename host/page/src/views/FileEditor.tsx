@@ -100,12 +100,10 @@ export function FileEditor({ name }: { name: string }) {
             ) {
                 return;
             }
-            const present = await api.text(`/compose-files/${segment(file)}`).catch((error) => {
-                if (error instanceof Problem && error.status === 404) {
-                    return null;
-                }
-                throw error;
-            });
+            const { files } = await api.get("/compose-files", types.composeFiles);
+            const present = files.some((other) => other.name === file)
+                ? await api.text(`/compose-files/${segment(file)}`)
+                : null;
             if (
                 present !== null &&
                 present !== (isNew ? null : stored) &&

@@ -1,5 +1,5 @@
 import type { ComponentType } from "preact";
-import { useEffect, useState } from "preact/hooks";
+import { useEffect, useMemo, useState } from "preact/hooks";
 import { words } from "../api/client";
 import * as types from "../api/types";
 import { useShared } from "../context";
@@ -43,9 +43,14 @@ export function LogPage({ containers, project, isSilent }: Properties) {
         }
     }, [missing.join(" ")]);
 
-    const running = found
-        .filter((container) => container.state === "running")
-        .map((container) => container.name);
+    // a new list with every answer: a container may have been restarted between two of them
+    const running = useMemo(
+        () =>
+            (polled.data?.containers ?? [])
+                .filter((container) => container.state === "running")
+                .map((container) => container.name),
+        [polled.data],
+    );
     const title = project || members.join(", ");
     return (
         <>
@@ -79,7 +84,7 @@ export function LogPage({ containers, project, isSilent }: Properties) {
                     key={members.join(" ")}
                     containers={members}
                     title={title}
-                    running={running.filter((name) => members.includes(name))}
+                    running={running}
                     isSilent={isSilent}
                 />
             ) : problem ? null : (

@@ -148,10 +148,10 @@ describe("the sanitiser of logs", () => {
             "\x1b[31m".repeat(50_000),
             "\x1bP".repeat(30_000),
         ];
-        const begin = performance.now();
+        const begin = process.cpuUsage();
         for (const text of nasty) {
             clean(text);
         }
-        expect(performance.now() - begin).toBeLessThan(2000);
+        expect(process.cpuUsage(begin).user / 1e6).toBeLessThan(2);
     });
 });

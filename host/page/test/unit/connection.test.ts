@@ -182,13 +182,24 @@ describe("the connection of a log", () => {
         expect(notes).toContain("the container was made anew");
     });
 
+    it("says an end once, however often it looks", () => {
+        for (let round = 0; round < 3; round++) {
+            socket().start();
+            socket().say({ type: "end", code: "exited", reason: "exit code 0" });
+            connection.wake();
+        }
+        expect(notes).toEqual(["the container does not run: exit code 0"]);
+    });
+
     it("does not wait any longer once the daemon answers", () => {
         socket().start();
         socket().breaks();
         connection.wake();
+        expect(sockets).toHaveLength(1);
+        connection.hurry();
         expect(timers).toHaveLength(0);
         expect(sockets).toHaveLength(2);
-        connection.wake();
+        connection.hurry();
         expect(sockets).toHaveLength(2);
     });
 

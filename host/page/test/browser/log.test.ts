@@ -1,0 +1,368 @@
+import { readFileSync } from "node:fs";
+import type { Page } from "playwright-core";
+import { describe, expect, it } from "vitest";
+import { away, container, enter, expectFaults, go, logHas, logRows, mockIt, script, shot } from "./world";
+
+const area = (page: Page) => page.locator(".log-scroller");
+
+/** A log with lines of the test only. */
+async function still(page: Page, lines: unknown[], of = "clock"): Promise<void> {
+    await script("quiet", { container: of, on: true });
+    await page.locator(".connections").getByText("live").first().waitFor();
+    await page.getByRole("button", { name: "Clear" }).click();
+    await script("write", { container: of, lines });
+}
+
+const numbered = (count: number, from = 0) =>
+    Array.from({ length: count }, (_, index) => ({ text: `row ${from + index}` }));
+
+describe("the log of a container", () => {
+    it("is live", async () => {
+        const page = await enter(`/log?c=${container}`);
+        await page.locator(".connections").getByText("live").waitFor();
+        const before = await logHas(page, (rows) => rows.some((row) => row.length > 0), "lines");
+        await logHas(page, (rows) => rows.join() !== before.join(), "new lines");
+        await shot(page, "log");
+    });
+
+    it("stops following when it is scrolled up, counts what is new, and goes back to the end", async () => {
+        const page = await enter(`/log?c=${container}`);
+        await page.locator(".connections").getByText("live").waitFor();
+        await logHas(page, (rows) => rows.filter(Boolean).length > 10, "lines");
+        await page.setViewportSize({ width: 1280, height: 420 });
+        await page.waitForTimeout(500);
+        const follow = page.getByRole("button", { name: "Follow" });
+        expect(await follow.getAttribute("aria-pressed")).toBe("true");
+        await area(page).hover();
+        await page.mouse.wheel(0, -120);
+        await page.getByRole("button", { name: /new lines? ↓/ }).waitFor();
+        expect(await follow.getAttribute("aria-pressed")).toBe("false");
+        const top = (await logRows(page))[0];
+        await page.getByRole("button", { name: /[2-9] new lines ↓/ }).waitFor();
+        expect((await logRows(page))[0]).toBe(top);
+        await shot(page, "log-scrolled-up");
+        await page.getByRole("button", { name: /new lines ↓/ }).click();
+        await page.getByRole("button", { name: /new lines? ↓/ }).waitFor({ state: "detached" });
+        expect(await follow.getAttribute("aria-pressed")).toBe("true");
+    });
+
+    it("follows again when it is scrolled to the end", async () => {
+        const page = await enter(`/log?c=${container}`);
+        await page.setViewportSize({ width: 1280, height: 420 });
+        await logHas(page, (rows) => rows.filter(Boolean).length > 5, "lines");
+        await area(page).hover();
+        await page.mouse.wheel(0, -200);
+        await page.getByRole("button", { name: /↓$/ }).first().waitFor();
+        await page.mouse.wheel(0, 100_000);
+        await page.getByRole("button", { name: "Follow", pressed: true }).waitFor();
+    });
+
+    it("pauses and goes on", async () => {
+        const page = await enter(`/log?c=${container}`);
+        await logHas(page, (rows) => rows.filter(Boolean).length > 3, "lines");
+        await page.getByRole("button", { name: "Pause" }).click();
+        await page.getByRole("button", { name: "Paused" }).waitFor();
+        const before = await logRows(page);
+        await page.getByRole("button", { name: /new lines? ↓/ }).waitFor();
+        expect(await logRows(page)).toEqual(before);
+        await shot(page, "log-paused");
+        await page.getByRole("button", { name: "Paused" }).click();
+        await logHas(page, (rows) => rows.join() !== before.join(), "new lines");
+    });
+
+    mockIt("filters by expressions, also inverted", async () => {
+        const page = await enter("/log?c=clock");
+        await still(page, numbered(30));
+        await page.getByLabel("Filter", { exact: true }).fill("row [12]\\d$");
+        await logHas(page, (rows) => rows.filter(Boolean).length === 20, "twenty rows");
+        await page.getByText("20 of 30").waitFor();
+        await page.getByRole("button", { name: "Filter: lines that do not match" }).click();
+        await logHas(page, (rows) => rows.filter(Boolean).length === 10, "ten rows");
+        await page.getByRole("button", { name: "Filter: regular expression" }).click();
+        await logHas(page, (rows) => rows.filter(Boolean).length === 30, "all rows");
+        await page.getByLabel("Filter", { exact: true }).press("Escape");
+        expect(await page.getByLabel("Filter", { exact: true }).inputValue()).toBe("");
+    });
+
+    it("calls a bad expression bad and goes on", async () => {
+        const page = await enter(`/log?c=${container}`);
+        await logHas(page, (rows) => rows.some(Boolean), "lines");
+        const field = page.getByLabel("Filter", { exact: true });
+        await field.fill("row (");
+        await page.getByText("Not a regular expression: Unterminated group").waitFor();
+        expect(await field.getAttribute("aria-invalid")).toBe("true");
+        await logHas(page, (rows) => rows.some(Boolean), "lines");
+        await shot(page, "log-bad-expression");
+    });
+
+    mockIt("survives an expression that takes for ever", async () => {
+        const page = await enter("/log?c=clock");
+        await still(page, [{ text: `${"a".repeat(60)}!` }]);
+        await page.getByLabel("Filter", { exact: true }).fill("^(a+)+$");
+        await page.getByText("The expression took too long and was taken away.").waitFor({ timeout: 20_000 });
+        expect(await page.getByLabel("Filter", { exact: true }).inputValue()).toBe("");
+        await page.locator(".connections").getByText("live").waitFor();
+        await logHas(page, (rows) => rows.some((row) => row.includes("aaa")), "the line");
+    });
+
+    mockIt("searches forwards and backwards, marks and counts", async () => {
+        const page = await enter("/log?c=clock");
+        await still(page, numbered(200));
+        await logHas(page, (rows) => rows.some((row) => row.includes("row 199")), "the end");
+        const field = page.getByLabel("Search", { exact: true });
+        await field.fill("row 1?5$");
+        await page.getByText("2 lines").waitFor();
+        await field.press("Enter");
+        await page.getByText("1 of 2").waitFor();
+        await logHas(page, (rows) => rows.some((row) => row.endsWith("row 5")), "row 5");
+        await page.getByRole("button", { name: "Next match" }).click();
+        await page.getByText("2 of 2").waitFor();
+        await shot(page, "log-search");
+        await page.getByRole("button", { name: "Previous match" }).click();
+        await page.getByText("1 of 2").waitFor();
+        const marked = page.locator(".xterm-rows .xterm-bg-6");
+        expect(await marked.allTextContents()).toEqual(["row 5"]);
+    });
+
+    mockIt("shows colours and never markup or control", async () => {
+        const page = await enter("/log?c=clock");
+        await still(page, [
+            {
+                text: "\x1b[31mred\x1b[0m \x1b[38;5;208morange\x1b[0m \x1b[38;2;10;200;30mtrue\x1b[0m \x1b[1mbold\x1b[0m \x1b[7minverse\x1b[0m",
+            },
+            { text: '<img src=x onerror="document.title=1"><b>markup</b>' },
+            { text: "\x1b]0;stolen title\x07\x1b[2J\x1b[Hafter clearing\x07" },
+            { text: "\x1b]8;;http://evil.example\x07no link\x1b]8;;\x07" },
+            { text: "温度 21 °C 😀 é" },
+        ]);
+        const rows = await logHas(page, (all) => all.some((row) => row.includes("温度")), "the last line");
+        expect(rows.slice(0, 5).map((row) => row.slice(15))).toEqual([
+            "red orange true bold inverse",
+            '<img src=x onerror="document.title=1"><b>markup</b>',
+            "after clearing",
+            "no link",
+            "温度 21 °C 😀 é",
+        ]);
+        expect(await page.locator(".xterm-rows img, .xterm-rows b, .xterm-rows a").count()).toBe(0);
+        expect(await page.title()).toContain("Log of clock");
+        const colourOf = (text: string) =>
+            page
+                .locator(".xterm-rows span", { hasText: text })
+                .first()
+                .evaluate((element) => getComputedStyle(element).color);
+        expect(await colourOf("red")).toBe("rgb(179, 38, 30)");
+        const orange = await colourOf("orange");
+        expect(orange).not.toBe(await colourOf("markup"));
+        expect(await colourOf("true")).not.toBe(await colourOf("markup"));
+        await shot(page, "log-colours");
+    });
+
+    mockIt("marks stderr with a sign and a colour", async () => {
+        const page = await enter("/log?c=clock");
+        await still(page, [{ text: "fine" }, { text: "broken", stream: "stderr" }]);
+        const rows = await logHas(page, (all) => all.some((row) => row.includes("broken")), "both lines");
+        expect(rows[0]).toMatch(/\d {3}fine$/);
+        expect(rows[1]).toMatch(/\d ! broken$/);
+        await page.getByLabel("Stream").selectOption("stderr");
+        await logHas(page, (all) => all.filter(Boolean).length === 1, "stderr only");
+    });
+
+    mockIt("shows times or not, wraps or not, and remembers that", async () => {
+        const page = await enter("/log?c=clock");
+        await still(page, [{ text: `${"0123456789".repeat(40)}end` }]);
+        await logHas(page, (rows) => rows.filter(Boolean).length > 2, "a wrapped line");
+        await page.getByRole("button", { name: "Wrap" }).click();
+        await logHas(page, (rows) => rows.filter(Boolean).length === 1, "one row");
+        await area(page).evaluate((element) => {
+            element.scrollLeft = 100_000;
+        });
+        await logHas(page, (rows) => rows[0]?.endsWith("end") === true, "its end");
+        await page.getByLabel(/^Time/).selectOption("off");
+        await logHas(page, (rows) => /^ {2}\d/.test(rows[0] ?? ""), "no time");
+        await page.getByLabel("Size").selectOption("16");
+        await page.reload();
+        await page.locator(".connections").getByText("live").waitFor();
+        expect(await page.getByLabel(/^Time/).inputValue()).toBe("off");
+        expect(await page.getByRole("button", { name: "Wrap" }).getAttribute("aria-pressed")).toBe("false");
+        expect(await page.getByLabel("Size").inputValue()).toBe("16");
+    });
+
+    it("can be downloaded under a name that says what it is", async () => {
+        const page = await enter(`/log?c=${container}`);
+        await logHas(page, (rows) => rows.some(Boolean), "lines");
+        await page.getByText("Download", { exact: true }).click();
+        const [whole] = await Promise.all([
+            page.waitForEvent("download"),
+            page.getByRole("button", { name: `Whole log of ${container}` }).click(),
+        ]);
+        expect(whole.suggestedFilename()).toMatch(
+            new RegExp(`^${container}_\\d{4}-\\d\\d-\\d\\dT\\d\\d-\\d\\d-\\d\\d\\.log$`),
+        );
+        expect(readFileSync((await whole.path()) as string, "utf8")).toMatch(/^\d{4}-\d\d-\d\dT\S+ \S/);
+        const [part] = await Promise.all([
+            page.waitForEvent("download"),
+            page.getByRole("button", { name: "Lines shown here" }).click(),
+        ]);
+        expect(part.suggestedFilename()).toContain(`${container}-shown_`);
+        expect(readFileSync((await part.path()) as string, "utf8")).toMatch(/Z (out|err|tty) /);
+    });
+
+    mockIt("says what is missing", async () => {
+        expectFaults(away);
+        const page = await enter("/log?c=nobody");
+        await page.getByText('There is no container "nobody".').waitFor();
+        await script("fault", { path: "LOG", status: 503, detail: "Podman does not answer." });
+        await script("fault", {
+            path: "/containers/clock/logs",
+            status: 503,
+            detail: "Podman does not answer.",
+        });
+        await go(page, "/log?c=clock");
+        await page.getByText("Podman does not answer.").waitFor();
+        await script("fault", { path: "LOG" });
+        await script("fault", { path: "/containers/clock/logs" });
+        await page.locator(".connections").getByText("live").waitFor({ timeout: 20_000 });
+    });
+
+    mockIt("goes on when the container is started again", async () => {
+        const page = await enter("/log?c=clock");
+        await still(page, [{ text: "before the end" }]);
+        await script("state", { container: "clock", state: "exited", exitCode: 3 });
+        await page.getByText("not running").waitFor();
+        await logHas(
+            page,
+            (rows) => rows.some((row) => row.includes("the container does not run: exit code 3")),
+            "the end",
+        );
+        await script("state", { container: "clock", state: "running" });
+        await script("write", { container: "clock", lines: [{ text: "after the start" }] });
+        await page.locator(".connections").getByText("live").waitFor();
+        const rows = await logHas(
+            page,
+            (all) => all.some((row) => row.includes("after the start")),
+            "the new line",
+        );
+        expect(rows.filter((row) => row.includes("before the end"))).toHaveLength(1);
+    });
+
+    mockIt("comes back after a restart of the daemon, without doubles or gaps", async () => {
+        expectFaults(away);
+        const page = await enter("/log?c=clock");
+        await still(page, numbered(5));
+        await logHas(page, (rows) => rows.some((row) => row.includes("row 4")), "five rows");
+        for (const word of ["stopping", ""]) {
+            await script("restart", { away: 2500, word });
+            await page
+                .getByText(/disconnected/)
+                .first()
+                .waitFor();
+            await shot(page, `log-disconnected-${word || "broken"}`);
+            await page.locator(".connections").getByText("live").waitFor({ timeout: 20_000 });
+        }
+        await script("write", { container: "clock", lines: numbered(3, 5) });
+        const rows = await logHas(page, (all) => all.some((row) => row.includes("row 7")), "what came after");
+        const texts = rows.map((row) => /row \d+/.exec(row)?.[0]).filter(Boolean);
+        expect(texts).toEqual(Array.from({ length: 8 }, (_, index) => `row ${index}`));
+        await page.getByText("no answer").waitFor({ state: "detached" });
+    });
+
+    mockIt("selects text, stays there meanwhile, and copies it", async () => {
+        const page = await enter("/log?c=clock");
+        await still(page, [{ text: "first words" }, { text: "second words" }]);
+        await logHas(page, (rows) => rows.some((row) => row.includes("second")), "both lines");
+        await page.context().grantPermissions(["clipboard-read", "clipboard-write"]);
+        const box = await area(page).boundingBox();
+        await page.mouse.move((box?.x ?? 0) + 6 + 15 * 7.9, (box?.y ?? 0) + 10);
+        await page.mouse.down();
+        await page.mouse.move((box?.x ?? 0) + 400, (box?.y ?? 0) + 10, { steps: 5 });
+        await page.mouse.up();
+        await shot(page, "log-selection");
+        await page.keyboard.press("Control+c");
+        expect(await page.evaluate(() => navigator.clipboard.readText())).toContain("words");
+    });
+});
+
+describe("several containers", () => {
+    mockIt("are merged by time, each with its name", async () => {
+        const page = await enter("/log?project=demo");
+        await page.getByRole("heading", { name: "Log of demo" }).waitFor();
+        expect(await page.locator(".connections").getByText("live").count()).toBeLessThanOrEqual(2);
+        const rows = await logHas(
+            page,
+            (all) =>
+                all.some((row) => row.includes("demo-web-1")) && all.some((row) => row.includes("demo-db-1")),
+            "both",
+        );
+        const times = rows.filter((row) => /^\d\d:/.test(row)).map((row) => row.slice(0, 12));
+        expect(times).toEqual([...times].sort());
+        await shot(page, "log-project");
+    });
+
+    mockIt("can be chosen from the table", async () => {
+        const page = await enter("/containers");
+        await page.getByRole("checkbox", { name: "Choose clock" }).check();
+        await page.getByRole("checkbox", { name: "Choose demo-db-1" }).check();
+        await page.getByRole("link", { name: "Log of 2 containers" }).click();
+        await logHas(
+            page,
+            (rows) =>
+                rows.some((row) => row.includes("clock")) && rows.some((row) => row.includes("demo-db-1")),
+            "both",
+        );
+    });
+});
+
+describe("a flood", () => {
+    mockIt("of 50 MB/s leaves the page quick and within its bounds", async () => {
+        const page = await enter("/log?c=flood");
+        await script("state", { container: "flood", state: "running" });
+        await page.locator(".connections").getByText("live").waitFor();
+        await page.evaluate(() => {
+            const measured = { frames: 0, longest: 0, last: performance.now() };
+            Object.assign(window, { measured });
+            const step = () => {
+                const now = performance.now();
+                measured.longest = Math.max(measured.longest, now - measured.last);
+                measured.last = now;
+                measured.frames++;
+                requestAnimationFrame(step);
+            };
+            requestAnimationFrame(step);
+        });
+        await script("flood", { container: "flood", rate: 50_000_000 });
+        await page.waitForTimeout(8000);
+        const { frames, longest } = await page.evaluate(
+            () => (window as unknown as { measured: { frames: number; longest: number } }).measured,
+        );
+        const kept = (await page.locator(".kept").textContent()) ?? "";
+        const heap = await page.evaluate(
+            () => (performance as unknown as { memory: { usedJSHeapSize: number } }).memory.usedJSHeapSize,
+        );
+        console.log(
+            `flood: ${frames} frames in 8 s, longest gap ${Math.round(longest)} ms, ${kept} kept, ${Math.round(heap / 1e6)} MB of heap in the page`,
+        );
+        await shot(page, "log-flood");
+        expect(longest).toBeLessThan(1500);
+        expect(frames).toBeGreaterThan(60);
+        const lines = Number(kept.replace(/\u202f/g, "").match(/^\d+/)?.[0]);
+        expect(lines).toBeGreaterThan(1000);
+        expect(lines).toBeLessThanOrEqual(50_000);
+        expect(heap).toBeLessThan(150_000_000);
+        const begin = Date.now();
+        await page.getByRole("button", { name: "Pause" }).click();
+        await page.getByRole("button", { name: "Paused" }).waitFor();
+        expect(Date.now() - begin).toBeLessThan(3000);
+        const before = await logRows(page);
+        await page.waitForTimeout(1500);
+        expect(await logRows(page)).toEqual(before);
+        await script("flood", { container: "flood", rate: 0 });
+        await page.getByRole("button", { name: "Paused" }).click();
+        await page.getByLabel("Filter", { exact: true }).fill("skipped");
+        await logHas(
+            page,
+            (rows) => rows.filter(Boolean).every((row) => row.includes("skipped")) && rows.some(Boolean),
+            "what was skipped",
+        );
+        await shot(page, "log-flood-skipped");
+    });
+});

@@ -1,0 +1,184 @@
+/*
+ * A browser and something to look at: the mock, or the daemon at QX_PAGE_URL.
+ *
+ *   QX_PAGE_URL         address of a daemon; without it the mock is started
+ *   QX_PAGE_TOKEN       a token with the right "act"
+ *   QX_PAGE_LOOK_TOKEN  a token with the right "look"; without it such tests are skipped on a daemon
+ *   QX_PAGE_CONTAINER   a running container that writes at least a line a second; "clock" without it
+ *   QX_PAGE_SHOTS       where screenshots go; "test-output" without it
+ *   QX_PAGE_BROWSER     the browser's program; Debian's Chromium without it
+ */
+import { type ChildProcess, spawn } from "node:child_process";
+import { mkdirSync } from "node:fs";
+import { join } from "node:path";
+import { fileURLToPath } from "node:url";
+import {
+    type Browser,
+    type BrowserContext,
+    type BrowserContextOptions,
+    chromium,
+    type Page,
+} from "playwright-core";
+import { afterAll, afterEach, beforeAll, beforeEach, expect, it } from "vitest";
+
+const given = process.env.QX_PAGE_URL;
+export const isMock = !given;
+export const token = process.env.QX_PAGE_TOKEN ?? "act-token";
+export const lookToken = process.env.QX_PAGE_LOOK_TOKEN ?? (isMock ? "look-token" : "");
+export const container = process.env.QX_PAGE_CONTAINER ?? "clock";
+const shots = process.env.QX_PAGE_SHOTS ?? fileURLToPath(new URL("../../test-output", import.meta.url));
+
+/** For what only the mock's scripting can bring about. */
+export const mockIt = it.skipIf(!isMock);
+export const lookIt = it.skipIf(!lookToken);
+
+let address = given ? given.replace(/\/*$/, "/") : "";
+let mock: ChildProcess | null = null;
+let browser: Browser;
+let contexts: BrowserContext[] = [];
+let faults: string[] = [];
+/** Faults that a test brings about on purpose. */
+let expected: RegExp[] = [];
+
+beforeAll(async () => {
+    mkdirSync(shots, { recursive: true });
+    if (isMock) {
+        mock = spawn(process.execPath, [fileURLToPath(new URL("../../mock/serve.mjs", import.meta.url))], {
+            env: { ...process.env, PORT: "0" },
+            stdio: ["ignore", "pipe", "inherit"],
+        });
+        address = await new Promise((resolve, reject) => {
+            mock?.once("exit", () => reject(new Error("the mock ended")));
+            mock?.stdout?.once("data", (data: Buffer) =>
+                resolve(/^\S+/.exec(data.toString())?.[0].replace(/#.*/, "") ?? ""),
+            );
+        });
+    }
+    browser = await chromium.launch({
+        executablePath: process.env.QX_PAGE_BROWSER ?? "/usr/bin/chromium",
+        args: [
+            "--no-sandbox",
+            "--disable-gpu",
+            "--disable-quic",
+            "--no-first-run",
+            "--disable-background-networking",
+            "--disable-component-update",
+            "--disable-sync",
+        ],
+    });
+});
+
+afterAll(async () => {
+    await browser?.close();
+    mock?.kill();
+});
+
+beforeEach(async () => {
+    faults = [];
+    expected = [];
+    if (isMock) {
+        await script("reset");
+    }
+});
+
+afterEach(async () => {
+    for (const context of contexts) {
+        await context.close();
+    }
+    contexts = [];
+    // neither an error of a script nor anything that the policy of the page forbids
+    expect(faults.filter((fault) => !expected.some((pattern) => pattern.test(fault)))).toEqual([]);
+});
+
+/** Faults in the console that belong to the test: a daemon that is away, an answer with an error. */
+export function expectFaults(...patterns: RegExp[]): void {
+    expected.push(...patterns);
+}
+
+export const away = /Failed to load resource|WebSocket connection|ERR_/;
+
+/** Tells the mock what to do. */
+export async function script(what: string, parameters: unknown = {}): Promise<void> {
+    // a mock that is restarting answers soon
+    for (let tries = 0; ; tries++) {
+        try {
+            const body = JSON.stringify(parameters);
+            const answer = await fetch(`${address}mock/${what}`, { method: "POST", body });
+            expect(answer.status).toBe(204);
+            return;
+        } catch (error) {
+            if (tries >= 50) {
+                throw error;
+            }
+            await new Promise((resolve) => setTimeout(resolve, 100));
+        }
+    }
+}
+
+/** What the mock was asked since it was asked for that last. */
+export async function requests(): Promise<string[]> {
+    return (await (await fetch(`${address}mock/requests`)).json()) as string[];
+}
+
+export async function visit(fragment = "", options: BrowserContextOptions = {}): Promise<Page> {
+    const context = await browser.newContext({
+        viewport: { width: 1280, height: 800 },
+        acceptDownloads: true,
+        ...options,
+    });
+    contexts.push(context);
+    const page = await context.newPage();
+    page.setDefaultTimeout(10_000);
+    page.on("pageerror", (error) => faults.push(`${error}`));
+    page.on("console", (message) => {
+        if (message.type() === "error" || /Content.Security.Policy/i.test(message.text())) {
+            faults.push(message.text());
+        }
+    });
+    await page.goto(address + fragment);
+    return page;
+}
+
+/** A page of somebody who signed in, at a view. */
+export async function enter(view = "/board", options: BrowserContextOptions = {}, as = token): Promise<Page> {
+    const page = await visit(`#token=${as}`, options);
+    await page.getByRole("navigation", { name: "Views" }).waitFor();
+    await go(page, view);
+    return page;
+}
+
+export async function go(page: Page, view: string): Promise<void> {
+    await page.evaluate((fragment) => {
+        location.hash = fragment;
+    }, `#${view}`);
+    await page.waitForFunction((fragment) => location.hash === fragment, `#${view}`);
+    await page.locator("h1").first().waitFor();
+}
+
+export async function shot(page: Page, name: string, fullPage = false): Promise<void> {
+    await page.screenshot({ path: join(shots, `${name}.png`), fullPage });
+}
+
+/** The rows that the log shows. */
+export async function logRows(page: Page): Promise<string[]> {
+    return page
+        .locator(".xterm-rows > div")
+        .evaluateAll((rows) => rows.map((row) => (row.textContent ?? "").replace(/\u00a0/g, " ").trimEnd()));
+}
+
+/** Waits until the log's rows are as wanted. */
+export async function logHas(
+    page: Page,
+    wanted: (rows: string[]) => boolean,
+    what: string,
+): Promise<string[]> {
+    let rows: string[] = [];
+    for (let tries = 0; tries < 100; tries++) {
+        rows = await logRows(page);
+        if (wanted(rows)) {
+            return rows;
+        }
+        await page.waitForTimeout(100);
+    }
+    throw new Error(`the log does not show ${what}, but:\n${rows.join("\n")}`);
+}
