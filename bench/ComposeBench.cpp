@@ -2,6 +2,7 @@
 
 #include "QxCComposeFileHandler.h"
 #include "QxNContainerPaths.h"
+#include "RunBenchmarks.h"
 #include "tests/sandbox/Sandbox.h"
 
 #include <benchmark/benchmark.h>
@@ -125,7 +126,20 @@ void SpawnBigOurs(benchmark::State& state) {
 BENCHMARK(SpawnBigOurs)->Name("ComposeSpawnFromBigProcess/ours")->UseRealTime();
 BENCHMARK(SpawnOurs)->Name("ComposeSpawnFromBigProcess/bare")->UseRealTime();
 
-void OperationOurs(benchmark::State& state) {
+/// A tool that has nothing to do.
+void InstallQuickTool() {
+    std::filesystem::copy_file("/bin/true", Tool, std::filesystem::copy_options::overwrite_existing);
+}
+
+/// A tool whose command takes as long as one of the real tool does at best.
+void InstallSlowTool() {
+    std::filesystem::remove(Tool);
+    Sandbox::WriteFile(Tool, "#!/bin/sh\ncase \"$*\" in *' ps '*) ;; *) exec sleep 0.4;; esac\n");
+    std::filesystem::permissions(Tool, std::filesystem::perms::owner_all);
+}
+
+void OperationOurs(benchmark::State& state, void (*installTool)()) {
+    installTool();
     QxCComposeFileHandler handler(QxNContainer::QxNContainerPaths::COMPOSE_FILES_PATH);
     for (auto _ : state) {
         QxNJson::json result;
@@ -136,16 +150,20 @@ void OperationOurs(benchmark::State& state) {
     }
 }
 
-void OperationBare(benchmark::State& state) {
-    Arguments arguments({"docker-compose", "-f", "/web.yaml", "-p", "web", "start"});
+void OperationBare(benchmark::State& state, void (*installTool)()) {
+    installTool();
+    Arguments query({"docker-compose", "-f", "/web.yaml", "-p", "web", "ps", "-a"});
+    Arguments command({"docker-compose", "-f", "/web.yaml", "-p", "web", "start"});
     for (auto _ : state) {
-        for (int child = 0; child < 3; ++child) {
-            benchmark::DoNotOptimize(RunBare(Tool, arguments.Get()));
+        for (Arguments* arguments : {&query, &command, &query}) {
+            benchmark::DoNotOptimize(RunBare(Tool, arguments->Get()));
         }
     }
 }
-BENCHMARK(OperationOurs)->Name("ComposeOperation/ours")->UseRealTime();
-BENCHMARK(OperationBare)->Name("ComposeOperation/bare")->UseRealTime();
+BENCHMARK_CAPTURE(OperationOurs, quick, InstallQuickTool)->Name("ComposeOperation/ours")->UseRealTime();
+BENCHMARK_CAPTURE(OperationBare, quick, InstallQuickTool)->Name("ComposeOperation/bare")->UseRealTime();
+BENCHMARK_CAPTURE(OperationOurs, slow, InstallSlowTool)->Name("ComposeOperationOf400ms/ours")->UseRealTime();
+BENCHMARK_CAPTURE(OperationBare, slow, InstallSlowTool)->Name("ComposeOperationOf400ms/bare")->UseRealTime();
 
 constexpr size_t CaptureSize = size_t{64} << 20;
 
@@ -171,11 +189,5 @@ int main(int argc, char** argv) {
     close(start);
     Sandbox::WriteFile(QxNContainer::QxNContainerPaths::COMPOSE_FILES_PATH + "web.yaml", "services: {}\n");
     Sandbox::WriteFile("/capture", std::string(CaptureSize, 'x'));
-    std::filesystem::copy_file("/bin/true", Tool);
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    return RunBenchmarks(argc, argv);
 }
