@@ -47,11 +47,6 @@ void ContainerLog::WaitUntilReady(std::chrono::milliseconds atMost) {
     _readyCondition.wait_for(lock, atMost, [this] { return _isReady; });
 }
 
-std::uint64_t ContainerLog::Begin() const {
-    const std::lock_guard lock(_mutex);
-    return _ring.Begin();
-}
-
 std::uint64_t ContainerLog::Tail(size_t lines) const {
     const std::lock_guard lock(_mutex);
     return _ring.Tail(lines);

@@ -45,7 +45,6 @@ public:
 
     /// Waits until the lines that were there at the beginning have arrived or the log has ended.
     void WaitUntilReady(std::chrono::milliseconds atMost);
-    std::uint64_t Begin() const;
     std::uint64_t Tail(size_t lines) const;
     std::optional<std::uint64_t> After(const LogMark& mark) const;
 

@@ -1,6 +1,7 @@
 #include "LogHistory.h"
 
 #include <algorithm>
+#include <array>
 
 void LogHistory::Add(LogLinePtr line) {
     if (!_last) {
@@ -34,10 +35,7 @@ LogHistory::Result LogHistory::Settle(bool isFinal) {
     const size_t count = isFinal ? _dropped + _lines.size() : _settled;
     _lines.resize(count - std::min(count, _dropped));
     if (IsCut()) {
-        const auto whole = std::find_if(_lines.begin(), _lines.end(), [&](const LogLinePtr& line) {
-            return line->mark.time != _firstTime;
-        });
-        _lines.erase(_lines.begin(), whole);
+        DropBeginning();
     }
     result.lines.assign(_lines.begin(), _lines.end());
     if (!result.lines.empty()) {
@@ -46,4 +44,17 @@ LogHistory::Result LogHistory::Settle(bool isFinal) {
         result.since = _firstTime - 1;
     }
     return result;
+}
+
+void LogHistory::DropBeginning() {
+    std::array<bool, 3> isOpen{};
+    while (!_lines.empty()) {
+        const LogLine& line = *_lines.front();
+        bool& isContinued = isOpen[static_cast<size_t>(line.source)];
+        if (line.mark.time != _firstTime && !isContinued) {
+            return;
+        }
+        isContinued = line.isPartial;
+        _lines.pop_front();
+    }
 }

@@ -33,6 +33,8 @@ public:
 
 private:
     bool IsCut() const;
+    /// Drops the lines with the first time, and what is left of a line that began among them.
+    void DropBeginning();
 
     const size_t _asked;
     const size_t _maxBytes;

@@ -20,14 +20,15 @@ const LogLinePtr& LogRing::At(std::uint64_t position) const {
 }
 
 std::uint64_t LogRing::Tail(size_t lines) const {
-    std::uint64_t position = End();
-    while (lines != 0 && position != _begin) {
+    std::uint64_t first = End();
+    for (std::uint64_t position = End(); lines != 0 && position != _begin;) {
         --position;
         if (!_entries[static_cast<size_t>(position - _begin)].isContinued) {
+            first = position;
             --lines;
         }
     }
-    return position;
+    return first;
 }
 
 std::optional<std::uint64_t> LogRing::After(const LogMark& mark) const {

@@ -23,7 +23,8 @@ public:
     /// @param position  at least Begin() and below End()
     const LogLinePtr& At(std::uint64_t position) const;
 
-    /// @return position of the first of the last lines; a line in several parts counts once
+    /// @return position of the first of the last lines; a line in several parts counts once, and not at all when its
+    ///         beginning is gone
     std::uint64_t Tail(size_t lines) const;
     /// @return position behind a line; nothing when the line is not there
     std::optional<std::uint64_t> After(const LogMark& mark) const;

@@ -13,12 +13,12 @@ LogViewer::LogViewer(std::shared_ptr<ContainerLog> log, std::shared_ptr<void> pl
         return;
     }
     if (!cursor->IsOf(_log->Id())) {
-        _position = _log->Begin();
+        _position = _log->Tail(LogStart::All);
         return;
     }
     const auto after = _log->After(cursor->mark);
     _hasMissed = !after;
-    _position = after ? *after : _log->Begin();
+    _position = after ? *after : _log->Tail(LogStart::All);
 }
 
 LogViewer::~LogViewer() { _log->Forget(this); }

@@ -47,6 +47,10 @@ TEST(LogHistories, OfALongLogLackOnlyTheFirstTime) {
     EXPECT_EQ(result.lines.back()->mark, result.last);
 }
 
+TEST(LogHistories, BeginWithTheBeginningOfALine) {
+    EXPECT_THAT(Times(Filled(4, {1, -1, -2, 2, 3, 4}).Settle(false)), ElementsAre(3, 4));
+}
+
 TEST(LogHistories, EndWherePodmanBeganToReadTheEnd) {
     EXPECT_THAT(Times(Filled(3, {1, 2, 3, 7, 8}).Settle(false)), ElementsAre(2, 3));
     EXPECT_THAT(Times(Filled(3, {1, 2, -3, 7, 8}).Settle(false)), ElementsAre(2))

@@ -370,6 +370,8 @@ TEST_F(LogHubs, KeepAStreamForAViewerThatComesBackSoon) {
     Watch();
     EXPECT_EQ(hub->Viewers(), 0U);
     EXPECT_EQ(hub->Streams(), 1U);
+    EXPECT_TRUE(Sandbox::Eventually([&] { return LogRequests().size() == 2; }));
+    Watch();
     EXPECT_EQ(LogRequests().size(), 2U);
 }
 

@@ -60,6 +60,15 @@ TEST(LogRings, CountALineInPartsOnce) {
     EXPECT_EQ(ring.Tail(4), 0U);
 }
 
+TEST(LogRings, DoNotBeginInTheMiddleOfALine) {
+    LogRing ring(3, SIZE_MAX);
+    for (const bool isPartial : {false, true, true, false, false}) {
+        ring.Append(Line(0, isPartial));
+    }
+    EXPECT_EQ(ring.Begin(), 2U);
+    EXPECT_EQ(ring.Tail(SIZE_MAX), 4U);
+}
+
 TEST(LogRings, FindTheLineBehindAMark) {
     LogRing ring(5, SIZE_MAX);
     for (int i = 0; i < 10; ++i) {
