@@ -328,44 +328,64 @@ export class MockDaemon {
             text: line.text,
             ...(line.partial ? { partial: true } : {}),
         }));
-        log.lines.push(...made);
+        this.keep(log, made);
+        this.send(log, JSON.stringify({ type: "lines", lines: made }), made.length);
+    }
+
+    keep(log, lines) {
+        log.lines.push(...lines);
         if (log.lines.length > keptLines) {
             log.lines.splice(0, log.lines.length - keptLines);
         }
-        const message = JSON.stringify({ type: "lines", lines: made });
+    }
+
+    /** To those that can take it; the others hear later how much they missed. */
+    send(log, message, count) {
         for (const reader of log.readers) {
             if (reader.bufferedAmount > 4_000_000) {
-                reader.skipped = (reader.skipped ?? 0) + made.length;
-            } else {
-                if (reader.skipped) {
-                    reader.send(JSON.stringify({ type: "skipped", count: reader.skipped }));
-                    reader.skipped = 0;
-                }
-                reader.send(message);
+                reader.skipped = (reader.skipped ?? 0) + count;
+                continue;
             }
+            if (reader.skipped) {
+                reader.send(JSON.stringify({ type: "skipped", count: reader.skipped }));
+                reader.skipped = 0;
+            }
+            reader.send(message);
         }
     }
 
-    /** Writes as fast as asked: bytes in a second. */
+    /** Writes as fast as asked: bytes of text in a second. */
     flood(container, rate) {
         const log = this.log(container);
         clearInterval(log.flood);
         log.flood = undefined;
-        if (rate > 0) {
-            const text = "x".repeat(90);
-            const each = 20;
-            log.flood = setInterval(() => {
-                const count = Math.ceil((rate * each) / 1000 / 100);
-                for (let done = 0; done < count; done += 2000) {
-                    this.write(
-                        container,
-                        Array.from({ length: Math.min(2000, count - done) }, () => ({
-                            text: `${log.count++} ${text}`,
-                        })),
-                    );
-                }
-            }, each);
+        if (!(rate > 0)) {
+            return;
         }
+        const text = "x".repeat(90);
+        let owed = 0;
+        let last = performance.now();
+        log.flood = setInterval(() => {
+            const now = performance.now();
+            owed = Math.min(owed + ((now - last) / 1000) * rate, rate / 4);
+            last = now;
+            while (owed > 0) {
+                const count = 2000;
+                const time = nanoseconds();
+                const lines = [];
+                let json = "";
+                for (let index = 0; index < count; index++) {
+                    const cursor = `${container}-${log.next++}`;
+                    json += `${index ? "," : ""}{"cursor":"${cursor}","time":"${time}","stream":"stdout","text":"${++log.count} ${text}"}`;
+                    if (index >= count - 100) {
+                        lines.push({ cursor, time, stream: "stdout", text: `${log.count} ${text}` });
+                    }
+                }
+                this.keep(log, lines);
+                this.send(log, `{"type":"lines","lines":[${json}]}`, count);
+                owed -= count * 98;
+            }
+        }, 10);
     }
 
     tick() {

@@ -204,6 +204,7 @@ function Inside({ api, session, signOut }: { api: Api; session: types.Session; s
     useEffect(() => {
         const heading = content.current?.querySelector("h1");
         const name = heading?.textContent ?? "";
+        document.querySelector("nav [aria-current]")?.scrollIntoView({ block: "nearest", inline: "nearest" });
         document.title = name ? `${name} – Containers` : "Containers";
         if (seen.current !== key) {
             // after a change of the view the keyboard and the screen reader go on at its heading

@@ -36,6 +36,7 @@ export default function LogView({ containers, title, running, isSilent }: Proper
     const [figures, setFigures] = useState<Figures | null>(null);
     const [spoken, setSpoken] = useState("");
     const [problem, setProblem] = useState("");
+    const [hasOptions, setHasOptions] = useState(false);
     const scroller = useRef<HTMLElement>(null);
     const sizer = useRef<HTMLDivElement>(null);
     const frameRoom = useRef<HTMLDivElement>(null);
@@ -45,7 +46,7 @@ export default function LogView({ containers, title, running, isSilent }: Proper
     const latest = useRef<Frame | null>(null);
     const placed = useRef({ top: 0, scale: 1 });
     const lastFigures = useRef(0);
-    const lastSpoken = useRef(0);
+    const speaking = useRef<ReturnType<typeof setTimeout>>();
     const pending = useRef<ReturnType<typeof setTimeout>>();
     const initial = useRef(remembered);
     const searchField = useRef<HTMLInputElement>(null);
@@ -111,16 +112,10 @@ export default function LogView({ containers, title, running, isSilent }: Proper
         } else {
             pending.current = setTimeout(update, settle);
         }
-        if (performance.now() - lastSpoken.current > speakEvery) {
-            lastSpoken.current = performance.now();
-            setSpoken(frame.plain.join("\n"));
-        } else {
-            setTimeout(() => {
-                if (latest.current === frame) {
-                    setSpoken(frame.plain.join("\n"));
-                }
-            }, speakEvery);
-        }
+        speaking.current ??= setTimeout(() => {
+            speaking.current = undefined;
+            setSpoken(latest.current?.plain.join("\n") ?? "");
+        }, speakEvery);
     }, []);
 
     // the log: its worker and its terminal live as long as it is about the same containers
@@ -157,10 +152,7 @@ export default function LogView({ containers, title, running, isSilent }: Proper
         view.onSelection((exists) => {
             if (exists && latest.current?.following) {
                 // what is marked must not run away
-                link.send({
-                    type: "scroll",
-                    row: Math.max(latest.current.firstRow, latest.current.topRow - 1),
-                });
+                link.send({ type: "hold" });
             }
         });
         measure();
@@ -170,6 +162,8 @@ export default function LogView({ containers, title, running, isSilent }: Proper
         return () => {
             watcher.disconnect();
             clearTimeout(pending.current);
+            clearTimeout(speaking.current);
+            speaking.current = undefined;
             link.close();
             view.dispose();
             client.current = null;
@@ -301,14 +295,7 @@ export default function LogView({ containers, title, running, isSilent }: Proper
                     <button
                         type="button"
                         aria-pressed={following}
-                        onClick={() =>
-                            following
-                                ? client.current?.send({
-                                      type: "scroll",
-                                      row: (latest.current?.topRow ?? 1) - 1,
-                                  })
-                                : toEnd()
-                        }
+                        onClick={() => (following ? client.current?.send({ type: "hold" }) : toEnd())}
                     >
                         Follow
                     </button>
@@ -323,60 +310,73 @@ export default function LogView({ containers, title, running, isSilent }: Proper
                         Wrap
                     </button>
                 </div>
-                <label>
-                    Time
-                    <select
-                        value={view.stamps}
-                        onChange={(event) =>
-                            change({ view: { stamps: event.currentTarget.value as ViewSettings["stamps"] } })
-                        }
-                    >
-                        <option value="off">off</option>
-                        <option value="time">time</option>
-                        <option value="date">date and time</option>
-                    </select>
-                </label>
-                <label>
-                    Stream
-                    <select
-                        value={view.streams}
-                        onChange={(event) =>
-                            change({
-                                view: { streams: event.currentTarget.value as ViewSettings["streams"] },
-                            })
-                        }
-                    >
-                        <option value="all">both</option>
-                        <option value="stdout">stdout</option>
-                        <option value="stderr">stderr</option>
-                    </select>
-                </label>
-                <label>
-                    Size
-                    <select
-                        value={remembered.fontSize}
-                        onChange={(event) => change({ fontSize: Number(event.currentTarget.value) })}
-                    >
-                        {fontSizes.map((size) => (
-                            <option key={size} value={size}>
-                                {size}
-                            </option>
-                        ))}
-                    </select>
-                </label>
-                <label title="In effect when the log is opened the next time">
-                    Begin with
-                    <select
-                        value={remembered.tail}
-                        onChange={(event) => change({ tail: Number(event.currentTarget.value) })}
-                    >
-                        {tails.map((tail) => (
-                            <option key={tail} value={tail}>
-                                {tail} lines
-                            </option>
-                        ))}
-                    </select>
-                </label>
+                <button
+                    type="button"
+                    class="narrow-only"
+                    aria-expanded={hasOptions}
+                    aria-controls="log-options"
+                    onClick={() => setHasOptions(!hasOptions)}
+                >
+                    Options
+                </button>
+                <div id="log-options" class={hasOptions ? "log-options open" : "log-options"}>
+                    <label>
+                        Time
+                        <select
+                            value={view.stamps}
+                            onChange={(event) =>
+                                change({
+                                    view: { stamps: event.currentTarget.value as ViewSettings["stamps"] },
+                                })
+                            }
+                        >
+                            <option value="off">off</option>
+                            <option value="time">time</option>
+                            <option value="date">date and time</option>
+                        </select>
+                    </label>
+                    <label>
+                        Stream
+                        <select
+                            value={view.streams}
+                            onChange={(event) =>
+                                change({
+                                    view: { streams: event.currentTarget.value as ViewSettings["streams"] },
+                                })
+                            }
+                        >
+                            <option value="all">both</option>
+                            <option value="stdout">stdout</option>
+                            <option value="stderr">stderr</option>
+                        </select>
+                    </label>
+                    <label>
+                        Size
+                        <select
+                            value={remembered.fontSize}
+                            onChange={(event) => change({ fontSize: Number(event.currentTarget.value) })}
+                        >
+                            {fontSizes.map((size) => (
+                                <option key={size} value={size}>
+                                    {size}
+                                </option>
+                            ))}
+                        </select>
+                    </label>
+                    <label title="In effect when the log is opened the next time">
+                        Begin with
+                        <select
+                            value={remembered.tail}
+                            onChange={(event) => change({ tail: Number(event.currentTarget.value) })}
+                        >
+                            {tails.map((tail) => (
+                                <option key={tail} value={tail}>
+                                    {tail} lines
+                                </option>
+                            ))}
+                        </select>
+                    </label>
+                </div>
                 <div class="buttons">
                     <button type="button" onClick={() => client.current?.send({ type: "clear" })}>
                         Clear

@@ -11,7 +11,7 @@ export interface Socket {
 }
 
 export interface World {
-    socket(path: string): Socket;
+    socket(path: string, container: string): Socket;
     later(task: () => void, milliseconds: number): unknown;
     cancel(timer: unknown): void;
     random(): number;
@@ -102,7 +102,10 @@ export class LogConnection {
         const query = this.cursor ? `after=${encodeURIComponent(this.cursor)}` : `tail=${this.tail}`;
         let socket: Socket;
         try {
-            socket = this.world.socket(`/containers/${encodeURIComponent(this.name)}/logs?${query}`);
+            socket = this.world.socket(
+                `/containers/${encodeURIComponent(this.name)}/logs?${query}`,
+                this.name,
+            );
         } catch (error) {
             this.retry(words(error));
             return;

@@ -73,7 +73,7 @@ interface Shown {
 /** Colours in which containers are told apart. */
 const nameColours = ["36", "35", "32", "34", "33", "96", "95", "92", "94", "93"];
 const highlight = "30;43";
-const currentHighlight = "1;30;46";
+const currentHighlight = "30;46";
 const longestLine = 64 * 1024;
 const longestName = 24;
 const leastContent = 16;
@@ -169,6 +169,12 @@ export class LogEngine {
         } else {
             this.stopFollowing();
         }
+    }
+
+    /** Stays where it is, whatever comes. */
+    hold(): void {
+        this.topRow = this.visibleTop();
+        this.stopFollowing();
     }
 
     toEnd(): void {

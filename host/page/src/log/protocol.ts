@@ -7,6 +7,7 @@ export type ToWorker =
     | { type: "settings"; settings: ViewSettings }
     | { type: "window"; columns: number; rows: number; left: number }
     | { type: "scroll"; row: number }
+    | { type: "hold" }
     | { type: "end" }
     | { type: "pause"; on: boolean }
     | { type: "find"; direction: 1 | -1 }

@@ -1,12 +1,12 @@
 /*
  * Receives, parses and keeps the lines of a log away from the page, so that the page stays quick whatever a container
- * writes. Each message of a WebSocket is handled as it comes and at once: while that lasts, the browser takes no more
- * from the network, and the daemon notices that this client is slow and skips lines.
+ * writes.
  */
 import { Api, Problem } from "../api/client";
-import { type ConnectionState, LogConnection, type World } from "./connection";
+import { type ConnectionState, LogConnection, type Socket, type World } from "./connection";
 import { LogEngine, skippedText } from "./engine";
 import type { FromWorker, ToWorker } from "./protocol";
+import { MessageQueue } from "./queue";
 
 const scope = self as unknown as DedicatedWorkerGlobalScope;
 let engine: LogEngine | null = null;
@@ -23,10 +23,44 @@ function dirty(): void {
     }
 }
 
-function worldAt(base: string): World {
+const turns = new MessageChannel();
+const tasks: (() => void)[] = [];
+turns.port1.onmessage = () => tasks.shift()?.();
+const queue = new MessageQueue({
+    soon(task) {
+        tasks.push(task);
+        turns.port2.postMessage(0);
+    },
+    now: () => performance.now(),
+});
+
+/** A WebSocket whose messages, and its end after them, wait in the queue. */
+function queued(path: string, skip: (count: number) => void): Socket {
+    const real = new WebSocket(path);
+    const socket: Socket = {
+        onopen: null,
+        onmessage: null,
+        onclose: null,
+        onerror: null,
+        close: () => real.close(),
+    };
+    const skipped = (count: number) => {
+        if (socket.onmessage) {
+            skip(count);
+        }
+    };
+    real.onopen = () => socket.onopen?.();
+    real.onmessage = ({ data }) =>
+        queue.offer(data, (waited) => socket.onmessage?.({ data: waited }), skipped);
+    real.onclose = (event) => queue.offer(event, () => socket.onclose?.(event), skipped);
+    return socket;
+}
+
+function worldAt(base: string, skip: (container: string, count: number) => void): World {
     const api = new Api((...parameters) => fetch(...parameters), base);
     return {
-        socket: (path) => new WebSocket(base.replace(/^http/, "ws") + path) as never,
+        socket: (path, container) =>
+            queued(base.replace(/^http/, "ws") + path, (count) => skip(container, count)),
         later: (task, milliseconds) => setTimeout(task, milliseconds),
         cancel: (timer) => clearTimeout(timer as number),
         random: Math.random,
@@ -53,7 +87,12 @@ function open(message: ToWorker & { type: "open" }): void {
     engine = current;
     engine.setSettings(message.settings);
     states = names.map(() => ({ phase: "connecting" }));
-    const world = worldAt(message.base);
+    const skipped = (source: number, count: number) => {
+        const whose = names.length > 1 ? `${names[source]}: ` : "";
+        current.note(source, whose + skippedText(count, "this page was too slow for them"), Date.now());
+        dirty();
+    };
+    const world = worldAt(message.base, (name, count) => skipped(names.indexOf(name), count));
     connections = names.map((name, source) => {
         const whose = names.length > 1 ? `${name}: ` : "";
         return new LogConnection(name, message.tail, world, {
@@ -68,14 +107,7 @@ function open(message: ToWorker & { type: "open" }): void {
                 current.append(source, incoming.lines);
                 dirty();
             },
-            skipped(count) {
-                current.note(
-                    source,
-                    whose + skippedText(count, "this page was too slow for them"),
-                    Date.now(),
-                );
-                dirty();
-            },
+            skipped: (count) => skipped(source, count),
             note(text) {
                 current.note(source, whose + text, Date.now());
                 dirty();
@@ -105,6 +137,9 @@ scope.onmessage = (event: MessageEvent<ToWorker>) => {
             break;
         case "scroll":
             engine.scrollTo(message.row);
+            break;
+        case "hold":
+            engine.hold();
             break;
         case "end":
             engine.toEnd();

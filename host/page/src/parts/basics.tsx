@@ -156,7 +156,7 @@ export function Table<T>({ caption, columns, items, idOf, empty }: TableProperti
                                         class={column.kind ?? ""}
                                         data-head={column.head}
                                     >
-                                        {column.cell(item)}
+                                        <div class="cell">{column.cell(item)}</div>
                                     </td>
                                 ),
                             )}

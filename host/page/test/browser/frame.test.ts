@@ -42,6 +42,32 @@ describe("a phone", () => {
     });
 });
 
+describe("a finger", () => {
+    it("scrolls the log", async () => {
+        const page = await enter(`/log?c=${container}`, {
+            viewport: { width: 360, height: 740 },
+            hasTouch: true,
+            isMobile: true,
+        });
+        await logHas(page, (rows) => rows.filter(Boolean).length > 10, "lines");
+        const box = await page.locator(".log-scroller").boundingBox();
+        const session = await page.context().newCDPSession(page);
+        const x = Math.round((box?.x ?? 0) + 100);
+        const y = Math.round((box?.y ?? 0) + 60);
+        const touch = (
+            type: "touchStart" | "touchMove" | "touchEnd",
+            touchPoints: { x: number; y: number }[],
+        ) => session.send("Input.dispatchTouchEvent", { type, touchPoints });
+        await touch("touchStart", [{ x, y }]);
+        for (let step = 1; step <= 12; step++) {
+            await touch("touchMove", [{ x, y: y + step * 10 }]);
+            await page.waitForTimeout(16);
+        }
+        await touch("touchEnd", []);
+        await page.getByRole("button", { name: "Follow", pressed: false }).waitFor();
+    });
+});
+
 describe("the dark", () => {
     it.each(views)("is dark: %s", async (view) => {
         const page = await enter(`/${view}`, { colorScheme: "dark" });

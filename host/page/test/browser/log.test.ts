@@ -341,6 +341,15 @@ describe("a flood", () => {
         console.log(
             `flood: ${frames} frames in 8 s, longest gap ${Math.round(longest)} ms, ${kept} kept, ${Math.round(heap / 1e6)} MB of heap in the page`,
         );
+        const came = Number(
+            (await logRows(page))
+                .filter(Boolean)
+                .at(-1)
+                ?.match(/ (\d+) x+$/)?.[1] ?? 0,
+        );
+        console.log(
+            `flood: the last line that is seen is number ${came}, so ${Math.round((came * 98) / 8e6)} MB/s were written`,
+        );
         await shot(page, "log-flood");
         expect(longest).toBeLessThan(1500);
         expect(frames).toBeGreaterThan(60);

@@ -63,6 +63,14 @@ describe("the window over a log", () => {
         expect(engine.frame()).toMatchObject({ following: true, fresh: 0 });
     });
 
+    it("stays where it is when it is held, also at the end and before it is full", () => {
+        engine.append(0, many(3));
+        engine.hold();
+        engine.append(0, many(10, 3));
+        expect(rows(engine)).toEqual(["line 0", "line 1", "line 2", "line 3", "line 4"]);
+        expect(engine.frame()).toMatchObject({ following: false, fresh: 10 });
+    });
+
     it("follows again when it is scrolled to the end", () => {
         engine.append(0, many(20));
         engine.scrollTo(3);
@@ -290,7 +298,7 @@ describe("filter and search", () => {
         engine.find(-1);
         expect(engine.frame().hit).toBe(2);
         const marked = engine.frame().rows.find((row) => row.includes("line 55"));
-        expect(marked).toContain("\x1b[1;30;46mline 55\x1b[0m");
+        expect(marked).toContain("\x1b[30;46mline 55\x1b[0m");
     });
 
     it("counts hits right while lines come and go", () => {
