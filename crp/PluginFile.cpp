@@ -19,7 +19,7 @@ struct DirectoryCloser {
 
 }  // namespace
 
-PluginFileStatus readPluginFile(const std::string& path, CrpPluginHeader& header) {
+PluginFileStatus readPluginFile(const std::string& path, CrpPluginHeader& header, std::uint64_t* fileSize) {
     // Means nothing to regular files, but a FIFO or terminal that took the file's place must not hold us up.
     constexpr int NeverWait = O_NONBLOCK | O_NOCTTY;
     const QxNSupport::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | NeverWait));
@@ -37,6 +37,9 @@ PluginFileStatus readPluginFile(const std::string& path, CrpPluginHeader& header
     if (lseek(file.Get(), size - TrailerSize, SEEK_SET) < 0 ||
         read(file.Get(), &header, CRP_HEADER_SIZE) != TrailerSize) {
         return PluginFileStatus::CannotRead;
+    }
+    if (fileSize != nullptr) {
+        *fileSize = static_cast<std::uint64_t>(size);
     }
     switch (checkTrailer(header)) {
         case TrailerStatus::WrongMagic:

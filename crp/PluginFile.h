@@ -2,6 +2,7 @@
 
 #include "CrpPluginHeader.h"
 
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -21,8 +22,10 @@ enum class PluginFileStatus {
 };
 
 /// Reads and checks the trailer of one file. Does not block on FIFOs and devices.
-/// @param header  receives the trailer for Plugin and IncompatibleHeader; undefined otherwise
-PluginFileStatus readPluginFile(const std::string& path, CrpPluginHeader& header);
+/// @param header    receives the trailer for Plugin and IncompatibleHeader; undefined otherwise
+/// @param fileSize  receives the size of the file for those two, which is at least that of the trailer; may be null
+PluginFileStatus readPluginFile(const std::string& path, CrpPluginHeader& header,
+                                std::uint64_t* fileSize = nullptr);
 
 /// Calls `visit` with every name in a directory in its own order, "." and ".." included, while it is read.
 /// @return false, with errno set, when the directory cannot be opened

@@ -36,6 +36,11 @@ bool takeNumber(std::string_view& text, std::int32_t& number) {
 
 }  // namespace
 
+bool beginsWithNumber(std::string_view version) {
+    std::int32_t number = 0;
+    return takeNumber(version, number);
+}
+
 PluginVersion parseVersion(std::string_view text) {
     PluginVersion version;
     text = text.substr(0, text.find('\0'));

@@ -20,4 +20,7 @@ struct PluginVersion {
 /// which sscanf leaves undefined, counts as the nearest one that fits.
 PluginVersion parseVersion(std::string_view text);
 
+/// @return whether there is a number for parseVersion() to begin with
+bool beginsWithNumber(std::string_view version);
+
 }  // namespace CRP

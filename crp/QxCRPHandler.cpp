@@ -4,6 +4,7 @@
 #include "crp/PluginHeader.h"
 #include "crp/PluginSelection.h"
 #include "support/Log.h"
+#include "support/Text.h"
 
 #include <sys/stat.h>
 #include <filesystem>
@@ -20,13 +21,6 @@ constexpr const char* Tag = "Quolex Container Utils:";
 
 /// Result codes of the editing operations.
 enum EditResult { Changed = 0, NothingToDo = 1, Rejected = 2, NoSuchPlugin = 3, FileFailed = 4 };
-
-std::string trim(const std::string& text) {
-    constexpr const char* Blanks = " \t\n\r";
-    const std::size_t first = text.find_first_not_of(Blanks);
-    return first == std::string::npos ? std::string()
-                                      : text.substr(first, text.find_last_not_of(Blanks) - first + 1);
-}
 
 std::string compactText(const json& value) {
     return value.dump(-1, ' ', false, json::Utf8ErrorMode::Replace);
@@ -107,14 +101,13 @@ bool QxCRPHandler::readConfig(json& config) const {
         config = json::object();
         return true;
     }
-    std::ifstream file(_configFile);
-    if (!file) {
+    const ConfigStatus status = readConfigFile(_configFile, config);
+    if (status == ConfigStatus::CannotOpen) {
         QxCRTE_LOG_Impl(RteLogLevel::Error, "%s Failed to open config file '%s' for reading", Tag,
                         _configFile.c_str());
         return false;
     }
-    config = QxNJson::json::parse(file);
-    if (config.is_invalid()) {
+    if (status == ConfigStatus::NoJson) {
         QxCRTE_LOG_Impl(RteLogLevel::Error, "%s Failed to parse config file '%s'", Tag, _configFile.c_str());
         return false;
     }
@@ -174,7 +167,7 @@ bool QxCRPHandler::_writeEdited(const json& config) const {
 }
 
 int QxCRPHandler::addPluginToConfig(const std::string& name, const std::string& version) {
-    const std::string trimmedName = trim(name);
+    const std::string trimmedName = QxNSupport::Trimmed(name);
     json config;
     if (const std::optional<int> obstacle = _readForEdit("add", trimmedName, version, config)) {
         return *obstacle;
@@ -204,7 +197,7 @@ int QxCRPHandler::addPluginToConfig(const std::string& name, const std::string& 
 }
 
 int QxCRPHandler::removePluginFromConfig(const std::string& name, const std::string& version) {
-    const std::string trimmedName = trim(name);
+    const std::string trimmedName = QxNSupport::Trimmed(name);
     json config;
     if (const std::optional<int> obstacle = _readForEdit("remove", trimmedName, version, config)) {
         return *obstacle;

@@ -13,17 +13,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 
 namespace CRP {
 
 bool QxCRPLoader::init(const std::string& configPath) {
-    std::ifstream file(configPath);
-    if (!file) {
+    QxNJson::json config;
+    const ConfigStatus status = readConfigFile(configPath, config);
+    if (status == ConfigStatus::CannotOpen) {
         return true;
     }
-    const QxNJson::json config = QxNJson::json::parse(file);
-    if (config.is_invalid()) {
+    if (status == ConfigStatus::NoJson) {
         QxCRTE_LOG_Impl(RteLogLevel::Error, "Quolex Container Runtime: Failed to parse config file '%s'",
                         configPath.c_str());
         return false;

@@ -107,10 +107,11 @@ void QxCRPScanner::scanDirectory(const std::string& dir, std::vector<PluginInfo>
             _examine(path, out);
         }
     });
+    const int error = errno;  // before the log asks for its level
     if (!isOpen) {
         QX_LOG_IF_ENABLED(RteLogLevel::Debug,
                           "Quolex Container Runtime: Cannot open plugin directory '%s': %s. Skipping",
-                          dir.c_str(), strerror(errno));
+                          dir.c_str(), strerror(error));
     }
 }
 

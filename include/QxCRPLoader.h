@@ -22,7 +22,8 @@ public:
 
     /// Reads the deactivation list; entries are added to those that are there.
     /// @param configPath  JSON file; a missing one is an empty list
-    /// @return false when the file is not JSON
+    /// @return false when the file is not JSON, which counts also for one that is not regular or larger than
+    ///         16 MiB
     bool init(const std::string& configPath);
 
     /// Loads the plugins in the given order; one that cannot be loaded is logged and passed over. Plugins

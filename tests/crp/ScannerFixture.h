@@ -3,6 +3,7 @@
 #include "QxCRPScanner.h"
 #include "Recording.h"
 #include "crp/PluginHeader.h"
+#include "tests/crp/CrpTest.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +11,7 @@
 #include <vector>
 
 /// A scanner whose construction is already out of the log.
-class CrpScanner : public testing::Test {
+class CrpScanner : public CrpTest {
 protected:
     static constexpr const char* UserDir = "/userstorage1/container_rte/plugins";
     static constexpr const char* SystemDir = "/usr/Quolex/container/plugins";

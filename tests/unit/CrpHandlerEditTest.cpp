@@ -1,6 +1,8 @@
 #include "QxCRPHandler.h"
 #include "Recording.h"
 #include "Sandbox.h"
+#include "tests/crp/AsNobody.h"
+#include "tests/crp/CrpTest.h"
 #include "tests/crp/PluginMaker.h"
 
 #include <gmock/gmock.h>
@@ -23,7 +25,7 @@ constexpr const char* FooEntry = R"({"name": "foo", "version": "1.0.0"})";
 std::string List(const std::string& elements) { return R"({"deactivated_plugins": [)" + elements + "]}"; }
 
 /// A handler that has scanned the plugins foo 1.0.0 and spaced " 2".
-class CrpEdit : public testing::Test {
+class CrpEdit : public CrpTest {
 protected:
     explicit CrpEdit(const char* logLevel = "INFO") {
         TheScript().logLevel = logLevel;
@@ -82,6 +84,17 @@ TEST_F(CrpEdit, KnowsOnlyPluginsOfTheLastScan) {
     EXPECT_EQ(Config(), List(R"({"name": "gone", "version": "1"})"));
 }
 
+TEST_F(CrpEdit, JudgesThePluginBeforeItReadsTheFile) {
+    Configure("{");
+
+    EXPECT_EQ(_handler.addPluginToConfig("foo", "1.0"), 3);
+    EXPECT_EQ(_handler.removePluginFromConfig("foo", "1.0"), 3);
+
+    const std::string line =
+        "[WARNING] Quolex Container Utils: Plugin 'foo' v1.0 not found in scanned plugins";
+    EXPECT_THAT(Recording::Logs(), ElementsAre(line, line));
+}
+
 TEST_F(CrpEdit, DoesNotTrimTheVersion) {
     EXPECT_EQ(_handler.addPluginToConfig("foo", " 1.0.0"), 3);
     EXPECT_EQ(_handler.addPluginToConfig("spaced", "2"), 3);
@@ -120,6 +133,18 @@ TEST_F(CrpEditVerbose, TellsTheListAfterAdding) {
                     "[DEBUG_VERBOSE] Quolex Container Utils: Updated deactivated_plugins list: "
                     "[{\"name\":\"foo\",\"version\":\"1.0.0\"}]",
                     "[INFO] Quolex Container Utils: Added plugin 'foo' v1.0.0 to deactivation config"));
+}
+
+TEST_F(CrpEditVerbose, TellsAListWithBytesThatAreNoUtf8) {
+    PluginMaker::Write(std::string(UserDir) + "/bad.crp", Trailer("n\xC3", "1"));
+    _handler.scanPluginsDir();
+    Recording::Forget();
+
+    EXPECT_EQ(_handler.addPluginToConfig("n\xC3", "1"), 0);
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre("[DEBUG_VERBOSE] Quolex Container Utils: Updated deactivated_plugins list: "
+                            "[{\"name\":\"n\xEF\xBF\xBD\",\"version\":\"1\"}]",
+                            "[INFO] Quolex Container Utils: Added plugin 'n\xC3' v1 to deactivation config"));
 }
 
 TEST_F(CrpEdit, AppendsAndKeepsEverythingElse) {
@@ -194,6 +219,18 @@ TEST_F(CrpEdit, AnswersFourWhenItCannotWrite) {
         ElementsAre("[ERROR] Quolex Container Utils: Failed to create config directory: Not a directory"));
 }
 
+TEST_F(CrpEdit, AnswersFourWhenItMayNotWriteWhatItRemovedFrom) {
+    Configure(List(FooEntry));
+    {
+        const AsNobody nobody;
+        EXPECT_EQ(_handler.removePluginFromConfig("foo", "1.0.0"), 4);
+    }
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre("[ERROR] Quolex Container Utils: Failed to open config file "
+                            "'/userstorage1/container_rte/config/config.json' for writing"));
+    EXPECT_EQ(Config(), List(FooEntry));
+}
+
 // --- Removing ---
 
 TEST_F(CrpEditDebug, RemovesAllMatchesAndKeepsTheRestInItsOrder) {
@@ -246,6 +283,12 @@ TEST_F(CrpEditDebug, HasNothingToRemoveWhenNothingMatches) {
         Recording::Logs(),
         ElementsAre("[DEBUG] Quolex Container Utils: Plugin 'foo' v1.0.0 was not in the deactivation list"));
     EXPECT_EQ(Config(), config);
+}
+
+TEST_F(CrpEdit, HasNothingToRemoveWithoutAWordWhenDebugIsOff) {
+    EXPECT_EQ(_handler.removePluginFromConfig("foo", "1.0.0"), 1);
+    EXPECT_EQ(_handler.removePluginFromConfigByFileName("bar.crp"), 1);
+    EXPECT_THAT(Recording::Logs(), IsEmpty());
 }
 
 TEST_F(CrpEdit, RemovesWithoutAWordWhenDebugIsOff) {

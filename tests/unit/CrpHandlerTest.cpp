@@ -1,6 +1,7 @@
 #include "QxCRPHandler.h"
 #include "Recording.h"
 #include "Sandbox.h"
+#include "tests/crp/CrpTest.h"
 #include "tests/crp/FailingSystemCall.h"
 #include "tests/crp/LoopDevices.h"
 #include "tests/crp/PluginMaker.h"
@@ -30,7 +31,7 @@ constexpr const char* ConfigFile = "/userstorage1/container_rte/plugins/config.j
 
 std::string InUserDir(const std::string& name) { return std::string(UserDir) + "/" + name; }
 
-class CrpHandler : public testing::Test {
+class CrpHandler : public CrpTest {
 protected:
     explicit CrpHandler(const char* logLevel = "INFO") { TheScript().logLevel = logLevel; }
 
@@ -54,9 +55,16 @@ protected:
     CrpHandlerVerbose() : CrpHandler("DEBUG_VERBOSE") {}
 };
 
+/// These make their handlers themselves.
+class CrpHandlerStart : public CrpTest {};
+class CrpHandlerLoad : public CrpTest {};
+class CrpHandlerListing : public CrpTest {};
+class CrpHandlerWriting : public CrpTest {};
+class CrpHandlerBadPath : public CrpTest {};
+
 // --- Construction, scan and load ---
 
-TEST(CrpHandlerStart, LogsTheScannersDirectoriesAndThenReadsTheListWithoutAScan) {
+TEST_F(CrpHandlerStart, LogsTheScannersDirectoriesAndThenReadsTheListWithoutAScan) {
     Sandbox::WriteFile(ConfigFile, R"({"deactivated_plugins": [{"name": "foo", "version": "1.0.0"}]})");
     PluginMaker::Write(InUserDir("foo.crp"), Trailer("foo", "1.0.0"));
 
@@ -83,6 +91,23 @@ TEST_F(CrpHandlerDebug, AnnouncesLoading) {
                 ElementsAre("[DEBUG] Quolex Container Utils: Loading container plugins..."));
 }
 
+TEST_F(CrpHandlerDebug, AnnouncesLoadingBeforeItScans) {
+    CrpPluginHeader trailer = Trailer("x", "1.0.0");
+    trailer.pluginType = 2;
+    PluginMaker::Write(InUserDir("x.crp"), trailer);
+    fs::create_directories(SystemDir);
+    Recording::Forget();
+
+    _handler.loadPlugins();
+
+    EXPECT_THAT(
+        Recording::Logs(),
+        ElementsAre("[DEBUG] Quolex Container Utils: Loading container plugins...",
+                    "[INFO] Quolex Container Runtime: Found  : x v1.0.0 | priority=0 | os_ok=yes",
+                    "[WARNING] Quolex Container Runtime: Skipping unsupported plugin type 2 for plugin 'x' "
+                    "v1.0.0"));
+}
+
 TEST_F(CrpHandler, AnnouncesNothingWhenDebugIsOff) {
     Recording::Forget();
 
@@ -91,7 +116,7 @@ TEST_F(CrpHandler, AnnouncesNothingWhenDebugIsOff) {
     EXPECT_THAT(Recording::Logs(), IsEmpty());
 }
 
-TEST(CrpHandlerLoad, LoadsInOrderOfPriorityAndSkipsWhatTheUserSwitchedOff) {
+TEST_F(CrpHandlerLoad, LoadsInOrderOfPriorityAndSkipsWhatTheUserSwitchedOff) {
     const LoopDevices loop;
     Sandbox::WriteFile("/image/note.sh", "echo $1 >> /ran\n");
     const std::string image = PluginMaker::ImageOf("/image");
@@ -166,12 +191,27 @@ TEST_F(CrpHandler, ListsIncompatiblePluginsAndDuplicatesOfBothDirectories) {
     EXPECT_EQ(list["plugins"][1]["path"], "/usr/Quolex/container/plugins/a.crp");
 }
 
-TEST(CrpHandlerListing, CountsEveryPathThatBeginsLikeTheUserDirectoryAsUser) {
+TEST_F(CrpHandlerListing, CountsEveryPathThatBeginsLikeTheUserDirectoryAsUser) {
     PluginMaker::Write(std::string(SystemDir) + "/a.crp", Trailer("a", "1.0.0"));
     QxCRPHandler handler("/usr/Quolex/container/plug", ConfigFile);
     handler.scanPluginsDir();
 
     EXPECT_EQ(handler.listPlugins()["plugins"][0]["directory"], "user");
+}
+
+TEST_F(CrpHandler, ListsSizeAndTimeOfTheFileBehindALink) {
+    PluginMaker::Write("/elsewhere/real", Trailer("linked", "1.0.0"), "12345");
+    const timespec times[2] = {{1, 0}, {1234567890, 0}};
+    utimensat(AT_FDCWD, "/elsewhere/real", times, 0);
+    fs::create_directories(UserDir);
+    fs::create_symlink("/elsewhere/real", InUserDir("link"));
+    _handler.scanPluginsDir();
+
+    const json list = _handler.listPlugins();
+
+    EXPECT_EQ(list["plugins"][0]["path"], InUserDir("link"));
+    EXPECT_EQ(list["plugins"][0]["size"], 2053);
+    EXPECT_EQ(list["plugins"][0]["created"], 1234567890);
 }
 
 TEST_F(CrpHandler, ListsAVanishedFileWithoutSizeAndTime) {
@@ -193,6 +233,26 @@ TEST_F(CrpHandler, ListsNamesThatAreNoUtf8WithReplacements) {
     ASSERT_FALSE(list.is_invalid());
     EXPECT_EQ(list["plugins"][0]["fileName"], "bad\xEF\xBF\xBD");
     EXPECT_EQ(list["plugins"][0]["name"], "n\xEF\xBF\xBD");
+}
+
+TEST_F(CrpHandler, ListsNamesWithLineBreaksAsTheyAre) {
+    PluginMaker::Write(InUserDir("line\nbreak"), Trailer("in\nname", "1\r\n2"));
+    _handler.scanPluginsDir();
+
+    const json list = _handler.listPlugins();
+
+    EXPECT_EQ(list["plugins"][0]["fileName"], "line\nbreak");
+    EXPECT_EQ(list["plugins"][0]["name"], "in\nname");
+    EXPECT_EQ(list["plugins"][0]["version"], "1\r\n2");
+    EXPECT_TRUE(json::parse(list.dump()) == list);
+}
+
+TEST_F(CrpHandler, CountsNothingWhenDebugIsOff) {
+    ScanFoo();
+
+    _handler.listPlugins();
+
+    EXPECT_THAT(Recording::Logs(), IsEmpty());
 }
 
 TEST_F(CrpHandlerDebug, CountsThePluginsListed) {
@@ -277,9 +337,62 @@ TEST_F(CrpHandler, ReportsADirectoryInTheConfigurationsPlace) {
     EXPECT_TRUE(fs::is_directory(ConfigFile));
 }
 
+TEST_F(CrpHandler, TakesNothingForAConfigurationThatCouldKeepItWaiting) {
+    ScanFoo();
+    const auto expectNoJson = [this] {
+        Recording::Forget();
+        json config;
+        EXPECT_FALSE(_handler.readConfig(config));
+        EXPECT_TRUE(config.is_invalid());
+        EXPECT_EQ(_handler.addPluginToConfig("foo", "1.0.0"), 4);
+        EXPECT_EQ(_handler.removePluginFromConfig("foo", "1.0.0"), 4);
+        EXPECT_THAT(Recording::Logs(),
+                    testing::AllOf(testing::SizeIs(3),
+                                   testing::Each("[ERROR] Quolex Container Utils: Failed to parse config "
+                                                 "file '/userstorage1/container_rte/plugins/config.json'")));
+    };
+
+    mkfifo(ConfigFile, 0600);
+    expectNoJson();
+    EXPECT_TRUE(fs::is_fifo(ConfigFile));
+
+    fs::remove(ConfigFile);
+    Sandbox::WriteFile(ConfigFile, "{}" + std::string(16U << 20, ' '));
+    expectNoJson();
+    EXPECT_EQ(fs::file_size(ConfigFile), (16U << 20) + 2);
+}
+
+/// A configuration whose status is not to be had counts as missing, so that only writing it can fail.
+void ExpectMissingAndNotWritable(const std::string& configFile) {
+    PluginMaker::Write(InUserDir("foo.crp"), Trailer("foo", "1.0.0"));
+    QxCRPHandler handler(UserDir, configFile);
+    handler.scanPluginsDir();
+    Recording::Forget();
+    json config = 5;
+
+    EXPECT_TRUE(handler.readConfig(config));
+    EXPECT_EQ(config.dump(), "{}");
+    EXPECT_THAT(Recording::Logs(), IsEmpty());
+
+    EXPECT_EQ(handler.addPluginToConfig("foo", "1.0.0"), 4);
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre("[ERROR] Quolex Container Utils: Failed to open config file '" + configFile +
+                            "' for writing"));
+}
+
+TEST_F(CrpHandlerBadPath, TakesACircleOfLinksForAMissingConfiguration) {
+    fs::create_symlink("circle.json", "/run/circle.json");
+
+    ExpectMissingAndNotWritable("/run/circle.json");
+}
+
+TEST_F(CrpHandlerBadPath, TakesANameThatIsTooLongForAMissingConfiguration) {
+    ExpectMissingAndNotWritable("/run/" + std::string(256, 'c'));
+}
+
 // --- Writing the configuration ---
 
-TEST(CrpHandlerWriting, MakesTheDirectoryAndEndsWithoutALineFeed) {
+TEST_F(CrpHandlerWriting, MakesTheDirectoryAndEndsWithoutALineFeed) {
     const QxCRPHandler handler(UserDir, "/a/b/c/config.json");
     json config = json::object();
     config["k"] = "\xC3\xBC \xFF";
@@ -288,7 +401,7 @@ TEST(CrpHandlerWriting, MakesTheDirectoryAndEndsWithoutALineFeed) {
     EXPECT_EQ(Sandbox::ReadFile("/a/b/c/config.json"), "{\n    \"k\": \"\xC3\xBC \xEF\xBF\xBD\"\n}");
 }
 
-TEST(CrpHandlerWriting, ReplacesTheFileInPlace) {
+TEST_F(CrpHandlerWriting, ReplacesTheFileInPlace) {
     Sandbox::WriteFile("/run/real.json", std::string(1000, ' '));
     fs::create_symlink("/run/real.json", "/run/config.json");
     const QxCRPHandler handler(UserDir, "/run/config.json");
@@ -298,7 +411,7 @@ TEST(CrpHandlerWriting, ReplacesTheFileInPlace) {
     EXPECT_TRUE(fs::is_symlink("/run/config.json"));
 }
 
-TEST(CrpHandlerWriting, ReportsADirectoryThatCannotBeMade) {
+TEST_F(CrpHandlerWriting, ReportsADirectoryThatCannotBeMade) {
     Sandbox::WriteFile("/a", "a file");
     const QxCRPHandler handler(UserDir, "/a/b/config.json");
     Recording::Forget();
@@ -309,7 +422,7 @@ TEST(CrpHandlerWriting, ReportsADirectoryThatCannotBeMade) {
         ElementsAre("[ERROR] Quolex Container Utils: Failed to create config directory: Not a directory"));
 }
 
-TEST(CrpHandlerWriting, ReportsAFileThatCannotBeOpened) {
+TEST_F(CrpHandlerWriting, ReportsAFileThatCannotBeOpened) {
     fs::create_directories(ConfigFile);
     const QxCRPHandler handler(UserDir, ConfigFile);
     Recording::Forget();
@@ -320,7 +433,7 @@ TEST(CrpHandlerWriting, ReportsAFileThatCannotBeOpened) {
                             "'/userstorage1/container_rte/plugins/config.json' for writing"));
 }
 
-TEST(CrpHandlerWriting, ReportsAFullDrive) {
+TEST_F(CrpHandlerWriting, ReportsAFullDrive) {
     const QxCRPHandler handler(UserDir, "/run/config.json");
     fs::create_symlink("/dev/full", "/run/config.json");
     Recording::Forget();
@@ -330,7 +443,7 @@ TEST(CrpHandlerWriting, ReportsAFullDrive) {
                 ElementsAre("[ERROR] Quolex Container Utils: Error writing config file '/run/config.json'"));
 }
 
-TEST(CrpHandlerWriting, TakesAPathWithoutADirectory) {
+TEST_F(CrpHandlerWriting, TakesAPathWithoutADirectory) {
     fs::current_path("/run");
     const QxCRPHandler handler(UserDir, "config.json");
 

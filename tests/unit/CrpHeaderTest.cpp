@@ -3,6 +3,7 @@
 #include "Sandbox.h"
 #include "tests/crp/FailingSystemCall.h"
 #include "tests/crp/PluginMaker.h"
+#include "tests/crp/RecordedOpens.h"
 
 #include <gmock/gmock.h>
 
@@ -120,6 +121,24 @@ TEST_F(CrpScanner, SkipsFilesThatCannotBeReadToTheEnd) {
     FailSystemCall(SYS_read, EIO, FailingArgument{2, CRP_HEADER_SIZE});
 
     EXPECT_FALSE(Reads("/t/a"));
+}
+
+TEST_F(CrpScanner, SkipsFilesThatEndBeforeTheTrailerIsWhole) {
+    PluginMaker::Write("/t/a", Trailer("a", "1.0.0"));
+    constexpr int NoErrorButNothingRead = 0;
+    FailSystemCall(SYS_read, NoErrorButNothingRead, FailingArgument{2, CRP_HEADER_SIZE});
+    CrpPluginHeader header = Trailer("valid already", "1.0.0");
+
+    EXPECT_FALSE(_scanner.readHeader("/t/a", header));
+    EXPECT_THAT(Recording::Logs(), IsEmpty());
+}
+
+TEST_F(CrpScanner, OpensAFileForReadingAndForNoProgramItStarts) {
+    PluginMaker::Write("/t/a", Trailer("a", "1.0.0"));
+    bool isRead = false;
+
+    EXPECT_THAT(RecordedOpens::During([&] { isRead = Reads("/t/a"); }), ElementsAre("/t/a read"));
+    EXPECT_TRUE(isRead);
 }
 
 TEST_F(CrpScanner, SkipsFilesInWhichItCannotSeek) {

@@ -2,13 +2,16 @@
 #include "Recording.h"
 #include "Sandbox.h"
 #include "crp/InitCommand.h"
+#include "tests/crp/CrpTest.h"
 #include "tests/crp/FailingSystemCall.h"
 #include "tests/crp/PluginMaker.h"
 
 #include <gmock/gmock.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <unistd.h>
 #include <cerrno>
 #include <csignal>
 #include <filesystem>
@@ -17,7 +20,6 @@ using CRP::PluginInfo;
 using CRP::QxCRPLoader;
 using PluginMaker::Record;
 using testing::ElementsAre;
-using testing::StartsWith;
 namespace fs = std::filesystem;
 
 namespace {
@@ -56,7 +58,7 @@ INSTANTIATE_TEST_SUITE_P(
                     CommandCase{"a.sh2", "a.sh2"}, CommandCase{"sh", "sh"}, CommandCase{"a.SH", "a.SH"},
                     CommandCase{"a.sh\tx", "a.sh\tx"}));
 
-class CrpLoaderInit : public testing::Test {
+class CrpLoaderInit : public CrpTest {
 protected:
     bool Run(const std::string& initCommand) {
         PluginInfo plugin = Record("x", "1.0.0");
@@ -105,9 +107,17 @@ TEST_F(CrpLoaderInit, FailsForAProgramWithoutExecutePermission) {
 }
 
 TEST_F(CrpLoaderInit, MayWriteMuch) {
-    EXPECT_TRUE(Run("head -c 3000000 /dev/zero >&2 2>/dev/null; head -c 3000000 /dev/zero > /ran"));
+    const int saved[] = {dup(STDOUT_FILENO), dup(STDERR_FILENO)};
+    const int output = open("/run/output", O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    dup2(output, STDOUT_FILENO);
+    dup2(output, STDERR_FILENO);
 
-    EXPECT_EQ(fs::file_size("/ran"), 3000000U);
+    const bool hasSucceeded = Run("head -c 3000000 /dev/zero; head -c 3000000 /dev/zero >&2");
+
+    dup2(saved[0], STDOUT_FILENO);
+    dup2(saved[1], STDERR_FILENO);
+    EXPECT_TRUE(hasSucceeded);
+    EXPECT_EQ(fs::file_size("/run/output"), 6000000U);
 }
 
 TEST_F(CrpLoaderInit, TakesACommandThatFillsItsField) {
@@ -132,9 +142,9 @@ TEST_F(CrpLoaderInit, ReportsAShellThatDoesNotStart) {
     FailSystemCall(SYS_execve, EACCES);
 
     EXPECT_FALSE(Run("true"));
-    EXPECT_THAT(
-        LastLog(),
-        StartsWith("[ERROR] Quolex Container Runtime: Initializing plugin failed: posix_spawn('/bin/sh'): "));
+    EXPECT_EQ(LastLog(),
+              "[ERROR] Quolex Container Runtime: Initializing plugin failed: posix_spawn('/bin/sh'): "
+              "Permission denied");
 }
 
 TEST_F(CrpLoaderInit, ReportsAFailedWait) {

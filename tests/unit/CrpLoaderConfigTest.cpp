@@ -1,10 +1,13 @@
 #include "QxCRPLoader.h"
 #include "Recording.h"
 #include "Sandbox.h"
+#include "tests/crp/CrpTest.h"
 #include "tests/crp/PluginMaker.h"
 
 #include <gmock/gmock.h>
 
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <filesystem>
 
 using CRP::QxCRPLoader;
@@ -26,7 +29,7 @@ std::vector<std::string> Deactivated(const QxCRPLoader& loader) {
     return entries;
 }
 
-class CrpLoaderConfig : public testing::Test {
+class CrpLoaderConfig : public CrpTest {
 protected:
     bool Init(const std::string& content) {
         Sandbox::WriteFile(ConfigFile, content);
@@ -79,6 +82,31 @@ TEST_F(CrpLoaderConfig, ThatIsADirectoryIsAnError) {
     EXPECT_THAT(Recording::Logs(),
                 ElementsAre("[ERROR] Quolex Container Runtime: Failed to parse config file "
                             "'/userstorage1/container_rte/plugins/config.json'"));
+}
+
+TEST_F(CrpLoaderConfig, ThatCouldKeepItWaitingIsAnError) {
+    fs::create_directories(fs::path(ConfigFile).parent_path());
+    const dev_t noSuchDevice = makedev(240, 77);
+    for (const auto& [type, device] :
+         {std::pair<mode_t, dev_t>{S_IFIFO, 0}, {S_IFCHR, noSuchDevice}, {S_IFBLK, noSuchDevice}}) {
+        fs::remove(ConfigFile);
+        ASSERT_EQ(mknod(ConfigFile, type | 0600, device), 0);
+        Recording::Forget();
+
+        EXPECT_FALSE(_loader.init(ConfigFile));
+        EXPECT_THAT(Recording::Logs(),
+                    ElementsAre("[ERROR] Quolex Container Runtime: Failed to parse config file "
+                                "'/userstorage1/container_rte/plugins/config.json'"));
+    }
+}
+
+TEST_F(CrpLoaderConfig, MayHaveSixteenMebibytesAndNoMore) {
+    const std::string list = R"({"deactivated_plugins": [{"name": "a", "version": "1"}]})";
+    const std::string largest = list + std::string((16U << 20) - list.size(), ' ');
+
+    EXPECT_TRUE(Init(largest));
+    EXPECT_FALSE(Init(largest + " "));
+    EXPECT_THAT(Deactivated(_loader), ElementsAre("a 1"));
 }
 
 TEST_F(CrpLoaderConfig, WithoutAListDeactivatesNothing) {

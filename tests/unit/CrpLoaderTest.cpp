@@ -1,9 +1,11 @@
 #include "QxCRPLoader.h"
 #include "Recording.h"
 #include "Sandbox.h"
+#include "tests/crp/CrpTest.h"
 #include "tests/crp/FailingSystemCall.h"
 #include "tests/crp/LoopDevices.h"
 #include "tests/crp/PluginMaker.h"
+#include "tests/crp/RecordedOpens.h"
 
 #include <gmock/gmock.h>
 
@@ -29,7 +31,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-class CrpLoader : public testing::Test {
+class CrpLoader : public CrpTest {
 protected:
     CrpLoader() {
         Sandbox::WriteFile("/image/here", "in the image\n");
@@ -56,14 +58,24 @@ protected:
         return plugin;
     }
 
-    /// @return the log with the test's own names for its directory and for loop devices
-    std::vector<std::string> Logs() const {
-        std::vector<std::string> lines = Recording::Logs();
+    /// @return the lines with the test's own names for its directory and for loop devices
+    std::vector<std::string> InOwnNames(std::vector<std::string> lines) const {
         for (std::string& line : lines) {
             line = std::regex_replace(line, std::regex(_loop.Directory()), "/plugins");
             line = std::regex_replace(line, std::regex("/dev/loop[0-9]+"), "/dev/loopN");
         }
         return lines;
+    }
+    std::vector<std::string> Logs() const { return InOwnNames(Recording::Logs()); }
+
+    /// Mounts a plugin.
+    /// @return the files that were opened for that
+    std::vector<std::string> OpensOfMounting(const PluginInfo& plugin, bool succeeds) const {
+        bool isMounted = false;
+        const std::vector<std::string> opens =
+            RecordedOpens::During([&] { isMounted = _loader.mountPlugin(plugin, "/mnt/crp_x"); });
+        EXPECT_EQ(isMounted, succeeds);
+        return InOwnNames(opens);
     }
 
     /// Mounts and expects that it fails with this line and leaves nothing behind.
@@ -103,6 +115,33 @@ TEST_F(CrpLoader, MountsTheImageReadOnlyThroughADeviceThatEndsBeforeTheTrailer) 
     EXPECT_EQ(LoopDevices::Attribute(device, "autoclear"), "0");
     EXPECT_EQ(Sandbox::ReadFile("/sys/block/" + device + "/ro"), "1\n");
     EXPECT_EQ(Sandbox::OpenDescriptors(), before);
+}
+
+TEST_F(CrpLoader, OpensControlDeviceFileAndDeviceInThisOrderAndForNoProgramItStarts) {
+    EXPECT_THAT(OpensOfMounting(Plugin("x"), true),
+                ElementsAre("/dev/loop-control read-write", "/plugins/x.crp read", "/dev/loopN read"));
+}
+
+TEST_F(CrpLoader, OpensTheDeviceOnceMoreToReleaseIt) {
+    EXPECT_THAT(OpensOfMounting(Garbage("x"), false),
+                ElementsAre("/dev/loop-control read-write", "/plugins/x.crp read", "/dev/loopN read",
+                            "/dev/loopN read"));
+}
+
+TEST_F(CrpLoader, ConfiguresTheDeviceWithNothingButSizeAndReadOnlyFlag) {
+    EXPECT_TRUE(_loader.mountPlugin(Plugin("x"), "/mnt/crp_x"));
+
+    ASSERT_THAT(_loop.Bound(), SizeIs(1));
+    const int device = open(("/dev/" + _loop.Bound()[0]).c_str(), O_RDONLY | O_CLOEXEC);
+    loop_info64 info{};
+    ASSERT_EQ(ioctl(device, LOOP_GET_STATUS64, &info), 0);
+    close(device);
+    EXPECT_EQ(info.lo_offset, 0U);
+    EXPECT_EQ(info.lo_sizelimit, _image.size());
+    EXPECT_EQ(info.lo_flags, static_cast<std::uint32_t>(LO_FLAGS_READ_ONLY));
+    EXPECT_EQ(info.lo_file_name[0], 0);
+    EXPECT_EQ(info.lo_encrypt_type, 0U);
+    EXPECT_EQ(info.lo_encrypt_key_size, 0U);
 }
 
 TEST_F(CrpLoader, TellsTheDeviceConfigurationWhenVerbose) {
@@ -286,6 +325,19 @@ TEST_F(CrpLoader, SkipsWhatIsIncompatibleBeforeItLooksAtTheType) {
                 ElementsAre("[WARNING] Quolex Container Runtime: Skipping OS-incompatible plugin: x v1.0.0"));
 }
 
+TEST_F(CrpLoader, TellsOfWhatItSkipsTooWhenVerbose) {
+    PluginInfo plugin = Plugin("x");
+    plugin.osCompatible = false;
+    TheScript().logLevel = "DEBUG_VERBOSE";
+
+    _loader.loadPlugins({plugin});
+
+    EXPECT_THAT(Logs(),
+                ElementsAre("[DEBUG_VERBOSE] Quolex Container Runtime: Evaluating plugin 'x' v1.0.0 "
+                            "(priority=0, type=1, os_compatible=no)",
+                            "[WARNING] Quolex Container Runtime: Skipping OS-incompatible plugin: x v1.0.0"));
+}
+
 TEST_F(CrpLoader, NeverMountsAnotherType) {
     PluginInfo plugin = Plugin("x");
     plugin.header.pluginType = 2;
@@ -348,8 +400,15 @@ TEST_F(CrpLoader, ReportsAnInitCommandThatWasKilledAsMinusOne) {
 }
 
 TEST_F(CrpLoader, InitialisesInTheGivenOrderOneAfterTheOther) {
-    _loader.loadPlugins({Plugin("slow", "sleep 0.2; sh order.sh slow"), Plugin("quick", "order.sh quick"),
-                         Plugin("last", "order.sh last")});
+    std::vector<PluginInfo> plugins{Plugin("slow", "sleep 0.2; sh order.sh slow"),
+                                    Plugin("quick", "order.sh quick"), Plugin("last", "order.sh last")};
+    std::uint32_t priority = 30;
+    for (PluginInfo& plugin : plugins) {
+        plugin.header.initPriority = priority;
+        priority -= 10;
+    }
+
+    _loader.loadPlugins(plugins);
 
     EXPECT_EQ(Sandbox::ReadFile("/ran"), "slow\nquick\nlast\n");
     EXPECT_THAT(LoopDevices::Mounts(), ElementsAre("/mnt/crp_slow", "/mnt/crp_quick", "/mnt/crp_last"));

@@ -1,6 +1,7 @@
 #include "tests/crp/ScannerFixture.h"
 
 #include "Sandbox.h"
+#include "tests/crp/AsNobody.h"
 #include "tests/crp/FailingSystemCall.h"
 #include "tests/crp/PluginMaker.h"
 
@@ -13,7 +14,10 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
+#include <future>
+#include <sstream>
 #include <thread>
 
 using CRP::PluginInfo;
@@ -253,6 +257,93 @@ TEST_F(CrpScanner, PassesOverAFileInTheDirectorysPlace) {
                             "'/userstorage1/container_rte/plugins': Not a directory. Skipping"));
 }
 
+/// A level at which a directory that cannot be opened is told of, and entries are not.
+class CrpScannerDebug : public CrpScanner {
+protected:
+    CrpScannerDebug() { TheScript().logLevel = "DEBUG"; }
+};
+
+TEST_F(CrpScannerDebug, NamesADirectoryThatItMayNotRead) {
+    PluginMaker::Write(InUserDir("a.crp"), Trailer("a", "1.0.0"));
+    chmod(UserDir, 0);
+    const AsNobody nobody;
+
+    EXPECT_THAT(ScanUserDir(), IsEmpty());
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre("[DEBUG] Quolex Container Runtime: Cannot open plugin directory "
+                            "'/userstorage1/container_rte/plugins': Permission denied. Skipping"));
+}
+
+TEST_F(CrpScannerDebug, SkipsEntriesThatItMayNotLookAtWithoutAWord) {
+    PluginMaker::Write(InUserDir("a.crp"), Trailer("a", "1.0.0"));
+    chmod(UserDir, 0444);
+    const AsNobody nobody;
+
+    EXPECT_THAT(ScanUserDir(), IsEmpty());
+    EXPECT_THAT(Recording::Logs(), IsEmpty());
+}
+
+TEST_F(CrpScannerDebug, SkipsFilesThatItMayNotReadWithoutAWord) {
+    PluginMaker::Write(InUserDir("a.crp"), Trailer("a", "1.0.0"));
+    chmod(InUserDir("a.crp").c_str(), 0);
+    const AsNobody nobody;
+
+    EXPECT_THAT(ScanUserDir(), IsEmpty());
+    EXPECT_THAT(Recording::Logs(), IsEmpty());
+}
+
+TEST_F(CrpScannerDebug, TellsTheDirectorysErrorWhateverTheQueryOfTheLevelLeaves) {
+    TheScript().onEvent = [](const std::string&) { errno = EIO; };
+
+    ScanUserDir();
+
+    EXPECT_THAT(Recording::Logs(), ElementsAre(HasSubstr("': No such file or directory. Skipping")));
+}
+
+TEST_F(CrpScannerVerbose, ExaminesWhatIsNoRegularFileToo) {
+    fs::create_directories(InUserDir("directory"));
+    fs::create_symlink("nowhere", InUserDir("dangling"));
+    mkfifo(InUserDir("fifo").c_str(), 0600);
+
+    ScanUserDir();
+
+    const auto line = [](const std::string& name) {
+        return "[DEBUG_VERBOSE] Quolex Container Runtime: Examining directory entry '" + InUserDir(name) +
+               "'";
+    };
+    EXPECT_THAT(Recording::Logs(), UnorderedElementsAre(line("directory"), line("dangling"), line("fifo")));
+}
+
+/// @return how many bytes this process has read so far, without those of this answer
+std::uint64_t BytesRead() {
+    static std::uint64_t ofAnswers = 0;
+    const std::string answer = Sandbox::ReadFile("/proc/self/io");
+    std::istringstream fields(answer);
+    std::string key;
+    std::uint64_t read = 0;
+    fields >> key >> read;
+    EXPECT_EQ(key, "rchar:");
+    read -= ofAnswers;
+    ofAnswers += answer.size();
+    return read;
+}
+
+TEST_F(CrpScanner, ReadsNothingOfAPluginButItsTrailer) {
+    constexpr std::size_t Plugins = 7;
+    for (std::uint32_t i = 0; i < Plugins; ++i) {
+        PluginMaker::Write(InUserDir(Numbered("p", i)), Trailer(Numbered("n", i), "1"),
+                           std::string(100000, 'i'));
+    }
+    Sandbox::WriteFile(InUserDir("short"), std::string(2047, 'x'));
+    ScanUserDir();  // what is set up once does not count
+    const std::uint64_t before = BytesRead();
+
+    const std::size_t found = ScanUserDir().size();
+
+    EXPECT_EQ(BytesRead() - before, Plugins * 2048);
+    EXPECT_EQ(found, Plugins);
+}
+
 // --- Both directories ---
 
 TEST_F(CrpScanner, WithBothDirectoriesMissingForgetsTheLastScan) {
@@ -322,13 +413,38 @@ TEST_F(CrpScanner, ReadsEveryHeaderAfresh) {
     EXPECT_THAT(Labels(_scanner.scan()), ElementsAre("a 1.0.1"));
 }
 
+TEST_F(CrpScanner, AnswersWithThePreviousResultInTheMiddleOfAScan) {
+    PluginMaker::Write(InUserDir("a"), Trailer("old", "1"));
+    _scanner.scan();
+    PluginMaker::Write(InUserDir("a"), Trailer("new", "1"));
+    std::future<std::vector<PluginInfo>> listing;
+    std::future_status status = std::future_status::deferred;
+    TheScript().onEvent = [&](const std::string& event) {
+        if (event.find("Found  : new v1") != std::string::npos) {
+            listing = std::async(std::launch::async, [this] { return _scanner.getAllPlugins(); });
+            status = listing.wait_for(std::chrono::seconds(2));
+        }
+    };
+
+    _scanner.scan();
+
+    TheScript().onEvent = nullptr;
+    ASSERT_TRUE(listing.valid());
+    EXPECT_EQ(status, std::future_status::ready);
+    EXPECT_THAT(Labels(listing.get()), ElementsAre("old 1"));
+    EXPECT_THAT(Labels(_scanner.getAllPlugins()), ElementsAre("new 1"));
+}
+
 TEST_F(CrpScanner, AnswersQueriesDuringAScan) {
     PluginMaker::Write(InUserDir("a"), Trailer("a", "1.0.0"));
     _scanner.scan();
     std::thread reader([this] {
+        std::string name;
+        std::string version;
         for (int i = 0; i < 200; ++i) {
             EXPECT_TRUE(_scanner.pluginExists("a", "1.0.0"));
             EXPECT_EQ(_scanner.getAllPlugins().size(), 1U);
+            EXPECT_TRUE(_scanner.findPluginByFileName("a", name, version));
         }
     });
     for (int i = 0; i < 50; ++i) {

@@ -76,6 +76,15 @@ TEST(CrpVersion, IsReadFromTextThatEndsAtItsLastByte) {
     }
 }
 
+TEST(CrpVersion, BeginsWithANumberAlsoWhenThatIsNull) {
+    for (const char* text : {"0", "+0", "-0", " 0.0", "0x10", "7"}) {
+        EXPECT_TRUE(CRP::beginsWithNumber(text)) << text;
+    }
+    for (const char* text : {"", " ", "v1.2.3", "+", "- 1", "+-1", ".1"}) {
+        EXPECT_FALSE(CRP::beginsWithNumber(text)) << text;
+    }
+}
+
 struct OrderCase {
     const char* newer;
     const char* older;
