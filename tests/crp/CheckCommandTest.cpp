@@ -218,6 +218,49 @@ TEST_F(CrpCheck, SeesThatTheImageIsNoneOrLongerThanTheDevice) {
     EXPECT_THAT(OnlyFile(Check({"/user/short"}))["problems"].dump(), HasSubstr("imageSize says 100"));
 }
 
+TEST_F(CrpCheck, SeesAnImageWhoseEndLiesBeyondTheLastWholeSector) {
+    const std::string image = PluginMaker::ImageOf("/content", "-nopad");
+    ASSERT_NE(image.size() % 512, 0U);
+    CrpPluginHeader trailer = Trailer("a", "1");
+    trailer.imageSize = image.size();
+    PluginMaker::Write("/user/odd", trailer, image);
+    trailer.imageSize = image.size() / 512 * 512 + 512;
+    PluginMaker::Write("/user/even", trailer, image + std::string(trailer.imageSize - image.size(), '\0'));
+
+    const Result odd = Check({"/user/odd"});
+
+    EXPECT_EQ(odd.exitCode, 1);
+    EXPECT_EQ(OnlyFile(odd)["problems"].at(0),
+              "the image is cut off: its file system has " + std::to_string(image.size()) +
+                  " bytes, imageSize says " + std::to_string(image.size()) +
+                  ", of which a loop device shows " + std::to_string(image.size() / 512 * 512));
+    EXPECT_EQ(Check({"/user/even"}).exitCode, 0);
+}
+
+TEST_F(CrpCheck, SeesThatAnImageWithoutASizeReachesIntoTheTrailer) {
+    const std::string image = PluginMaker::ImageOf("/content", "-nopad");
+    PluginMaker::Write("/user/cut", Trailer("a", "1"), image.substr(0, image.size() - 1));
+    PluginMaker::Write("/user/just", Trailer("a", "1"), image);
+
+    const Result cut = Check({"/user/cut"});
+
+    EXPECT_EQ(cut.exitCode, 1);
+    EXPECT_EQ(OnlyFile(cut)["problems"].at(0),
+              "the image is cut off: its file system has " + std::to_string(image.size()) +
+                  " bytes, the file has " + std::to_string(image.size() - 1) + " in front of its trailer");
+    EXPECT_EQ(Check({"/user/just"}).exitCode, 0);
+}
+
+TEST_F(CrpCheck, LooksIntoAFileWhoseNameBeginsWithADash) {
+    Install("/user/-a", Trailer("a", "1"), "setup.sh");
+    fs::current_path("/user");
+
+    const Result result = Check({"--", "-a"});
+
+    EXPECT_EQ(result.exitCode, 0) << result.output << result.errors;
+    EXPECT_THAT(Verdicts(result), ElementsAre("-a load 1"));
+}
+
 TEST_F(CrpCheck, LooksForTheInitCommandsFileInTheImage) {
     for (const char* fine :
          {"", "setup.sh --fast", "./setup.sh", "bin/program x", "bin/../setup.sh", "./bin/plain", "echo hi",
@@ -281,6 +324,8 @@ TEST_F(CrpCheck, ReportsFlawsOfTheConfiguration) {
     EXPECT_EQ(checkWith("no json").exitCode, 1);
     EXPECT_EQ(checkWith(R"({"deactivated_plugins": [7]})").exitCode, 1);
     EXPECT_EQ(checkWith("{}").exitCode, 0);
+    mkfifo("/run/fifo", 0600);
+    EXPECT_EQ(Check({"/user/a", "--deactivated", "/run/fifo"}).exitCode, 1);
     const Result unused = checkWith(R"({"deactivated_plugins": [{"name": "a", "version": "1.2"}]})");
     EXPECT_EQ(unused.exitCode, 0);
     EXPECT_THAT(unused.Json()["notes"].dump(), HasSubstr("which none of the files is"));

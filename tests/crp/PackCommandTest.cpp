@@ -6,14 +6,18 @@
 
 #include <gmock/gmock.h>
 
+#include <pty.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <array>
 #include <csignal>
 #include <filesystem>
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::StartsWith;
 using ToolRun::Result;
 using ToolRun::RunTool;
@@ -145,6 +149,45 @@ TEST_F(CrpPack, SaysOneLineWhenNobodyWatches) {
     EXPECT_EQ(result.errors, "");
 }
 
+/// Runs the tool with its standard error on a terminal.
+/// @return what the terminal shows
+std::string ShownOnATerminal(const std::vector<std::string>& arguments) {
+    int terminal = -1;
+    const pid_t tool = forkpty(&terminal, nullptr, nullptr, nullptr);
+    if (tool == 0) {
+        ToolRun::WriteInto(ToolRun::OutputFile, STDOUT_FILENO);
+        ToolRun::Become(arguments);
+    }
+    std::string shown;
+    std::array<char, 256> piece;
+    for (ssize_t length; (length = read(terminal, piece.data(), piece.size())) > 0;) {
+        shown.append(piece.data(), static_cast<std::size_t>(length));
+    }
+    close(terminal);
+    ToolRun::Finish(tool);
+    return shown;
+}
+
+TEST_F(CrpPack, ShowsOnATerminalHowFarItIsAndTakesThatAwayAtTheEnd) {
+    MakeImage();
+    fs::resize_file("/image", 4U << 20);
+
+    EXPECT_EQ(ShownOnATerminal(Arguments({"--image", "/image"})), "\r 25 %\r 50 %\r 75 %\r100 %\r      \r");
+    EXPECT_THAT(Results(), ElementsAre("plugin.crp"));
+}
+
+TEST_F(CrpPack, LetsMksquashfsShowItsProgressOnATerminalOnly) {
+    Sandbox::InstallProgram("/fake/mksquashfs", "exit 4");
+    setenv("PATH", "/fake:/usr/bin:/bin", 1);
+
+    ShownOnATerminal(Arguments({"--dir", "/content"}));
+    RunTool(Arguments({"--dir", "/content"}));
+
+    ASSERT_EQ(Sandbox::Calls().size(), 2U);
+    EXPECT_THAT(Sandbox::Calls()[0].arguments, Not(Contains("-no-progress")));
+    EXPECT_THAT(Sandbox::Calls()[1].arguments, Contains("-no-progress"));
+}
+
 TEST_F(CrpPack, TakesTextsThatFillTheirFieldUpToTheNul) {
     ASSERT_EQ(PackWith(std::string(63, 'n'), std::string(31, '1'),
                        {"--os", std::string(671, 'o'), "--init", std::string(383, 'i')})
@@ -220,6 +263,17 @@ TEST_F(CrpPack, ReplacesNothingButRegularFiles) {
         RunTool({"pack", "--name", "n", "--version", "1", "--dir", "/content", "-o", "/none/x"}).exitCode, 3);
 }
 
+TEST_F(CrpPack, RefusesALinkThatLeadsNowhere) {
+    fs::create_symlink("/none/real.crp", Output);
+
+    const Result result = RunTool(Arguments({"--dir", "/content"}));
+
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_EQ(result.errors, "crp: '/out/plugin.crp' is a link that leads nowhere; remove it\n");
+    EXPECT_TRUE(fs::is_symlink(Output));
+    EXPECT_THAT(Results(), ElementsAre("plugin.crp"));
+}
+
 TEST_F(CrpPack, ReplacesTheFileBehindALink) {
     Sandbox::WriteFile("/elsewhere/real.crp", "old");
     fs::create_symlink("/elsewhere/real.crp", Output);
@@ -239,6 +293,22 @@ TEST_F(CrpPack, WarnsOfWhatABoardSeesOtherwise) {
     EXPECT_THAT(result.errors, HasSubstr("boards load no plugin of type 2"));
 }
 
+TEST_F(CrpPack, DoesNotWarnOfVersionsThatBeginWithANumber) {
+    for (const char* version : {"0", "+0", "-0", " 0.0", "-1", "0x1"}) {
+        const Result result = RunTool({"pack", "--name", "n", std::string("--version=") + version, "-o",
+                                       Output, "--dir", "/content", "--json"});
+
+        EXPECT_EQ(result.exitCode, 0) << version << result.errors;
+        EXPECT_EQ(result.Json()["warnings"].dump(), "[]") << version;
+    }
+    for (const char* version : {"v0", "+", "- 0", ".0", " "}) {
+        const Result result = RunTool({"pack", "--name", "n", std::string("--version=") + version, "-o",
+                                       Output, "--dir", "/content", "--json"});
+
+        EXPECT_EQ(result.Json()["warnings"].size(), 1U) << version;
+    }
+}
+
 TEST_F(CrpPack, SaysWhatIsMissingWithoutMksquashfs) {
     setenv("PATH", "/empty-path", 1);
 
@@ -254,6 +324,19 @@ TEST_F(CrpPack, KeepsTheOldFileWhenMksquashfsFails) {
 
     EXPECT_EQ(result.exitCode, 3);
     EXPECT_EQ(result.errors, "broken\ncrp: mksquashfs could not pack '/content'; it exited with 4\n");
+    EXPECT_EQ(Sandbox::ReadFile(Output), "old");
+    EXPECT_THAT(Results(), ElementsAre("plugin.crp"));
+}
+
+TEST_F(CrpPack, KeepsTheOldFileWhenMksquashfsIsKilled) {
+    Sandbox::InstallProgram("/fake/mksquashfs", "kill -9 $$");
+    setenv("PATH", "/fake:/usr/bin:/bin", 1);
+    Sandbox::WriteFile(Output, "old");
+
+    const Result result = RunTool(Arguments({"--dir", "/content"}));
+
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_EQ(result.errors, "crp: mksquashfs could not pack '/content'; it was ended by signal 9\n");
     EXPECT_EQ(Sandbox::ReadFile(Output), "old");
     EXPECT_THAT(Results(), ElementsAre("plugin.crp"));
 }

@@ -44,10 +44,12 @@ inline void Write(const std::string& path, const CrpPluginHeader& trailer, const
     Sandbox::WriteFile(path, image + Bytes(trailer));
 }
 
+/// @param options  more options of mksquashfs
 /// @return a squashfs image of a directory
-inline std::string ImageOf(const std::string& directory) {
+inline std::string ImageOf(const std::string& directory, const std::string& options = {}) {
     const std::string file = directory + ".squashfs";
-    const std::string command = "mksquashfs " + directory + " " + file + " -noappend -quiet -no-progress >&2";
+    const std::string command =
+        "mksquashfs " + directory + " " + file + " -noappend -quiet -no-progress " + options + " >&2";
     if (std::system(command.c_str()) != 0) {
         std::abort();
     }

@@ -1,10 +1,13 @@
 #include "Sandbox.h"
+#include "tests/crp/FailingSystemCall.h"
 #include "tests/crp/PluginMaker.h"
 #include "tests/crp/ToolRun.h"
 
 #include <gmock/gmock.h>
 
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <cerrno>
 
 using testing::HasSubstr;
 using ToolRun::Result;
@@ -95,10 +98,32 @@ TEST(CrpShow, FailsForWhatCannotBeRead) {
     EXPECT_EQ(RunTool({"show"}).exitCode, 2);
 }
 
+TEST(CrpShow, MeasuresTheFileThatItRead) {
+    PluginMaker::Write("/run/p.crp", Example(), "0123456789");
+    constexpr FailingArgument OfAPath{3, 0};
+    FailSystemCall(SYS_newfstatat, ENOENT, OfAPath);
+
+    const Result result = RunTool({"show", "/run/p.crp"});
+
+    EXPECT_EQ(result.exitCode, 0) << result.errors;
+    EXPECT_THAT(result.output, HasSubstr("file size      2058 bytes\n"));
+}
+
+TEST(CrpTool, FailsWhenItCannotTellItsResult) {
+    PluginMaker::Write("/run/p.crp", Example(), "0123456789");
+
+    const Result result = ToolRun::Finish(ToolRun::Start({"show", "/run/p.crp"}, 0, "/dev/full"));
+
+    EXPECT_EQ(result.exitCode, 3);
+    EXPECT_EQ(result.errors, "crp: cannot write the result: No space left on device\n");
+}
+
 TEST(CrpTool, ExplainsItsExitCodes) {
-    for (const char* command : {"pack", "show", "check"}) {
-        const Result result = RunTool({command, "--help"});
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"--help"}, {"pack", "--help"}, {"show", "--help"}, {"check", "--help"}}) {
+        const Result result = RunTool(arguments);
         EXPECT_EQ(result.exitCode, 0);
+        EXPECT_EQ(result.errors, "");
         EXPECT_THAT(result.output, HasSubstr("Exit codes:"));
     }
     EXPECT_EQ(RunTool({}).exitCode, 2);

@@ -22,24 +22,37 @@ struct Result {
     QxNJson::json Json() const { return QxNJson::json::parse(output); }
 };
 
+constexpr const char* OutputFile = "/run/tool.out";
+
+inline void WriteInto(const char* path, int descriptor) {
+    dup2(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600), descriptor);
+}
+
+/// Becomes the tool.
+[[noreturn]] inline void Become(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "crp");
+    std::vector<char*> words;
+    for (std::string& argument : arguments) {
+        words.push_back(argument.data());
+    }
+    words.push_back(nullptr);
+    execv(QX_CRP_TOOL, words.data());
+    _exit(127);
+}
+
 /// Starts the tool with its outputs in files.
 /// @param pendingSignal  signal that it gets before it runs; 0: none
-inline pid_t Start(std::vector<std::string> arguments, int pendingSignal = 0) {
+/// @param output         where its standard output goes
+inline pid_t Start(const std::vector<std::string>& arguments, int pendingSignal = 0,
+                   const char* output = OutputFile) {
     const pid_t child = fork();
     if (child == 0) {
-        dup2(open("/run/tool.out", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
-        dup2(open("/run/tool.err", O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-        std::string name = "crp";
-        std::vector<char*> words{name.data()};
-        for (std::string& argument : arguments) {
-            words.push_back(argument.data());
-        }
-        words.push_back(nullptr);
+        WriteInto(output, STDOUT_FILENO);
+        WriteInto("/run/tool.err", STDERR_FILENO);
         if (pendingSignal != 0) {
             raise(pendingSignal);
         }
-        execv(QX_CRP_TOOL, words.data());
-        _exit(127);
+        Become(arguments);
     }
     return child;
 }
@@ -48,7 +61,7 @@ inline Result Finish(pid_t child) {
     int status = 0;
     waitpid(child, &status, 0);
     return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, WIFSIGNALED(status) ? WTERMSIG(status) : 0,
-            Sandbox::ReadFile("/run/tool.out"), Sandbox::ReadFile("/run/tool.err")};
+            Sandbox::ReadFile(OutputFile), Sandbox::ReadFile("/run/tool.err")};
 }
 
 inline Result RunTool(const std::vector<std::string>& arguments) { return Finish(Start(arguments)); }

@@ -30,7 +30,7 @@ void Fail(Finding& finding, const char* what) {
 
 void ReadInto(Finding& finding) {
     CrpPluginHeader& header = finding.plugin.header;
-    switch (CRP::readPluginFile(finding.plugin.path, header)) {
+    switch (CRP::readPluginFile(finding.plugin.path, header, &finding.fileSize)) {
         case CRP::PluginFileStatus::Plugin:
             finding.isPlugin = true;
             break;

@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <set>
 
 namespace fs = std::filesystem;
@@ -47,12 +46,12 @@ void Collect(const std::string& path, Report& report) {
 
 CRP::DeactivationList ReadDeactivations(const std::string& path, Report& report) {
     CRP::DeactivationList list;
-    std::ifstream file(path);
-    if (!file || fs::is_directory(path)) {
+    QxNJson::json config;
+    const CRP::ConfigStatus status = CRP::readConfigFile(path, config);
+    if (status == CRP::ConfigStatus::CannotOpen || fs::is_directory(path)) {
         throw ToolError(ExitCode::InputOutput, "cannot read --deactivated '" + path + "'; is it a file?");
     }
-    const QxNJson::json config = QxNJson::json::parse(file);
-    if (config.is_invalid()) {
+    if (status == CRP::ConfigStatus::NoJson) {
         report.problems.push_back(Quoted(path) +
                                   " is no JSON: a board would deactivate nothing and refuse to edit it");
     } else if (!CRP::hasDeactivationList(config)) {

@@ -4,10 +4,12 @@
 #include "TrailerText.h"
 #include "crp/InitCommand.h"
 #include "crp/PluginHeader.h"
+#include "support/UniqueFd.h"
 
-#include <array>
+#include <fcntl.h>
 #include <filesystem>
-#include <fstream>
+
+using QxNSupport::UniqueFd;
 
 namespace {
 
@@ -25,20 +27,31 @@ std::string InitFile(const std::string& initCommand) {
     return path == "." || path.starts_with("..") ? std::string() : path;
 }
 
+/// @return how much of the file's start the board finds there, and in words why
+std::pair<std::uint64_t, std::string> Available(const BoardView::Finding& finding) {
+    constexpr std::uint64_t Sector = 512;  // loop devices end at a whole one
+    const std::uint64_t imageSize = finding.plugin.header.imageSize;
+    if (imageSize == 0) {  // the device shows the trailer too
+        const std::uint64_t inFront = finding.fileSize - CRP_HEADER_SIZE;
+        return {inFront, "the file has " + std::to_string(inFront) + " in front of its trailer"};
+    }
+    const std::uint64_t shown = imageSize / Sector * Sector;
+    return {shown, "imageSize says " + std::to_string(imageSize) + ", of which a loop device shows " +
+                       std::to_string(shown)};
+}
+
 /// @return whether the start of the file is a whole squashfs image
 bool CheckSuperblock(BoardView::Finding& finding) {
-    std::array<char, SquashfsImage::SuperblockSize> start{};
-    std::ifstream file(finding.plugin.path, std::ios::binary);
-    file.read(start.data(), start.size());
-    const auto used = SquashfsImage::BytesUsed({start.data(), static_cast<std::size_t>(file.gcount())});
+    const UniqueFd file(open(finding.plugin.path.c_str(), O_RDONLY | O_CLOEXEC));
+    const std::optional<std::uint64_t> used = SquashfsImage::BytesUsed(file.Get());
     if (!used) {
         finding.problems.push_back("the mount will fail: the file does not begin with a squashfs image");
         return false;
     }
-    const std::uint64_t imageSize = finding.plugin.header.imageSize;
-    if (imageSize != 0 && *used > imageSize) {
+    const auto [available, why] = Available(finding);
+    if (*used > available) {
         finding.problems.push_back("the image is cut off: its file system has " + std::to_string(*used) +
-                                   " bytes, imageSize says " + std::to_string(imageSize));
+                                   " bytes, " + why);
         return false;
     }
     return true;

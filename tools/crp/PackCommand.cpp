@@ -14,7 +14,6 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <array>
 #include <cstdio>
 #include <filesystem>
 #include <vector>
@@ -107,11 +106,8 @@ UniqueFd OpenImage(const std::string& path, std::uint64_t& size) {
     return image;
 }
 
-void CheckImage(const UniqueFd& image, const std::string& path, std::uint64_t size) {
-    std::array<char, SquashfsImage::SuperblockSize> start{};
-    const ssize_t count = pread(image.Get(), start.data(), start.size(), 0);
-    const std::optional<std::uint64_t> used =
-        SquashfsImage::BytesUsed({start.data(), count > 0 ? static_cast<std::size_t>(count) : 0});
+void RefuseBrokenImage(const UniqueFd& image, const std::string& path, std::uint64_t size) {
+    const std::optional<std::uint64_t> used = SquashfsImage::BytesUsed(image.Get());
     if (!used) {
         throw ToolError(ExitCode::Problem,
                         "--image '" + path + "' is no squashfs image, which is all that a board " +
@@ -128,7 +124,7 @@ void CopyImage(const PackOptions& options, OutputFile& output, const Interruptio
     std::uint64_t size = 0;
     const UniqueFd image = OpenImage(options.image, size);
     if (options.type == CRP_PLUGIN_TYPE_SQUASHFS) {
-        CheckImage(image, options.image, size);
+        RefuseBrokenImage(image, options.image, size);
     }
     Progress progress(size);
     std::vector<char> block(1U << 20);

@@ -7,17 +7,16 @@
 #include "crp/PluginSelection.h"
 #include "crp/PluginVersion.h"
 
-#include <sys/stat.h>
 #include <cstdio>
 
 namespace {
 
-CrpPluginHeader ReadTrailer(const std::string& file) {
+CrpPluginHeader ReadTrailer(const std::string& file, std::uint64_t& fileSize) {
     CrpPluginHeader trailer{};
     const auto refuse = [&](const char* reason) {
         throw ToolError(ExitCode::Problem, "'" + file + "' " + reason);
     };
-    switch (CRP::readPluginFile(file, trailer)) {
+    switch (CRP::readPluginFile(file, trailer, &fileSize)) {
         case CRP::PluginFileStatus::CannotOpen:
             ThrowSystemError("cannot open '" + file + "'");
         case CRP::PluginFileStatus::CannotRead:
@@ -100,12 +99,8 @@ void PrintJson(const std::string& file, const CrpPluginHeader& trailer, std::uin
 }  // namespace
 
 int Show(const ShowOptions& options) {
-    const CrpPluginHeader trailer = ReadTrailer(options.file);
-    struct stat status {};
-    if (stat(options.file.c_str(), &status) != 0) {
-        ThrowSystemError("cannot measure '" + options.file + "'");
-    }
-    const auto fileSize = static_cast<std::uint64_t>(status.st_size);
+    std::uint64_t fileSize = 0;
+    const CrpPluginHeader trailer = ReadTrailer(options.file, fileSize);
     if (options.json) {
         PrintJson(options.file, trailer, fileSize);
     } else {

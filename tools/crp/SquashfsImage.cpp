@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 
 namespace SquashfsImage {
@@ -44,13 +45,16 @@ std::string_view SkipField(std::string_view text) {
 
 }  // namespace
 
-std::optional<std::uint64_t> BytesUsed(std::string_view bytes) {
+std::optional<std::uint64_t> BytesUsed(int file) {
+    constexpr std::size_t SuperblockSize = 96;
     constexpr std::size_t BytesUsedOffset = 40;
-    if (bytes.size() < SuperblockSize || !bytes.starts_with("hsqs")) {
+    std::array<char, SuperblockSize> superblock{};
+    if (pread(file, superblock.data(), SuperblockSize, 0) != ssize_t{SuperblockSize} ||
+        !std::string_view(superblock.data(), SuperblockSize).starts_with("hsqs")) {
         return std::nullopt;
     }
     std::uint64_t used = 0;
-    memcpy(&used, bytes.data() + BytesUsedOffset, sizeof(used));
+    memcpy(&used, superblock.data() + BytesUsedOffset, sizeof(used));
     return used;
 }
 
@@ -82,8 +86,10 @@ LookupResult Find(const std::string& file, const std::string& path) {
         return {Lookup::NoTool};
     }
     LookupResult result{Lookup::Missing};
+    // A path that begins with a dash would be taken for an option.
+    const std::string absolute = std::filesystem::absolute(file);
     const Programs::ReadProgram listing =
-        Programs::StartForReading(*program, {"unsquashfs", "-lls", "-d", "", file});
+        Programs::StartForReading(*program, {"unsquashfs", "-lls", "-d", "", absolute});
     ForEachLine(listing.output.Get(), [&](std::string_view line) {
         std::string listed;
         const std::optional<Entry> entry = ParseListingLine(line, listed);

@@ -8,12 +8,9 @@
 /// What the tool has to know of squashfs images.
 namespace SquashfsImage {
 
-/// Number of bytes at the start of an image that carry what BytesUsed() needs.
-inline constexpr std::size_t SuperblockSize = 96;
-
-/// @param bytes  the start of a file
+/// @param file  descriptor of a file that begins with an image
 /// @return the number of bytes that the file system occupies; nothing when it is no squashfs
-std::optional<std::uint64_t> BytesUsed(std::string_view bytes);
+std::optional<std::uint64_t> BytesUsed(int file);
 
 /// An entry of an image.
 struct Entry {

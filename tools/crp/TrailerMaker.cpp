@@ -48,7 +48,7 @@ CrpPluginHeader MakeTrailer(const PackOptions& options, std::uint64_t imageSize)
 
 std::vector<std::string> DoubtsAbout(const PackOptions& options) {
     std::vector<std::string> doubts;
-    if (CRP::parseVersion(options.version) == CRP::PluginVersion{} && !options.version.starts_with('0')) {
+    if (!CRP::beginsWithNumber(options.version)) {
         doubts.push_back(
             "the version does not begin with a number, so it counts as 0.0.0 beside others of this name");
     }
