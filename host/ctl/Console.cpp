@@ -5,6 +5,7 @@
 
 #include <unistd.h>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -37,6 +38,11 @@ const char* CodeOf(Style style) {
 }
 
 [[noreturn]] void FailToWrite() {
+    if (errno == EPIPE) {
+        // Who reads has enough, such as head(1): the end that programs have then, also while the signal is ignored.
+        std::signal(SIGPIPE, SIG_DFL);
+        raise(SIGPIPE);
+    }
     throw CtlError(ExitCode::Failed, std::string("cannot write the result: ") + strerror(errno));
 }
 

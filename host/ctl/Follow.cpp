@@ -9,6 +9,9 @@
 
 namespace {
 
+/// After a connection that held so long, the next attempt comes soon again.
+constexpr std::chrono::seconds LastingConnection{10};
+
 /// Whether something that went wrong may be right again by itself.
 bool MayPass(const CtlError& error) {
     return error.GetExitCode() == ExitCode::Unreachable ||
@@ -25,6 +28,9 @@ public:
             if (!_isOutageTold) {
                 Tell("the connection is lost; trying again");
                 _isOutageTold = true;
+            }
+            if (Clock::now() - _connectedAt >= LastingConnection) {
+                _pause.Reset();
             }
             std::this_thread::sleep_for(_pause.Next());
         }
@@ -45,7 +51,6 @@ private:
             const QxNJson::json message = Answers::Parse(*text, "a message");
             switch (_followed.Show(message)) {
                 case Followed::Next::GoOn:
-                    _pause.Reset();
                     break;
                 case Followed::Next::ConnectAgain:
                     return true;
@@ -61,6 +66,7 @@ private:
         try {
             auto channel = OpenLiveChannel(_endpoint, _followed.Target());
             _wasConnected = true;
+            _connectedAt = Clock::now();
             _followed.OnConnected();
             return channel;
         } catch (const CtlError& error) {
@@ -71,9 +77,12 @@ private:
         }
     }
 
+    using Clock = std::chrono::steady_clock;
+
     const Endpoint& _endpoint;
     Followed& _followed;
     Backoff _pause;
+    Clock::time_point _connectedAt{};
     bool _wasConnected = false;
     bool _isOutageTold = false;
 };

@@ -173,7 +173,7 @@ constexpr const char* Examples =
     "qxctl logs --tail all -t clock       # all lines, each with its time\n"
     "qxctl logs -f clock                  # live, until Ctrl-C\n"
     "qxctl logs -f --tail 0 --stderr clock\n"
-    "qxctl logs --delay --lines 20 clock  # how long 20 lines take to arrive\n"
+    "qxctl logs --delay --tail 0 clock    # how long new lines take to arrive\n"
     "qxctl logs -f --json clock | jq -r .text";
 
 }  // namespace

@@ -368,7 +368,25 @@ TEST_F(CtlLogs, ShowsLiveLinesOnATerminalWithColoursOnly) {
               "\x1b[1;32mgreen\x1b[0m\nqxctl: clock: \uFFFD[2J\n");
 }
 
-TEST_F(CtlLogs, EndsWhenNobodyReads) {
+TEST_F(CtlLogs, EndsQuietlyWhenTheReaderHasEnough) {
+    daemon.On("GET /containers/clock/logs?tail=all", {200, std::string(50'000'000, '\n'), "text/plain"});
+    daemon.OnLive("/containers/clock/logs?tail=100", [](ScriptedDaemon::Live& live) {
+        for (int i = 0; i < 20000; ++i) {
+            live.Send(Lines({Line(1, "stdout", "one")}));
+        }
+        live.WaitForEnd();
+    });
+
+    for (const char* command : {"logs --tail all clock", "logs -f clock"}) {
+        Sandbox::WriteFile("/run/script", "(" QXCTL_PROGRAM " " + std::string(command) +
+                                              "; echo $? >/run/code) 2>/run/ctl.err | head -1 >/dev/null\n");
+        EXPECT_EQ(std::system("sh /run/script"), 0);
+        EXPECT_EQ(CtlRun::Errors(), "");
+        EXPECT_EQ(Sandbox::ReadFile("/run/code"), "141\n");
+    }
+}
+
+TEST_F(CtlLogs, FailsWhenItCannotWrite) {
     LiveForEver("tail=100", {Lines({Line(1, "stdout", "one")})});
     Sandbox::WriteFile("/run/script", std::string(QXCTL_PROGRAM) + " logs -f clock > /dev/full\n");
 
