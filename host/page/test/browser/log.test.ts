@@ -357,10 +357,20 @@ describe("a flood", () => {
         expect(lines).toBeGreaterThan(1000);
         expect(lines).toBeLessThanOrEqual(50_000);
         expect(heap).toBeLessThan(150_000_000);
-        const begin = Date.now();
-        await page.getByRole("button", { name: "Pause" }).click();
-        await page.getByRole("button", { name: "Paused" }).waitFor();
-        expect(Date.now() - begin).toBeLessThan(3000);
+        // measured in the page: on a busy machine the way of a click from here to there takes longer than all else
+        const obeyed = await page.evaluate(async () => {
+            const begin = performance.now();
+            const pause = [...document.querySelectorAll("button")].find(
+                (button) => button.textContent === "Pause",
+            );
+            pause?.click();
+            while (pause?.getAttribute("aria-pressed") !== "true") {
+                await new Promise(requestAnimationFrame);
+            }
+            return performance.now() - begin;
+        });
+        console.log(`flood: paused after ${Math.round(obeyed)} ms`);
+        expect(obeyed).toBeLessThan(2000);
         const before = await logRows(page);
         await page.waitForTimeout(1500);
         expect(await logRows(page)).toEqual(before);
