@@ -112,7 +112,7 @@ const firstState = () => ({
         { name: "clock", image: "localhost/busybox:1", state: "running", project: "", ports: [] },
         {
             name: "demo-web-1",
-            image: "registry.plant.example/web/frontend:2.14.3",
+            image: "plant.example/web/frontend:2.14.3",
             state: "running",
             project: "demo",
             ports: ["0.0.0.0:8080->80/tcp", "0.0.0.0:8443->443/tcp"],
@@ -144,7 +144,7 @@ const firstState = () => ({
         },
         {
             id: hex(41),
-            names: ["registry.plant.example/web/frontend:2.14.3", "localhost/web:latest"],
+            names: ["plant.example/web/frontend:2.14.3", "localhost/web:latest"],
             size: 182_402_345,
             created: "2026-09-11T08:30:00Z",
             containers: 1,
