@@ -76,6 +76,8 @@ void PodmanLog::Start() {
     // As it comes, with the frames' marks.
     _session->tty = true;
     try {
+        // The thread may be done, and somebody wait for it, before it is even noted here.
+        const std::lock_guard lock(_threadMutex);
         _thread = std::thread([this] { Run(); });
     } catch (...) {
         _service.UnregisterLogStreamSession(&_receiver);
@@ -94,6 +96,7 @@ void PodmanLog::Stop() {
 }
 
 void PodmanLog::Join() {
+    const std::lock_guard lock(_threadMutex);
     if (_thread.joinable()) {
         _thread.join();
     }

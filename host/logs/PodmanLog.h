@@ -91,6 +91,7 @@ private:
     const std::function<void()> _done;
     Receiver _receiver;
     std::shared_ptr<QxNContainer::QxCContainer::QxSLogStreamSession> _session;
+    std::mutex _threadMutex;
     std::thread _thread;
     std::mutex _stopMutex;
     std::condition_variable _stopCondition;
