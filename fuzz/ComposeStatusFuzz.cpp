@@ -1,5 +1,6 @@
 // Any bytes as the tool's container lists before and after a command.
 
+#include "Support.h"
 #include "compose/ComposeStatus.h"
 
 #include <cstddef>
@@ -7,15 +8,10 @@
 #include <cstdlib>
 #include <string>
 
+using Fuzz::Require;
 using QxNJson::json;
 
 namespace {
-
-void Require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 /// @return whether the text is a list; everything else is a parse error, or a number beyond all bounds
 bool Read(const std::string& toolOutput, json& list) {

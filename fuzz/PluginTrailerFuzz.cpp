@@ -1,12 +1,11 @@
 // Any bytes as a plugin file: what the reader and the rules make of it, and that they stay inside the trailer.
 
+#include "Support.h"
 #include "crp/InitCommand.h"
 #include "crp/PluginFile.h"
 #include "crp/PluginHeader.h"
 #include "crp/PluginSelection.h"
 
-#include <sys/mman.h>
-#include <unistd.h>
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -18,26 +17,8 @@
 namespace {
 
 using namespace CRP;
-
-void Require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
-
-/// A file in memory, written anew for every input.
-class MemoryFile {
-public:
-    MemoryFile() : _file(memfd_create("plugin", MFD_CLOEXEC)) { Require(_file >= 0); }
-    void Write(const std::uint8_t* data, std::size_t size) const {
-        Require(ftruncate(_file, 0) == 0);
-        Require(pwrite(_file, data, size, 0) == static_cast<ssize_t>(size));
-    }
-    std::string Path() const { return "/proc/self/fd/" + std::to_string(_file); }
-
-private:
-    int _file;
-};
+using Fuzz::MemoryFile;
+using Fuzz::Require;
 
 PluginFileStatus ExpectedStatus(const std::uint8_t* data, std::size_t size) {
     if (size < CRP_HEADER_SIZE) {

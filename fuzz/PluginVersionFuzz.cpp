@@ -1,5 +1,6 @@
 // Any text as a plugin version, against the C library's scan with the same format.
 
+#include "Support.h"
 #include "crp/PluginVersion.h"
 
 #include <array>
@@ -14,13 +15,8 @@ namespace {
 
 using CRP::parseVersion;
 using CRP::PluginVersion;
+using Fuzz::Require;
 using Limits = std::numeric_limits<std::int32_t>;
-
-void Require(bool holds) {
-    if (!holds) {
-        abort();
-    }
-}
 
 /// The C library leaves numbers beyond the type undefined, so it is asked for a type that none of a version's
 /// texts goes beyond; longer digit runs are not compared.
