@@ -182,6 +182,11 @@ TEST_F(ComposeOnBoard, NamesThatAreNoFilesRunNothing) {
               Result(4, "Error",
                      "Checking compose YAML file failed: file '/userstorage1/container_rte/"
                      "utilities/compose-files/web.yaml' is not existing."));
+    const std::string tooLong(4096, 'n');
+    EXPECT_EQ(Do(Remove, tooLong.c_str()), Result(4, "Error",
+                                                  "Checking compose YAML file failed: file '" +
+                                                      COMPOSE_FILES_PATH + tooLong + "' is not existing."));
+    EXPECT_FALSE(std::filesystem::exists("/tmp/called"));
 }
 
 TEST_F(ComposeOnBoard, AnImageThatIsNowhereFailsSoon) {

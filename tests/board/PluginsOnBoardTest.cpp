@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 #include <algorithm>
+#include <map>
 
 namespace fs = std::filesystem;
 using namespace OnBoard;
@@ -34,14 +35,32 @@ protected:
         fs::create_directories(CRP::SYSTEM_PLUGIN_DIR);
     }
 
-    /// Loads all plugins as the service does at its start. No child and no descriptor may be left by it.
+    /// @return how many loop devices are bound to each file in the plugin directories
+    static std::map<std::string, std::size_t> Devices() {
+        std::map<std::string, std::size_t> devices;
+        for (const char* directory : {PLUGINS_DIR.c_str(), CRP::SYSTEM_PLUGIN_DIR}) {
+            for (const auto& entry : fs::directory_iterator(directory)) {
+                devices[entry.path()] = DevicesBoundTo(entry.path());
+            }
+        }
+        return devices;
+    }
+
+    /// Loads all plugins as the service does at its start. No child and no descriptor may be left by it, and
+    /// of loop devices one for each plugin that is loaded.
     static std::vector<std::string> Load() {
         QxCRPHandler handler(PLUGINS_DIR, PLUGIN_CONFIG_FILE);
         const auto descriptors = OpenDescriptors();
+        std::map<std::string, std::size_t> devices = Devices();
         handler.loadPlugins();
         EXPECT_EQ(OpenDescriptors(), descriptors);
         EXPECT_THAT(Children(), IsEmpty());
-        return Listing(handler.listPlugins());
+        const QxNJson::json list = handler.listPlugins();
+        for (const auto& plugin : list["plugins"]) {
+            devices.at(plugin["path"].get<std::string>()) += plugin["isLoaded"].get<bool>() ? 1U : 0U;
+        }
+        EXPECT_TRUE(Eventually([&] { return Devices() == devices; }));
+        return Listing(list);
     }
 
     static void ExpectLogged(const std::string& level, const std::string& text) {
@@ -160,7 +179,7 @@ TEST_F(PluginsOnBoard, TheConfigurationSwitchesOffExactVersions) {
         {R"({"deactivated_plugins": [7, {"name": "x", "version": "1.2.0", "by": "me"}], "more": 1})", false,
          "[INFO] Quolex Container Runtime: Skipping deactivated plugin: 'x' v1.2.0"},
     };
-    Install({"x", "", "1.2.0"});
+    const std::string file = Install({"x", "", "1.2.0"});
     for (const auto& [config, isLoaded, line] : cases) {
         SCOPED_TRACE(config);
         WriteFile(PLUGIN_CONFIG_FILE, config);
@@ -177,6 +196,7 @@ TEST_F(PluginsOnBoard, TheConfigurationSwitchesOffExactVersions) {
         EXPECT_THAT(lines, Contains(expected));
         EXPECT_THAT(Mounts(), SizeIs(isLoaded ? 1 : 0));
         Shell("umount -d /mnt/crp_x");
+        EXPECT_TRUE(Eventually([&] { return DevicesBoundTo(file) == 0; }));
     }
 }
 
