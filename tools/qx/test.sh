@@ -13,8 +13,12 @@ Installs what is missing, builds everything and runs every test:
   board     the library with the real Podman, each test on a virtual board of its own
 and a few seconds of every fuzz target
 
-  --deep         also runs the unit, platform and tools tests under the address, undefined behaviour and thread sanitizers
+  --deep         also runs the unit, platform and tools tests under the address, undefined behaviour and thread sanitizers,
+                 and the board tests on boards of the other suite
   --only LABEL   only the tests of one label
+
+QX_BOARD_SUITE=forky or trixie in the environment chooses the suite of the boards; board/README.md tells which one is
+taken otherwise.
 TEXT
 }
 
@@ -72,7 +76,7 @@ task_test() {
     install_packages packages.txt board/packages.txt
     build release
     if [ -z "$only" ] || [ "$only" = board ]; then
-        board/board fetch
+        board/board fetch --suite "${QX_BOARD_SUITE:-auto}"
         step "Stage the product for the board" stage_for_board release
         step "Test the virtual board itself" board/tests/run.sh
     fi
@@ -83,14 +87,29 @@ task_test() {
         die 1 "tests were skipped that this machine can run"
     fi
     [ -n "$only" ] || run_fuzzers 5
-    [ -z "$deep" ] || deep_tests
+    [ -z "$deep" ] || deep_tests "$only"
     say "All tests passed."
 }
 
+# deep_tests [LABEL]
 deep_tests() {
-    local preset
+    local preset suite
     for preset in asan tsan; do
         build "$preset"
         run_tests "$preset" -L 'unit|platform|tools'
     done
+    [ "${1:-board}" = board ] || return 0
+    suite=$(other_suite)
+    board/board fetch --suite "$suite"
+    QX_BOARD_SUITE=$suite run_tests release -L board
+}
+
+# other_suite: the suite of which the boards were not so far.
+other_suite() {
+    local taken
+    taken=$(board/board run --quiet --suite "${QX_BOARD_SUITE:-auto}" -- sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+    case $taken in
+        forky) echo trixie ;;
+        *) echo forky ;;
+    esac
 }
