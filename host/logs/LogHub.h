@@ -79,12 +79,12 @@ private:
 class LogHub {
 public:
     struct Limits {
-        size_t ringLines = 20000;                ///< of one container
-        size_t ringBytes = 8 * 1024 * 1024;      ///< memory for them, with everything that they need
-        unsigned history = 5000;                 ///< lines to ask Podman for at the beginning
-        size_t lineBytes = 16 * 1024;            ///< longer lines come in parts
-        std::chrono::milliseconds linger{5000};  ///< how long a stream without viewers is kept
-        size_t containers = 64;                  ///< streams at a time
+        size_t ringLines = 20000;                    ///< of one container
+        size_t ringBytes = size_t{8} * 1024 * 1024;  ///< memory for them, with everything that they need
+        unsigned history = 5000;                     ///< lines to ask Podman for at the beginning
+        size_t lineBytes = size_t{16} * 1024;        ///< longer lines come in parts
+        std::chrono::milliseconds linger{5000};      ///< how long a stream without viewers is kept
+        size_t containers = 64;                      ///< streams at a time
     };
 
     /// @param service  must outlive the hub

@@ -12,7 +12,7 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr size_t LongestAnswer = 1024 * 1024;
+constexpr size_t LongestAnswer = size_t{1024} * 1024;
 constexpr milliseconds StatePause{100};
 constexpr int StateAttempts = 20;
 constexpr size_t LongestFailure = 512;

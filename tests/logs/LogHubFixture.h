@@ -97,33 +97,46 @@ protected:
         };
     }
 
-    // What Podman answers. `inspect` may be set while the hub runs.
-    void SetInspect(ScriptedServer::Script script) {
-        const std::lock_guard lock(_mutex);
-        _inspect = std::move(script);
-    }
-    ScriptedServer::Script history = ScriptedServer::Answer(200);
-    ScriptedServer::Script follow = Silent("");
+    /// A script that may be set while another thread uses it.
+    class SharedScript {
+    public:
+        explicit SharedScript(ScriptedServer::Script script) : _script(std::move(script)) {}
+        SharedScript& operator=(ScriptedServer::Script script) {
+            const std::lock_guard lock(_mutex);
+            _script.swap(script);
+            return *this;
+        }
+        void Run(Connection& connection) const {
+            ScriptedServer::Script script;
+            {
+                const std::lock_guard lock(_mutex);
+                script = _script;
+            }
+            script(connection);
+        }
+
+    private:
+        mutable std::mutex _mutex;
+        ScriptedServer::Script _script;
+    };
+
+    // What Podman answers.
+    SharedScript inspect{ScriptedServer::Answer(200, State("running"))};
+    SharedScript history{ScriptedServer::Answer(200)};
+    SharedScript follow{Silent("")};
     std::unique_ptr<LogHub> hub;
 
 private:
     void Answer(Connection& connection) {
         const std::string target = connection.request.Target();
         if (!IsLog(target)) {
-            ScriptedServer::Script script;
-            {
-                const std::lock_guard lock(_mutex);
-                script = _inspect;
-            }
-            script(connection);
+            inspect.Run(connection);
         } else if (IsFollow(target)) {
-            follow(connection);
+            follow.Run(connection);
         } else {
-            history(connection);
+            history.Run(connection);
         }
     }
 
-    std::mutex _mutex;
-    ScriptedServer::Script _inspect = ScriptedServer::Answer(200, State("running"));
     ScriptedServer _podman;
 };

@@ -48,7 +48,7 @@ TEST_F(LogHubs, GiveLinesWithAllThatBelongsToThem) {
 }
 
 TEST_F(LogHubs, TellTerminalsApart) {
-    SetInspect(ScriptedServer::Answer(200, State("running", 0, true)));
+    inspect = ScriptedServer::Answer(200, State("running", 0, true));
     history = ScriptedServer::Answer(200, Line(5, "one\r"));
     follow = Silent(Line(5, "one\r") + Frame(6, "login: "));
 
@@ -112,7 +112,7 @@ TEST_F(LogHubs, GiveTheLastLinesThatAViewerWants) {
 }
 
 TEST_F(LogHubs, CountALineInPartsOnce) {
-    history = follow = Silent(Line(1, "a") + Frame(2, "b") + Line(3, "x", 2) + Line(4, "c") + Line(5, "d"));
+    follow = Silent(Line(1, "a") + Frame(2, "b") + Line(3, "x", 2) + Line(4, "c") + Line(5, "d"));
     history = ScriptedServer::Answer(
         200, Line(1, "a") + Frame(2, "b") + Line(3, "x", 2) + Line(4, "c") + Line(5, "d"));
     EXPECT_THAT(Watch({.tail = 3}).Texts(4), ElementsAre("b", "x", "c", "d"));
@@ -158,7 +158,7 @@ TEST_F(LogHubs, GiveEverythingOfAContainerThatWasMadeAnew) {
     follow = Silent(NumberedLines(1, 3));
     auto first = Watch();
     first.Texts(3);
-    SetInspect(ScriptedServer::Answer(200, State("running", 0, false, "fedcba9876543210")));
+    inspect = ScriptedServer::Answer(200, State("running", 0, false, "fedcba9876543210"));
     EXPECT_THAT(Watch({.after = first.cursor}).Texts(3), ElementsAre("1", "2", "3"));
     EXPECT_EQ(hub->Streams(), 2U);
 }
@@ -248,7 +248,7 @@ TEST_F(LogHubs, CallBackOnceForEachCall) {
 // --- The end ---
 
 TEST_F(LogHubs, GiveTheLogOfAContainerThatDoesNotRunAndItsExitCode) {
-    SetInspect(ScriptedServer::Answer(200, State("exited", 3)));
+    inspect = ScriptedServer::Answer(200, State("exited", 3));
     history = ScriptedServer::Answer(200, NumberedLines(1, 2));
 
     auto viewer = Watch();
@@ -262,7 +262,7 @@ TEST_F(LogHubs, GiveTheLogOfAContainerThatDoesNotRunAndItsExitCode) {
 TEST_F(LogHubs, SayThatTheContainerHasEndedAfterItsLastLine) {
     history = ScriptedServer::Answer(200, NumberedLines(1, 2));
     follow = [&](Connection& connection) {
-        SetInspect(ScriptedServer::Answer(200, State("exited", 137)));
+        inspect = ScriptedServer::Answer(200, State("exited", 137));
         ScriptedServer::SendAnswer(connection, 200, NumberedLines(1, 5));
     };
     EXPECT_THAT(Watch().Texts(), ElementsAre("1", "2", "3", "4", "5", "[exited exit code 137]"));
@@ -271,7 +271,7 @@ TEST_F(LogHubs, SayThatTheContainerHasEndedAfterItsLastLine) {
 
 TEST_F(LogHubs, SayThatTheContainerIsGone) {
     follow = [&](Connection& connection) {
-        SetInspect(ScriptedServer::Answer(404, "{}"));
+        inspect = ScriptedServer::Answer(404, "{}");
         ScriptedServer::SendAnswer(connection, 200, NumberedLines(1, 1));
     };
     EXPECT_THAT(Watch().Texts(), ElementsAre("1", "[removed the container is gone]"));
@@ -279,7 +279,7 @@ TEST_F(LogHubs, SayThatTheContainerIsGone) {
 
 TEST_F(LogHubs, SayThatPodmanIsGone) {
     follow = [&](Connection& connection) {
-        SetInspect([](Connection&) {});
+        inspect = [](Connection&) {};
         connection.StartChunked();
         connection.SendChunk(NumberedLines(1, 1) + NumberedLines(2, 2).substr(0, 20));
     };
@@ -336,7 +336,7 @@ TEST_F(LogHubs, RefuseWhatIsNoCursor) {
 }
 
 TEST_F(LogHubs, SayThatThereIsNoSuchContainer) {
-    SetInspect(ScriptedServer::Answer(404, "{}"));
+    inspect = ScriptedServer::Answer(404, "{}");
     EXPECT_EQ(Open().error.kind, LogError::Kind::NotFound);
     EXPECT_EQ(Open({}, "../images").error.kind, LogError::Kind::NotFound);
     EXPECT_EQ(Asked().size(), 1U);
@@ -344,9 +344,9 @@ TEST_F(LogHubs, SayThatThereIsNoSuchContainer) {
 }
 
 TEST_F(LogHubs, SayThatPodmanDoesNotAnswer) {
-    SetInspect([](Connection&) {});
+    inspect = [](Connection&) {};
     EXPECT_EQ(Open().error.kind, LogError::Kind::NoPodman);
-    SetInspect(ScriptedServer::Answer(200, "[1]"));
+    inspect = ScriptedServer::Answer(200, "[1]");
     EXPECT_EQ(Open().error.kind, LogError::Kind::NoPodman);
 }
 
@@ -355,7 +355,7 @@ TEST_F(LogHubs, RefuseMoreContainersThanTheLimitUnlessOneIsNotWatched) {
     limits.containers = 1;
     Serve(limits);
     auto first = Open();
-    SetInspect(ScriptedServer::Answer(200, State("running", 0, false, "fedcba9876543210")));
+    inspect = ScriptedServer::Answer(200, State("running", 0, false, "fedcba9876543210"));
 
     EXPECT_EQ(Open().error.kind, LogError::Kind::TooMany);
     first.viewer.reset();
@@ -395,7 +395,7 @@ size_t Threads() {
 
 TEST_F(LogHubs, LeaveDescriptorsAndThreadsAsTheyWere) {
     Serve(Few(10));
-    SetInspect(ScriptedServer::Answer(200, State("exited")));
+    inspect = ScriptedServer::Answer(200, State("exited"));
     history = ScriptedServer::Answer(200, NumberedLines(1, 5));
     const auto round = [&] {
         for (int i = 0; i < 20; ++i) {
