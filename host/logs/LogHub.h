@@ -74,8 +74,9 @@ private:
 /// bounded memory of its last lines. A viewer that is slower than that is told how many lines it has missed; nobody
 /// waits for a viewer.
 ///
-/// Each container that is watched has a thread, and one more ends the streams that nobody watches any more; none of
-/// them wakes up while nothing happens. Thread safety: all operations may be called from any thread.
+/// Each container that is watched has a thread, which waits for Podman (the HTTP client looks once a second whether it
+/// is to end). One more thread ends the streams that nobody watches any more; it sleeps while there are none. Thread
+/// safety: all operations may be called from any thread.
 class LogHub {
 public:
     struct Limits {
