@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr size_t LargestAnswer = 64 * 1024 * 1024;
+constexpr size_t LargestAnswer = 64UL * 1024 * 1024;
 constexpr long ConnectTimeoutMs = 10000;
 /// Long work may take any time, but when the daemon has not been heard of for so long it is given up.
 constexpr long LongSilenceSeconds = 3600;

@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* YamlType = "application/yaml";
 /// Largest compose file that the daemon takes.
-constexpr size_t LargestFile = 1024 * 1024;
+constexpr size_t LargestFile = 1024UL * 1024;
 
 Style StyleOfState(const std::string& state) {
     if (state == "running") {

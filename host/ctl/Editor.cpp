@@ -16,7 +16,7 @@
 namespace {
 
 /// Larger than what the board takes: that is told when the text is sent, and then it is not lost.
-constexpr size_t LargestText = 16 * 1024 * 1024;
+constexpr size_t LargestText = 16UL * 1024 * 1024;
 
 std::string EditorCommand() {
     for (const char* name : {"VISUAL", "EDITOR"}) {

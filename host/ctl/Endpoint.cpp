@@ -42,7 +42,7 @@ std::string PartOf(const ParsedUrl& url, CURLUPart part, unsigned int flags = 0)
     if (curl_url_get(url.get(), part, &text, flags) != CURLUE_OK) {
         return {};
     }
-    const std::string result = text;
+    std::string result = text;
     curl_free(text);
     return result;
 }

@@ -8,7 +8,7 @@
 class LineSplitter {
 public:
     /// A longer line is handed over in parts.
-    static constexpr size_t LongestLine = 1024 * 1024;
+    static constexpr size_t LongestLine = 1024UL * 1024;
 
     /// @param take  takes a line without its line feed; returns whether it wants more
     explicit LineSplitter(std::function<bool(std::string_view)> take) : _take(std::move(take)) {}

@@ -26,7 +26,7 @@ namespace websocket = beast::websocket;
 using asio::ip::tcp;
 using beast::error_code;
 
-constexpr size_t LargestMessage = 16 * 1024 * 1024;
+constexpr size_t LargestMessage = 16UL * 1024 * 1024;
 constexpr std::chrono::seconds ConnectTimeout{10};
 constexpr std::chrono::seconds HandshakeTimeout{20};
 /// A daemon that answers no ping for so long is gone.

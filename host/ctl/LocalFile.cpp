@@ -34,7 +34,7 @@ std::string NameOnBoard(const std::string& path, const std::string& given) {
     if (!given.empty()) {
         return given;
     }
-    const std::string name = path == "-" ? std::string() : std::filesystem::path(path).filename().string();
+    std::string name = path == "-" ? std::string() : std::filesystem::path(path).filename().string();
     if (name.empty()) {
         throw CtlError(ExitCode::Usage, "say with --as NAME what the file is called on the board");
     }

@@ -28,7 +28,7 @@ size_t Columns() {
 
 }  // namespace
 
-Progress::Progress(std::string upload, std::string work)
+Progress::Progress(const std::string& upload, const std::string& work)
     : _upload(Printable(upload)), _work(Printable(work)), _isShown(CanDraw()) {
     if (_isShown) {
         Interruption::SetLineShown(true);

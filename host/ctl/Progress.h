@@ -12,8 +12,8 @@ public:
 
     /// @param upload  what is done while bytes are sent, such as "Sending a.tar"
     /// @param work    what is done while there is nothing more to send, such as "Loading images"
-    Progress(std::string upload, std::string work);
-    explicit Progress(std::string work) : Progress({}, std::move(work)) {}
+    Progress(const std::string& upload, const std::string& work);
+    explicit Progress(const std::string& work) : Progress({}, work) {}
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
     ~Progress() { Finish(); }

@@ -31,7 +31,7 @@ std::string AgeText(const std::string& time) {
 }
 
 std::string RestartsText(const Value& restarts) {
-    const std::string policy = Answers::Text(restarts, "policy");
+    std::string policy = Answers::Text(restarts, "policy");
     if (policy == "never") {
         return policy;
     }
