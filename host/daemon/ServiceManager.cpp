@@ -3,20 +3,30 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
+#include <charconv>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 
 namespace {
 
-constexpr const char* AddressVariable = "NOTIFY_SOCKET";
+/// Takes a variable out of the environment.
+std::string Take(const char* name) {
+    const char* const value = getenv(name);
+    std::string text = value == nullptr ? "" : value;
+    unsetenv(name);
+    return text;
+}
 
 }  // namespace
 
-ServiceManager::ServiceManager() {
-    if (const char* address = getenv(AddressVariable)) {
-        _address = address;
-        unsetenv(AddressVariable);
+ServiceManager::ServiceManager() : _address(Take("NOTIFY_SOCKET")) {
+    const std::string process = Take("WATCHDOG_PID");
+    const std::string interval = Take("WATCHDOG_USEC");
+    long long microseconds = 0;
+    std::from_chars(interval.data(), interval.data() + interval.size(), microseconds);
+    if (microseconds > 0 && (process.empty() || process == std::to_string(getpid()))) {
+        _watchdog = std::chrono::microseconds(microseconds);
     }
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+#include <optional>
 #include <string>
 
 /// The service manager that started this process, such as systemd, if there is one that listens
@@ -16,6 +18,10 @@ public:
     /// consequence.
     void Tell(const std::string& state) const;
 
+    /// @return within which time it wants to hear "WATCHDOG=1"; nothing when it does not
+    std::optional<std::chrono::microseconds> WatchdogInterval() const { return _watchdog; }
+
 private:
     std::string _address;
+    std::optional<std::chrono::microseconds> _watchdog;
 };

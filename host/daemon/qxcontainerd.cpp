@@ -1,150 +1,151 @@
-// The smallest host of the container library: takes it through its life and stays until it is told to stop.
+// The daemon: takes the container library through its life and makes it usable over HTTP.
 
-#include "LogServer.h"
 #include "QxCContainer.h"
-#include "ServiceManager.h"
-#include "StopSignal.h"
+#include "api/Interface.h"
+#include "daemon/MessageFollower.h"
+#include "daemon/Options.h"
+#include "daemon/ServiceKeeper.h"
+#include "daemon/ServiceManager.h"
+#include "http/Server.h"
+#include "logs/LogHub.h"
 
-#include <CLI/CLI.hpp>
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <boost/asio/signal_set.hpp>
 #include <csignal>
 #include <cstdio>
 #include <exception>
-#include <optional>
+
+namespace asio = boost::asio;
+using QxNHttp::Task;
 
 namespace {
-
-using QxNContainer::QxCContainer;
 
 /// How the daemon says what happened; documented in --help.
 enum ExitCode : int {
     Stopped = 0,
-    BadUsage = 2,
-    NotInitialised = 3,
-    NotStarted = 4,
+    NoAddress = 3,
     SettingsNotWritten = 5,
     BoardError = 6,
 };
 
-constexpr const char* Help = R"(
-Runs the container service of the board until SIGTERM or SIGINT.
+constexpr size_t Workers = 8;
 
-Exit codes:
-  0  the service was started and stopped in order
-  2  wrong options
-  3  the board cannot run containers: the service is disabled, there is no usable user storage, the firmware
-     image cannot be mounted, or too many cores are configured; the log file says which
-  4  the service could not be started
-  5  the settings could not be written
-  6  an error of the board's file system that the library does not handle
-)";
-
-struct Options {
-    bool enable = false;
-    std::optional<unsigned int> port;
-    std::optional<unsigned int> cores;
-    std::optional<unsigned short> logPort;
-};
-
-void Tell(const char* text) {
-    std::printf("qxcontainerd: %s\n", text);
+void Tell(const std::string& text) {
+    std::printf("qxcontainerd: %s\n", text.c_str());
     std::fflush(stdout);
 }
 
-bool ApplySettings(QxCContainer& service, const Options& options) {
-    if (options.port || options.cores) {
-        QxCCTESettings::QxSUserSettings settings = service.GetContainerServiceUserSettings();
-        settings.tcpPort = options.port.value_or(settings.tcpPort);
-        settings.coresNum = options.cores.value_or(settings.coresNum);
-        if (!service.SetContainerServiceUserSettings(settings)) {
-            return false;
+/// Everything that lives as long as the daemon serves.
+class Daemon {
+public:
+    Daemon(const Options& options, const ServiceManager& serviceManager)
+        : _options(options),
+          _serviceManager(serviceManager),
+          _tokens(options.tokens),
+          _keeper(_io, options.keeper, serviceManager),
+          _messages(_io, options.messages),
+          _signals(_io, SIGTERM, SIGINT) {}
+
+    ExitCode Run() {
+        asio::co_spawn(_io, Live(), [this](std::exception_ptr error) {
+            _failure = error;
+            _io.stop();
+        });
+        _io.run();
+        _workers.join();
+        if (_failure) {
+            std::rethrow_exception(_failure);
         }
+        return _exitCode;
     }
-    return !options.enable || service.EnableContainerService();
-}
 
-std::string WhyNotInitialised(const QxCContainer& service) {
-    std::string reason;
-    if (!service.HasValidUserStorage(&reason)) {
-        return reason + "; mount it and start again with --enable";
-    }
-    if (!service.IsContainerServiceEnabled(false)) {
-        return "the container service is disabled; start with --enable to switch it on";
-    }
-    return "this board cannot run containers; the log file says why";
-}
+private:
+    Task<void> Live() {
+        // Before anything is started: an address that cannot be had must leave nothing behind.
+        std::optional<LogHub> logs;
+        co_await _keeper.Begin([&](QxNContainer::QxCContainer& service) {
+            logs.emplace(service);
+            _areSettingsWritten = ApplySettings(service);
+        });
+        if (!_areSettingsWritten) {
+            Tell("the settings cannot be written; is the configuration drive mounted and writable?");
+            _exitCode = SettingsNotWritten;
+            co_return;
+        }
+        Ground ground{_keeper, _messages, *logs, _tokens, _workers, _options.server.page, _options.largestUpload};
+        const QxNHttp::Router router = MakeRouter(ground);
+        std::optional<QxNHttp::Server> server;
+        try {
+            server.emplace(_io, _options.server, router, _tokens);
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "qxcontainerd: %s\n", error.what());
+            _exitCode = NoAddress;
+        }
+        if (!server) {
+            co_return;
+        }
+        for (const std::string& url : server->Urls()) {
+            Tell("serving " + url);
+        }
+        asio::co_spawn(_io, _messages.Run(), asio::detached);
+        asio::co_spawn(_io, StartService(), asio::detached);
 
-ExitCode Run(const Options& options, const ServiceManager& serviceManager) {
-    StopSignal stopSignal;
-    QxCContainer& service = QxCContainer::GetInstance();
-    if (!ApplySettings(service, options)) {
-        Tell("the settings cannot be written; is the configuration drive mounted and writable?");
-        return SettingsNotWritten;
+        const int signal = co_await _signals.async_wait(asio::use_awaitable);
+        _serviceManager.Tell("STOPPING=1\nSTATUS=Stopping containers");
+        Tell(signal == SIGINT ? "interrupted, stopping" : "asked to stop, stopping");
+        server->Stop();
+        co_await _keeper.Shutdown();
+        // Only now: without Podman no stream waits for anything any more.
+        logs.reset();
+        Tell("stopped");
     }
-    if (!service.init()) {
-        Tell(WhyNotInitialised(service).c_str());
-        return NotInitialised;
-    }
-    if (stopSignal.HasArrived()) {
-        service.Stop();
-        Tell("told to stop before the start");
-        return Stopped;
-    }
-    if (!service.Start()) {
-        Tell("the container service cannot be started; the log file says why");
-        return NotStarted;
-    }
-    std::optional<LogServer> logServer;
-    if (options.logPort) {
-        logServer.emplace(service, *options.logPort);
-        Tell(("logs at ws://127.0.0.1:" + std::to_string(logServer->Port()) + "/logs/NAME").c_str());
-    }
-    serviceManager.Tell("READY=1\nSTATUS=Container service running");
-    Tell("running");
 
-    const int signal = stopSignal.Wait();
-    serviceManager.Tell("STOPPING=1\nSTATUS=Stopping containers");
-    Tell(signal == SIGINT ? "interrupted, stopping" : "asked to stop, stopping");
-    logServer.reset();  // while Podman is still there
-    service.Stop();
-    Tell("stopped");
-    return Stopped;
-}
-
-/// @return why a port cannot be used; empty when it can
-std::string RefusePort(std::string& text) {
-    unsigned int port = 0;
-    if (!CLI::detail::lexical_cast(text, port) || port > 65535) {
-        return "'" + text + "' is no port number";
+    bool ApplySettings(QxNContainer::QxCContainer& service) const {
+        if (_options.tcpPort || _options.cores) {
+            auto settings = service.GetContainerServiceUserSettings();
+            settings.tcpPort = _options.tcpPort.value_or(settings.tcpPort);
+            settings.coresNum = _options.cores.value_or(settings.coresNum);
+            if (!service.SetContainerServiceUserSettings(settings)) {
+                return false;
+            }
+        }
+        return !_options.enable || service.EnableContainerService();
     }
-    return port == 80 || port == 111 ? "the container service starts nothing at all with port " + text
-                                     : std::string();
-}
 
-ExitCode RunWithArguments(int argc, char** argv) {
-    CLI::App app{Help};
-    Options options;
-    app.add_flag("--enable", options.enable, "Switch the container service on, also for later starts");
-    app.add_option("--port", options.port,
-                   "TCP port of Podman's REST service; 0 for none. Kept in the settings.")
-        ->check(CLI::Validator(RefusePort, "PORT"));
-    app.add_option("--cores", options.cores, "Number of CPU cores for containers. Kept in the settings.");
-    app.add_option(
-        "--log-port", options.logPort,
-        "Serve the logs of containers to WebSocket clients of this machine on that TCP port; 0 takes a free "
-        "one and tells which");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? Stopped : BadUsage;
+    Task<void> StartService() {
+        try {
+            co_await _keeper.Start();
+        } catch (const QxNHttp::Problem&) {
+            // Said by the keeper; the daemon stays, so that somebody can look and mend it.
+        }
+        _serviceManager.Tell("READY=1");
     }
-    return Run(options, ServiceManager());
-}
+
+    const Options& _options;
+    const ServiceManager& _serviceManager;
+    asio::io_context _io{1};
+    QxNHttp::Tokens _tokens;
+    asio::thread_pool _workers{Workers};
+    ServiceKeeper _keeper;
+    MessageFollower _messages;
+    asio::signal_set _signals;
+    std::exception_ptr _failure;
+    ExitCode _exitCode = Stopped;
+    bool _areSettingsWritten = true;
+};
 
 }  // namespace
 
 int main(int argc, char** argv) {
     try {
-        return RunWithArguments(argc, argv);
+        Options options;
+        if (const auto exitCode = ReadOptions(argc, argv, options)) {
+            return *exitCode;
+        }
+        const ServiceManager serviceManager;
+        Daemon daemon(options, serviceManager);
+        return daemon.Run();
     } catch (const std::exception& error) {
         std::fprintf(stderr, "qxcontainerd: %s\n", error.what());
         return BoardError;

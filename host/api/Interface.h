@@ -1,0 +1,84 @@
+#pragma once
+
+#include "QxCCurlHandler.h"
+#include "QxNJson.h"
+#include "daemon/MessageFollower.h"
+#include "daemon/ServiceKeeper.h"
+#include "http/Background.h"
+#include "http/Router.h"
+#include "http/Tokens.h"
+#include "logs/LogHub.h"
+
+#include <boost/asio/thread_pool.hpp>
+#include <cstdint>
+#include <set>
+#include <string>
+
+struct PodmanResponse;
+
+/// What the interface's parts work with. Lives as long as the server.
+struct Ground {
+    ServiceKeeper& keeper;
+    MessageFollower& messages;
+    LogHub& logs;
+    QxNHttp::Tokens& tokens;
+    boost::asio::thread_pool& workers;  ///< for what blocks but need not be on the control thread
+    std::string page;                   ///< the page's directory
+    std::uint64_t largestUpload;        ///< bytes
+    std::set<std::string> busyProjects = {};
+};
+
+/// Each adds the requests of its part of the interface.
+void AddServiceRequests(QxNHttp::Router& router, Ground& ground);
+void AddBoardRequests(QxNHttp::Router& router, Ground& ground);
+void AddContainerRequests(QxNHttp::Router& router, Ground& ground);
+void AddLogRequests(QxNHttp::Router& router, Ground& ground);
+void AddImageRequests(QxNHttp::Router& router, Ground& ground);
+void AddComposeRequests(QxNHttp::Router& router, Ground& ground);
+void AddPluginRequests(QxNHttp::Router& router, Ground& ground);
+void AddAccessRequests(QxNHttp::Router& router, Ground& ground);
+
+/// All of them.
+QxNHttp::Router MakeRouter(Ground& ground);
+
+// --- What several parts need ---
+
+inline QxNHttp::Reply JsonReply(const QxNJson::json& value, QxNHttp::Status status = QxNHttp::Status::ok) {
+    QxNHttp::Reply reply;
+    reply.status = status;
+    reply.body = value.dump();
+    return reply;
+}
+
+/// @param longest  bytes
+/// @throws Problem when the body is no JSON object
+QxNHttp::Task<QxNJson::json> ReadObject(QxNHttp::Request& request, size_t longest = 64 << 10);
+
+/// @return the name as it is
+/// @throws Problem when it breaks the rule for file names
+const std::string& FileName(const std::string& name);
+
+/// Runs something that blocks beside the control thread.
+template <typename Function>
+auto OnWorker(Ground& ground, Function function) {
+    return QxNHttp::InBackground(ground.workers, std::move(function));
+}
+
+/// What else a request to Podman takes.
+struct PodmanAsk {
+    QxCCurlHandler::MethodType method = QxCCurlHandler::Get;
+    std::vector<std::string> headers = {};
+    std::string uploadPath = {};
+    bool writeThrough = false;
+    std::chrono::seconds deadline{30};  ///< after which the client is told; Podman goes on
+};
+
+/// @throws Problem when Podman does not answer, or answers with an error
+QxNHttp::Task<PodmanResponse> AskPodman(Ground& ground, std::string endpoint, PodmanAsk ask = {});
+/// @return Podman's answer, which is JSON
+QxNHttp::Task<QxNJson::json> AskPodmanForJson(Ground& ground, std::string endpoint, PodmanAsk ask = {});
+
+/// Members of Podman's answers, which may be missing or of another type.
+std::string TextMember(const QxNJson::json& object, const char* name);
+std::int64_t NumberMember(const QxNJson::json& object, const char* name);
+QxNJson::json Member(const QxNJson::json& object, const char* name);

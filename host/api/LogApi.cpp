@@ -1,0 +1,94 @@
+#include "QxCContainer.h"
+#include "api/Interface.h"
+#include "api/LogDownload.h"
+#include "api/Names.h"
+
+#include <boost/asio/this_coro.hpp>
+
+using QxNHttp::Problem;
+using QxNHttp::Reply;
+using QxNHttp::Request;
+using QxNHttp::Right;
+using QxNHttp::Status;
+using QxNHttp::Task;
+using QxNHttp::Verb;
+using QxNHttp::WebSocket;
+
+namespace {
+
+constexpr std::uint64_t DefaultTail = 100;
+constexpr std::uint64_t MostTail = 1000000;
+constexpr size_t LargestMessage = 64 << 10;
+
+bool WantsAll(const Request& request) { return request.Parameter("tail") == "all"; }
+
+Problem ProblemOf(const LogError& error) {
+    switch (error.kind) {
+        case LogError::Kind::BadCursor:
+            return {Status::bad_request, error.text};
+        case LogError::Kind::NotFound:
+            return {Status::not_found, error.text};
+        case LogError::Kind::NoPodman:
+        case LogError::Kind::TooMany:
+            break;
+    }
+    return {Status::service_unavailable, error.text};
+}
+
+Task<void> Follow(std::shared_ptr<LogViewer> viewer, WebSocket& socket) {
+    QxNHttp::Event more(co_await boost::asio::this_coro::executor);
+    for (;;) {
+        while (auto message = viewer->Next(LargestMessage)) {
+            co_await socket.Send(std::move(*message));
+        }
+        if (viewer->HasEnded()) {
+            co_await socket.Close("end of the log");
+            co_return;
+        }
+        viewer->NotifyOnce([more] { more.Notify(); });
+        co_await more.Wait();
+    }
+}
+
+Task<QxNHttp::Router::Stream> OpenLog(Ground& ground, Request& request) {
+    const std::string container = ContainerName(request.segments[3]);
+    LogStart start;
+    start.tail = WantsAll(request) ? LogStart::All : request.Number("tail", DefaultTail, MostTail);
+    start.after = request.Parameter("after");
+    auto opened = co_await OnWorker(ground, [&] { return ground.logs.Open(container, start); });
+    if (!opened.viewer) {
+        throw ProblemOf(opened.error);
+    }
+    const std::shared_ptr<LogViewer> viewer = std::move(opened.viewer);
+    co_return [viewer](WebSocket& socket) { return Follow(viewer, socket); };
+}
+
+Task<Reply> Download(Ground& ground, Request& request) {
+    const std::string container = ContainerName(request.segments[3]);
+    const std::string tail = WantsAll(request) || request.Parameter("tail").empty()
+                                 ? "all"
+                                 : std::to_string(request.Number("tail", DefaultTail, MostTail));
+    const auto download = std::make_shared<LogDownload>(co_await boost::asio::this_coro::executor,
+                                                        request.Flag("timestamps", false));
+    download->Start(ground.workers, ground.keeper.Service(), container, tail);
+    const auto first = std::make_shared<std::string>(co_await download->Next());
+    Reply reply;
+    reply.type = "text/plain; charset=utf-8";
+    reply.producer = [download, first](QxNHttp::BodyWriter& writer) -> Task<void> {
+        for (std::string piece = std::move(*first); !piece.empty(); piece = co_await download->Next()) {
+            co_await writer.Write(std::move(piece));
+        }
+    };
+    co_return reply;
+}
+
+}  // namespace
+
+void AddLogRequests(QxNHttp::Router& router, Ground& ground) {
+    router.AddStream("/containers/{container}/logs", Right::Look,
+                     [&ground](Request& request) -> Task<QxNHttp::Router::Stream> {
+                         co_return co_await OpenLog(ground, request);
+                     });
+    router.Add(Verb::get, "/containers/{container}/logs", Right::Look,
+               [&ground](Request& request) -> Task<Reply> { co_return co_await Download(ground, request); });
+}

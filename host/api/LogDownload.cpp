@@ -1,0 +1,118 @@
+#include "api/LogDownload.h"
+
+#include "LogParser.h"
+#include "QxCContainer.h"
+#include "QxCWebSocket.h"
+#include "support/ErrorListScope.h"
+
+#include <condition_variable>
+#include <mutex>
+
+using QxNContainer::QxCContainer;
+using QxNHttp::Problem;
+using QxNHttp::Status;
+
+namespace {
+
+constexpr size_t MostWaiting = 256 << 10;
+constexpr size_t LongestLine = 64 << 10;
+
+}  // namespace
+
+/// Between the stream's thread, which waits when the client is slow, and the connection's.
+struct LogDownload::Pipe final : QxNSmartWebApi::QxCWebSocket {
+    Pipe(const boost::asio::any_io_executor& executor, bool withTimes) : more(executor), hasTimestamps(withTimes) {}
+
+    int sendBinary(QxCErrorListPool&, const unsigned char* data, unsigned int length, int, bool) override {
+        std::string piece;
+        const bool isSound =
+            parser.Take({reinterpret_cast<const char*>(data), length}, [&](const LogParser::Piece& line) {
+                if (hasTimestamps && isLineStart) {
+                    piece.append(line.timeText).append(" ");
+                }
+                piece.append(line.text).append(line.isPartial ? "" : "\n");
+                isLineStart = !line.isPartial;
+            });
+        std::unique_lock lock(mutex);
+        room.wait(lock, [this] { return waiting.size() < MostWaiting || isAbandoned; });
+        if (isAbandoned || !isSound) {
+            return 1;
+        }
+        waiting += piece;
+        more.Notify();
+        return 0;
+    }
+
+    void Run(QxCContainer& service, const std::string& container, const std::string& tail) {
+        PodmanResponse response;
+        try {
+            QxNSupport::ErrorListScope errors;
+            const auto session = service.RegisterLogStreamSession(this, container);
+            // Then everything comes as it is, with the marks that the parser wants.
+            session->tty = true;
+            response = service.StreamPodmanRequest("/libpod/containers/" + container +
+                                                       "/logs?follow=false&stdout=true&stderr=true&timestamps=true&tail=" +
+                                                       tail,
+                                                   QxCCurlHandler::Get, {}, errors.List(), session, this);
+        } catch (const std::exception&) {
+            response.httpCode = 0;
+        }
+        service.UnregisterLogStreamSession(this);
+        const std::lock_guard lock(mutex);
+        hasEnded = true;
+        httpCode = response.httpCode;
+        more.Notify();
+    }
+
+    QxNHttp::Event more;
+    const bool hasTimestamps;
+    LogParser parser{false, LongestLine};
+    bool isLineStart = true;
+    std::mutex mutex;
+    std::condition_variable room;
+    std::string waiting;
+    bool isAbandoned = false;
+    bool hasEnded = false;
+    int httpCode = 0;
+};
+
+LogDownload::LogDownload(const boost::asio::any_io_executor& executor, bool hasTimestamps)
+    : _pipe(std::make_shared<Pipe>(executor, hasTimestamps)) {}
+
+LogDownload::~LogDownload() {
+    {
+        const std::lock_guard lock(_pipe->mutex);
+        _pipe->isAbandoned = true;
+        _pipe->room.notify_all();
+    }
+    QxCContainer::LogStreamCloseHandler(nullptr, 0, _pipe.get());
+}
+
+void LogDownload::Start(boost::asio::thread_pool& workers, QxCContainer& service, const std::string& container,
+                        const std::string& tail) {
+    boost::asio::post(workers, [pipe = _pipe, &service, container, tail] { pipe->Run(service, container, tail); });
+}
+
+QxNHttp::Task<std::string> LogDownload::Next() {
+    for (;;) {
+        {
+            const std::lock_guard lock(_pipe->mutex);
+            if (!_pipe->waiting.empty()) {
+                _pipe->room.notify_all();
+                co_return std::exchange(_pipe->waiting, {});
+            }
+            if (_pipe->hasEnded) {
+                break;
+            }
+        }
+        co_await _pipe->more.Wait();
+    }
+    if (_pipe->httpCode == 404) {
+        throw Problem(Status::not_found, "There is no such container.");
+    }
+    if (_pipe->httpCode != 200) {
+        throw Problem(_pipe->httpCode == 0 ? Status::service_unavailable : Status::bad_gateway,
+                      "Podman does not give the log; it answered " + std::to_string(_pipe->httpCode) + ".");
+    }
+    co_return std::string();
+}

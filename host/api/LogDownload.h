@@ -1,0 +1,36 @@
+#pragma once
+
+#include "http/Background.h"
+#include "http/Message.h"
+
+#include <memory>
+#include <string>
+
+namespace QxNContainer {
+class QxCContainer;
+}
+
+/// The whole log of a container as text, as far as it has been written, in pieces as the client takes them.
+class LogDownload {
+public:
+    /// @param hasTimestamps  whether each line begins with its time
+    LogDownload(const boost::asio::any_io_executor& executor, bool hasTimestamps);
+    LogDownload(const LogDownload&) = delete;
+    LogDownload& operator=(const LogDownload&) = delete;
+    /// Ends the reading.
+    ~LogDownload();
+
+    /// Begins to read, on one of the workers.
+    /// @param container  a name or id that was checked
+    /// @param tail       how many lines, or "all"
+    void Start(boost::asio::thread_pool& workers, QxNContainer::QxCContainer& service, const std::string& container,
+               const std::string& tail);
+
+    /// @return the next piece; empty at the end
+    /// @throws Problem when Podman does not give the log; only before the first piece
+    QxNHttp::Task<std::string> Next();
+
+private:
+    struct Pipe;
+    const std::shared_ptr<Pipe> _pipe;
+};

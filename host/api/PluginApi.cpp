@@ -1,0 +1,109 @@
+#include "QxCContainer.h"
+#include "QxNContainerPaths.h"
+#include "api/Interface.h"
+
+#include <unistd.h>
+#include <filesystem>
+
+namespace fs = std::filesystem;
+using QxNHttp::Problem;
+using QxNHttp::Reply;
+using QxNHttp::Request;
+using QxNHttp::Right;
+using QxNHttp::Status;
+using QxNHttp::Task;
+using QxNHttp::Verb;
+using QxNJson::json;
+
+namespace {
+
+const std::string& Directory() { return QxNContainer::QxNContainerPaths::PLUGINS_DIR; }
+
+/// The library's plugin operations belong to its control thread.
+Task<json> Rescan(Ground& ground) {
+    co_return co_await ground.keeper.OnControlThread([&] {
+        ground.keeper.Service().scanContainerPluginsDir();
+        return ground.keeper.Service().listPlugins();
+    });
+}
+
+/// @return the plugin in the user directory's file of that name; null when the scan found none
+json FindFile(const json& list, const std::string& fileName) {
+    for (const auto& plugin : list["plugins"]) {
+        if (plugin["fileName"] == fileName && plugin["directory"] == "user") {
+            return plugin;
+        }
+    }
+    return nullptr;
+}
+
+Task<Reply> Upload(Ground& ground, Request& request) {
+    const std::string name = FileName(request.segments[3]);
+    QxNHttp::UploadedFile file = co_await request.body->ToFile(Directory(), ground.largestUpload);
+    // Whether it is a plugin is for the library's own reader to say.
+    const json before = co_await Rescan(ground);
+    if (FindFile(before, fs::path(file.Path()).filename().string()).is_null()) {
+        throw Problem(Status::unprocessable_entity,
+                      "This is no plugin file: it does not end in a plugin's trailer. Nothing was kept.");
+    }
+    const bool replaces = file.MoveTo(Directory() + "/" + name);
+    co_await Rescan(ground);
+    co_return Reply::Empty(replaces ? Status::no_content : Status::created);
+}
+
+Task<Reply> Remove(Ground& ground, const std::string& name) {
+    FileName(name);
+    if (unlink((Directory() + "/" + name).c_str()) != 0) {
+        throw Problem(Status::not_found, "There is no plugin file '" + name + "' in the user directory.");
+    }
+    co_await Rescan(ground);
+    co_return Reply::Empty();
+}
+
+Task<Reply> Switch(Ground& ground, const std::string& name, const std::string& action) {
+    FileName(name);
+    if (action != "activate" && action != "deactivate") {
+        throw Problem(Status::not_found, "A plugin can be activated and deactivated.");
+    }
+    const json list = co_await Rescan(ground);
+    json plugin;
+    for (const auto& candidate : list["plugins"]) {
+        if (candidate["fileName"] == name) {
+            plugin = candidate;
+        }
+    }
+    if (plugin.is_null()) {
+        throw Problem(Status::not_found, "There is no plugin in a file '" + name + "'.");
+    }
+    const int code = co_await ground.keeper.OnControlThread([&] {
+        const std::string id = plugin["name"].get<std::string>();
+        const std::string version = plugin["version"].get<std::string>();
+        return action == "activate" ? ground.keeper.Service().removePluginFromConfig(id, version)
+                                    : ground.keeper.Service().addPluginToConfig(id, version);
+    });
+    if (code > 1) {
+        throw Problem(code == 4 ? Status::internal_server_error : Status::unprocessable_entity,
+                      code == 4 ? "The list of deactivated plugins cannot be read or written; the log file says why."
+                                : "The plugin has no name or version by which it could be told apart.");
+    }
+    co_return Reply::Empty();
+}
+
+}  // namespace
+
+void AddPluginRequests(QxNHttp::Router& router, Ground& ground) {
+    router.Add(Verb::get, "/plugins", Right::Look, [&ground](Request&) -> Task<Reply> {
+        co_return JsonReply(
+            co_await ground.keeper.OnControlThread([&] { return ground.keeper.Service().listPlugins(); }));
+    });
+    router.Add(Verb::post, "/plugins/rescan", Right::Act,
+               [&ground](Request&) -> Task<Reply> { co_return JsonReply(co_await Rescan(ground)); });
+    router.Add(Verb::put, "/plugins/{file}", Right::Act,
+               [&ground](Request& request) -> Task<Reply> { co_return co_await Upload(ground, request); });
+    router.Add(Verb::delete_, "/plugins/{file}", Right::Act, [&ground](Request& request) -> Task<Reply> {
+        co_return co_await Remove(ground, request.segments[3]);
+    });
+    router.Add(Verb::post, "/plugins/{file}/{action}", Right::Act, [&ground](Request& request) -> Task<Reply> {
+        co_return co_await Switch(ground, request.segments[3], request.segments[4]);
+    });
+}

@@ -1,0 +1,9 @@
+#pragma once
+
+/// Ends the `podman system service` processes among this process's children with SIGKILL; for those that do not hear
+/// SIGTERM because they hang. Nobody else's processes are touched.
+/// @return how many were signalled
+int KillPodmanServices();
+
+/// @return how many `podman system service` processes are among this process's children
+int CountPodmanServices();

@@ -1,0 +1,412 @@
+#include "daemon/ServiceKeeper.h"
+
+#include "QxCContainer.h"
+#include "daemon/PodmanServices.h"
+#include "daemon/Version.h"
+#include "http/Clock.h"
+
+#include <boost/asio/co_spawn.hpp>
+#include <boost/asio/detached.hpp>
+#include <exception>
+
+namespace asio = boost::asio;
+using QxNContainer::QxCContainer;
+using QxNHttp::InBackground;
+using QxNHttp::Problem;
+using QxNHttp::Status;
+using QxNHttp::Task;
+using QxNJson::json;
+
+namespace {
+
+constexpr std::chrono::milliseconds FirstQuestions{100};
+constexpr std::chrono::milliseconds TimeForMessages{200};  ///< between an end and the library's message about it
+constexpr unsigned HighestPort = 65535;
+
+std::string WhyNotInitialised(const QxCContainer& service) {
+    std::string reason;
+    if (!service.HasValidUserStorage(&reason)) {
+        return reason + "; mount it, then enable and start the service";
+    }
+    if (!service.IsContainerServiceEnabled(false)) {
+        return "The container service is disabled; enable it, then start it.";
+    }
+    return "This board cannot run containers; the check and the log file say why.";
+}
+
+json TimeOrNull(const std::optional<std::chrono::system_clock::time_point>& time) {
+    return time ? json(QxNHttp::TimeText(*time)) : json(nullptr);
+}
+
+const char* TextOf(RestartPolicy::Rule rule) {
+    switch (rule) {
+        case RestartPolicy::Rule::Never:
+            return "never";
+        case RestartPolicy::Rule::OnFailure:
+            return "on-failure";
+        case RestartPolicy::Rule::Always:
+            break;
+    }
+    return "always";
+}
+
+}  // namespace
+
+ServiceKeeper::ServiceKeeper(asio::io_context& io, const Options& options, const ServiceManager& serviceManager)
+    : _io(io),
+      _options(options),
+      _serviceManager(serviceManager),
+      _policy(options.restart),
+      _wake(io.get_executor()),
+      _pause(io) {}
+
+ServiceKeeper::~ServiceKeeper() {
+    _asking.join();
+    _control.join();
+}
+
+Task<void> ServiceKeeper::Begin(std::function<void(QxCContainer&)> prepare) {
+    _service = co_await OnControlThread([&] {
+        QxCContainer& service = QxCContainer::GetInstance();
+        prepare(service);
+        _settings = service.GetContainerServiceUserSettings();
+        return &service;
+    });
+    asio::co_spawn(_io, Watch(), asio::detached);
+    if (const auto interval = _serviceManager.WatchdogInterval()) {
+        asio::co_spawn(_io, FeedWatchdog(*interval / 2), asio::detached);
+    }
+}
+
+// --- What people ask for ---
+
+void ServiceKeeper::CheckIdle() const {
+    if (_state == State::Starting || _state == State::Stopping) {
+        throw Problem(Status::conflict,
+                      std::string("The service is just ") + TextOf(_state) + "; try again when that is done.");
+    }
+}
+
+Task<void> ServiceKeeper::Start() {
+    CheckIdle();
+    if (_state == State::Running) {
+        co_return;
+    }
+    _policy.Reset();
+    co_await StartLibrary(_isStarted);
+    if (_state != State::Running) {
+        throw Problem(Status::conflict, _problem);
+    }
+}
+
+Task<void> ServiceKeeper::Stop() {
+    CheckIdle();
+    _policy.Reset();
+    _nextRestart.reset();
+    Enter(State::Stopping);
+    _pause.cancel();
+    co_await StopLibrary();
+    Enter(State::Stopped, "Somebody stopped the service.");
+}
+
+Task<void> ServiceKeeper::Shutdown() {
+    _isEnding = true;
+    _nextRestart.reset();
+    Enter(State::Stopping);
+    _pause.cancel();
+    // Also behind a start that is just going on: the control thread does one after the other.
+    co_await StopLibrary();
+    Enter(State::Stopped);
+}
+
+Task<void> ServiceKeeper::Enable(bool isEnabled) {
+    const bool isWritten = co_await OnControlThread([this, isEnabled] {
+        return isEnabled ? _service->EnableContainerService() : _service->DisableContainerService();
+    });
+    if (!isWritten) {
+        throw Problem(Status::internal_server_error,
+                      "The settings cannot be written; is the configuration drive mounted and writable?");
+    }
+}
+
+Task<void> ServiceKeeper::ChangeSettings(std::optional<unsigned> tcpPort, std::optional<unsigned> cores) {
+    if (tcpPort && (*tcpPort > HighestPort || *tcpPort == 80 || *tcpPort == 111)) {
+        throw Problem(Status::bad_request, "The TCP port must be a number from 0 to 65535, but not 80 or 111.");
+    }
+    auto settings = _settings;
+    settings.tcpPort = tcpPort.value_or(settings.tcpPort);
+    settings.coresNum = cores.value_or(settings.coresNum);
+    const bool isWritten = co_await OnControlThread([this, settings] {
+        const unsigned most = _service->GetMaxAllowedCpuCoreCount();
+        if (settings.coresNum > most) {
+            throw Problem(Status::bad_request,
+                          "Containers can get at most " + std::to_string(most) + " cores of this board.");
+        }
+        return _service->SetContainerServiceUserSettings(settings);
+    });
+    _settings = settings;
+    if (!isWritten) {
+        throw Problem(Status::internal_server_error,
+                      "The settings cannot be written; is the configuration drive mounted and writable?");
+    }
+}
+
+void ServiceKeeper::FailureReported() {
+    _failureReported = true;
+    AskSoon();
+}
+
+// --- The library's life ---
+
+Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
+    Enter(State::Starting);
+    if (isRestart) {
+        co_await StopLibrary();
+    }
+    std::string problem;
+    try {
+        problem = co_await OnControlThread([this, isRestart] {
+            const std::string failure = PrepareAndStart(isRestart);
+            _isStarted = failure.empty();
+            return failure;
+        });
+    } catch (const std::exception& error) {
+        problem = std::string("The board's file system fails: ") + error.what();
+    }
+    if (_isEnding) {
+        co_return;
+    }
+    if (!problem.empty()) {
+        Fail(problem);
+        co_return;
+    }
+    co_await AwaitFirstAnswer();
+}
+
+/// On the control thread.
+/// @return why the service cannot be started; empty when it is
+std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
+    if (!_isInitialised) {
+        if (!_service->init()) {
+            return WhyNotInitialised(*_service);
+        }
+        _isInitialised = true;
+    } else {
+        // init() once more would mount the plugins a second time and run their commands again.
+        if (!isRestart && !_service->IsContainerSystem()) {
+            return WhyNotInitialised(*_service);
+        }
+        if (!_service->AssignCpuCores()) {
+            return "The cores cannot be given to the containers; the check and the log file say why.";
+        }
+    }
+    return _service->Start() ? std::string() : "The thread that watches Podman cannot be created.";
+}
+
+Task<void> ServiceKeeper::StopLibrary() {
+    // A Podman that hangs does not hear the library's SIGTERM, and the library waits for its end.
+    const auto timer = std::make_shared<asio::steady_timer>(_io, _options.termGrace);
+    timer->async_wait([timer](const boost::system::error_code& error) {
+        if (!error) {
+            KillPodmanServices();
+        }
+    });
+    co_await OnControlThread([this] {
+        if (_isStarted) {
+            _service->Stop();
+            _isStarted = false;
+        }
+    });
+    timer->cancel();
+    _isAnswering = false;
+    _startedAt.reset();
+}
+
+Task<void> ServiceKeeper::AwaitFirstAnswer() {
+    const auto end = std::chrono::steady_clock::now() + _options.startDeadline;
+    _failureReported = false;
+    Answer answer;
+    while (!_isEnding && std::chrono::steady_clock::now() < end) {
+        answer = co_await Ask();
+        if (_failureReported && CountPodmanServices() == 0) {
+            Fail("Podman could not be started; the messages say why.");
+            co_return;
+        }
+        if (answer.isGood && !_isEnding) {
+            _startedAt = Clock::now();
+            _policy.Running(*_startedAt);
+            Enter(State::Running);
+            co_return;
+        }
+        co_await Pause(FirstQuestions);
+    }
+    if (!_isEnding) {
+        Fail("Podman has not answered since the start: " + answer.problem);
+    }
+}
+
+// --- Watching ---
+
+Task<ServiceKeeper::Answer> ServiceKeeper::Ask() {
+    if (_isAsking) {
+        co_return Answer{false, "it has not answered the question before"};
+    }
+    _isAsking = true;
+    _askedAt = Clock::now();
+    const bool wantsVersion = _podmanVersion.empty();
+    const auto response =
+        co_await QxNHttp::InBackgroundWithin(_asking, _options.deadline, [this, wantsVersion] {
+            const PodmanResponse said = _service->ExecutePodmanRequest(
+                wantsVersion ? "/libpod/version" : "/libpod/_ping", QxCCurlHandler::Get, {}, {}, false);
+            asio::post(_io, [this] { _isAsking = false; });
+            return said;
+        });
+    Answer answer;
+    if (!response) {
+        answer.problem = "it has not answered within " + std::to_string(_options.deadline.count()) + " ms";
+    } else if (response->httpCode == 0) {
+        answer.problem = "nobody listens on its socket";
+    } else if (response->httpCode != 200) {
+        answer.problem = "it answered " + std::to_string(response->httpCode);
+    } else {
+        answer.isGood = true;
+        const json version = wantsVersion ? json::parse(response->body) : json();
+        if (version.contains("Version") && version["Version"].is_string()) {
+            _podmanVersion = version["Version"].get<std::string>();
+        }
+    }
+    _isAnswering = answer.isGood;
+    if (answer.isGood) {
+        _failureReported = false;
+    }
+    co_return answer;
+}
+
+Task<void> ServiceKeeper::Watch() {
+    using namespace std::chrono;
+    while (!_isEnding) {
+        // Nothing wakes up the daemon while there is nothing to watch.
+        if (_state == State::Running) {
+            const auto timer = std::make_shared<asio::steady_timer>(_io, _options.interval);
+            timer->async_wait([this, timer](const boost::system::error_code& error) {
+                if (!error) {
+                    _wake.Notify();
+                }
+            });
+            co_await _wake.Wait();
+            timer->cancel();
+        } else {
+            co_await _wake.Wait();
+        }
+        if (_state != State::Running) {
+            continue;
+        }
+        const Answer answer = co_await Ask();
+        if (answer.isGood || _state != State::Running) {
+            continue;
+        }
+        // Somebody may read the library's message about it just now.
+        const bool hangs = _isAsking;  // the question is still open
+        co_await Pause(TimeForMessages);
+        if (_state == State::Running) {
+            co_await HandleLoss("Podman is gone: " + answer.problem, hangs || _failureReported);
+        }
+    }
+}
+
+Task<void> ServiceKeeper::HandleLoss(std::string cause, bool isFailure) {
+    for (;;) {
+        std::fprintf(stderr, "qxcontainerd: %s\n", cause.c_str());
+        const bool isLimit = _policy.InARow() >= _policy.Rules().limit;
+        const auto delay = _policy.Lost(Clock::now(), cause, isFailure);
+        if (!delay) {
+            Fail(cause + (isLimit ? ". After so many restarts in a row it is not started again"
+                                  : ". By the rules it is not started again") +
+                 "; start the service by hand.");
+            co_return;
+        }
+        Enter(State::Waiting, cause);
+        _nextRestart = Clock::now() + *delay;
+        co_await Pause(*delay);
+        _nextRestart.reset();
+        if (_state != State::Waiting || _isEnding) {
+            co_return;  // somebody stopped or started the service meanwhile
+        }
+        ++_restarts;
+        co_await StartLibrary(true);
+        if (_state != State::Failed) {
+            co_return;
+        }
+        cause = _problem;
+        isFailure = true;
+    }
+}
+
+Task<void> ServiceKeeper::FeedWatchdog(std::chrono::microseconds interval) {
+    for (;;) {
+        _serviceManager.Tell("WATCHDOG=1");
+        co_await asio::steady_timer(_io, interval).async_wait(asio::use_awaitable);
+    }
+}
+
+Task<void> ServiceKeeper::Pause(std::chrono::steady_clock::duration time) {
+    _pause.expires_after(time);
+    boost::system::error_code ignored;
+    co_await _pause.async_wait(asio::redirect_error(asio::use_awaitable, ignored));
+}
+
+void ServiceKeeper::Fail(const std::string& problem) { Enter(State::Failed, problem); }
+
+void ServiceKeeper::Enter(State state, const std::string& problem) {
+    _state = state;
+    _problem = problem;
+    _serviceManager.Tell(std::string("STATUS=Container service ") + TextOf(state) +
+                         (problem.empty() ? "" : ": " + problem));
+    std::printf("qxcontainerd: %s%s%s\n", TextOf(state), problem.empty() ? "" : ": ", problem.c_str());
+    std::fflush(stdout);
+    _wake.Notify();
+}
+
+const char* ServiceKeeper::TextOf(State state) {
+    switch (state) {
+        case State::Starting:
+            return "starting";
+        case State::Running:
+            return "running";
+        case State::Stopping:
+            return "stopping";
+        case State::Stopped:
+            return "stopped";
+        case State::Waiting:
+            return "waiting";
+        case State::Failed:
+            break;
+    }
+    return "failed";
+}
+
+json ServiceKeeper::Describe() const {
+    json history = json::array();
+    for (const RestartPolicy::Loss& loss : _policy.History()) {
+        history.push_back(json{{"time", QxNHttp::TimeText(loss.time)}, {"cause", loss.cause}});
+    }
+    json service = json::object();
+    service["version"] = DaemonVersion;
+    service["enabled"] = _service->IsContainerServiceEnabled(false);
+    service["state"] = TextOf(_state);
+    service["problem"] = _problem;
+    service["startedAt"] = TimeOrNull(_startedAt);
+    service["settings"] = json{{"tcpPort", _settings.tcpPort},
+                               {"cores", _settings.coresNum},
+                               {"maximumCores", _service->GetMaxAllowedCpuCoreCount()}};
+    service["podman"] = json{{"answering", _isAnswering},
+                             {"version", _podmanVersion},
+                             {"askedAt", TimeOrNull(_askedAt)},
+                             {"problem", _isAnswering ? "" : _problem}};
+    service["restarts"] = json{{"policy", ::TextOf(_options.restart.rule)},
+                               {"limit", _options.restart.limit},
+                               {"inARow", _policy.InARow()},
+                               {"nextAt", TimeOrNull(_nextRestart)},
+                               {"history", history}};
+    return service;
+}

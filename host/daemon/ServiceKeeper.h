@@ -1,0 +1,128 @@
+#pragma once
+
+#include "QxCCTESettings.h"
+#include "QxNJson.h"
+#include "daemon/RestartPolicy.h"
+#include "daemon/ServiceManager.h"
+#include "http/Background.h"
+#include "http/Message.h"
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+
+namespace QxNContainer {
+class QxCContainer;
+}
+
+/// Takes the container service through its life and watches Podman.
+///
+/// The library reports that Podman ended and leaves the rest to its host: here a policy decides, and a question in
+/// regular intervals notices a Podman that hangs as well as one that is gone. What somebody stopped stays stopped.
+///
+/// Everything belongs to the thread of the io_context; the library's control operations run on a thread of their own,
+/// one after the other.
+class ServiceKeeper {
+public:
+    struct Options {
+        RestartPolicy::Options restart;
+        std::chrono::milliseconds interval{10000};      ///< between two questions to Podman
+        std::chrono::milliseconds deadline{5000};       ///< for an answer
+        std::chrono::milliseconds startDeadline{120000};  ///< for the first one: containers start before Podman does
+        std::chrono::milliseconds termGrace{10000};     ///< from a stop until Podman services are killed
+    };
+
+    ServiceKeeper(boost::asio::io_context& io, const Options& options, const ServiceManager& serviceManager);
+    ServiceKeeper(const ServiceKeeper&) = delete;
+    ServiceKeeper& operator=(const ServiceKeeper&) = delete;
+    ~ServiceKeeper();
+
+    /// Makes the library's object, applies settings and begins to watch. To be called once, before all others.
+    /// @param prepare  runs on the control thread before anything else
+    QxNHttp::Task<void> Begin(std::function<void(QxNContainer::QxCContainer&)> prepare);
+
+    /// Starts the service and waits until Podman answers; a service that runs already is fine.
+    /// @throws Problem conflict with the reason when that is not possible
+    QxNHttp::Task<void> Start();
+    /// Stops the service and all containers; no policy starts it again.
+    QxNHttp::Task<void> Stop();
+    /// Stops the service for the end of the daemon, whatever it is just doing.
+    QxNHttp::Task<void> Shutdown();
+    /// @throws Problem when the settings cannot be written
+    QxNHttp::Task<void> Enable(bool isEnabled);
+    /// @throws Problem when they are refused or cannot be written
+    QxNHttp::Task<void> ChangeSettings(std::optional<unsigned> tcpPort, std::optional<unsigned> cores);
+
+    /// Asks Podman at once, because something happened.
+    void AskSoon() { _wake.Notify(); }
+    /// A message of the library says that something failed.
+    void FailureReported();
+
+    /// Runs something on the control thread.
+    template <typename Function>
+    auto OnControlThread(Function function) {
+        return QxNHttp::InBackground(_control, std::move(function));
+    }
+
+    /// @return the service as the interface shows it
+    QxNJson::json Describe() const;
+    const QxCCTESettings::QxSUserSettings& Settings() const { return _settings; }
+    bool IsAnswering() const { return _isAnswering; }
+    std::string Version() const { return _podmanVersion; }
+    /// @return why the service does not run; empty when it does
+    /// @return whether the service is just starting or stopping
+    bool IsBusy() const { return _state == State::Starting || _state == State::Stopping; }
+    const std::string& TheProblem() const { return _problem; }
+    unsigned Restarts() const { return _restarts; }
+    QxNContainer::QxCContainer& Service() { return *_service; }
+
+private:
+    using Clock = std::chrono::system_clock;
+    enum class State { Starting, Running, Stopping, Stopped, Waiting, Failed };
+    struct Answer {
+        bool isGood = false;
+        std::string problem;
+    };
+
+    static const char* TextOf(State state);
+    void CheckIdle() const;
+    QxNHttp::Task<void> StartLibrary(bool isRestart);
+    QxNHttp::Task<void> StopLibrary();
+    std::string PrepareAndStart(bool isRestart);
+    QxNHttp::Task<void> AwaitFirstAnswer();
+    QxNHttp::Task<Answer> Ask();
+    QxNHttp::Task<void> Watch();
+    QxNHttp::Task<void> HandleLoss(std::string cause, bool isFailure);
+    QxNHttp::Task<void> FeedWatchdog(std::chrono::microseconds interval);
+    QxNHttp::Task<void> Pause(std::chrono::steady_clock::duration time);
+    void Fail(const std::string& problem);
+    void Enter(State state, const std::string& problem = {});
+
+    boost::asio::io_context& _io;
+    const Options _options;
+    const ServiceManager& _serviceManager;
+    RestartPolicy _policy;
+    boost::asio::thread_pool _control{1};
+    boost::asio::thread_pool _asking{1};
+    QxNHttp::Event _wake;
+    boost::asio::steady_timer _pause;
+    QxNContainer::QxCContainer* _service = nullptr;
+    QxCCTESettings::QxSUserSettings _settings;  ///< as the control thread read or wrote them last
+
+    State _state = State::Stopped;
+    std::string _problem;
+    bool _isEnding = false;
+    bool _isInitialised = false;    ///< init() succeeded in this process: not to be called again
+    bool _isStarted = false;        ///< Start() succeeded and Stop() has not been called since
+    bool _isAsking = false;         ///< a question is still under way, perhaps for ever
+    bool _isAnswering = false;
+    bool _failureReported = false;  ///< since the last good answer
+    unsigned _restarts = 0;
+    std::string _podmanVersion;
+    std::optional<Clock::time_point> _startedAt;
+    std::optional<Clock::time_point> _askedAt;
+    std::optional<Clock::time_point> _nextRestart;
+};

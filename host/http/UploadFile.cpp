@@ -1,0 +1,77 @@
+#include "http/UploadFile.h"
+
+#include "http/Background.h"
+
+#include <fcntl.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+
+namespace QxNHttp {
+
+namespace {
+
+constexpr mode_t FileMode = 0644;
+
+Problem WriteProblem(const std::string& directory, int error) {
+    if (error == ENOSPC || error == EDQUOT) {
+        return {Status::insufficient_storage,
+                "There is no room in " + directory + "; remove images or files that are not needed. Nothing was kept."};
+    }
+    return {Status::internal_server_error, "Writing in " + directory + " fails: " + strerror(error)};
+}
+
+UploadedFile MakeFile(const std::string& directory, QxNSupport::UniqueFd& output) {
+    std::error_code ignored;
+    std::filesystem::create_directories(directory, ignored);
+    std::string path = directory + "/.upload-XXXXXX";
+    output = QxNSupport::UniqueFd(mkostemp(path.data(), O_CLOEXEC));
+    if (!output.IsOpen()) {
+        throw WriteProblem(directory, errno);
+    }
+    return {path, 0};
+}
+
+std::string DirectoryOf(const UploadedFile& file) {
+    return std::filesystem::path(file.Path()).parent_path().string();
+}
+
+}  // namespace
+
+UploadTarget::UploadTarget(const std::string& directory, std::optional<std::uint64_t> expected)
+    : _file(MakeFile(directory, _output)) {
+    struct statvfs disk {};
+    if (expected && fstatvfs(_output.Get(), &disk) == 0 && *expected / disk.f_frsize >= disk.f_bavail) {
+        throw WriteProblem(directory, ENOSPC);
+    }
+}
+
+Task<void> UploadTarget::Write(const char* data, size_t size) {
+    co_await InBackground(DiskThread(), [&] {
+        for (size_t done = 0; done < size;) {
+            const ssize_t count = write(_output.Get(), data + done, size - done);
+            if (count < 0 && errno != EINTR) {
+                throw WriteProblem(DirectoryOf(_file), errno);
+            }
+            done += count > 0 ? static_cast<size_t>(count) : 0;
+        }
+    });
+    _written += size;
+}
+
+Task<UploadedFile> UploadTarget::Finish() {
+    co_await InBackground(DiskThread(), [&] {
+        if (fchmod(_output.Get(), FileMode) != 0 || fsync(_output.Get()) != 0) {
+            throw WriteProblem(DirectoryOf(_file), errno);
+        }
+    });
+    _output.Reset();
+    UploadedFile unsized = std::move(_file);
+    UploadedFile finished(unsized.Release(), _written);
+    co_return finished;
+}
+
+}  // namespace QxNHttp

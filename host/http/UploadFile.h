@@ -1,0 +1,30 @@
+#pragma once
+
+#include "http/Message.h"
+
+#include <optional>
+#include <string>
+
+namespace QxNHttp {
+
+/// The file that a body is written to, on a thread for disks so that a slow one holds up nobody else. Goes when it is
+/// not finished.
+class UploadTarget {
+public:
+    /// @param directory  made when it is missing
+    /// @param expected   bytes to come, when they are known
+    /// @throws Problem when the file cannot be made, or when the expected bytes do not fit
+    UploadTarget(const std::string& directory, std::optional<std::uint64_t> expected);
+
+    /// @throws Problem when the disk is full or fails
+    Task<void> Write(const char* data, size_t size);
+    /// @return the file, safe on the disk
+    Task<UploadedFile> Finish();
+
+private:
+    UploadedFile _file;
+    QxNSupport::UniqueFd _output;
+    std::uint64_t _written = 0;
+};
+
+}  // namespace QxNHttp
