@@ -43,7 +43,13 @@ bool ForEachFrame(const unsigned char* bytes, const unsigned char* end, Sink& si
     return true;
 }
 
-/// Appends to `pending` what its frame still lacks, as far as the bytes have it.
+/// @return whether there is more than an incomplete frame, which Demultiplex() itself never leaves
+inline bool HoldsFrame(const std::vector<unsigned char>& pending) {
+    return pending.size() >= FrameHeaderSize &&
+           pending.size() - FrameHeaderSize >= PayloadLengthOf(pending.data());
+}
+
+/// Appends to `pending`, which holds no whole frame, what its frame still lacks, as far as the bytes have it.
 /// @param bytes  receives where what was not taken begins
 /// @return whether the frame is complete
 inline bool CompleteFrame(std::vector<unsigned char>& pending, const unsigned char*& bytes,
@@ -64,12 +70,20 @@ inline bool CompleteFrame(std::vector<unsigned char>& pending, const unsigned ch
 /// Takes one chunk of the stream. Whole frames go to the sink straight from the chunk; only a frame that is
 /// not complete yet is copied, so that a frame in many pieces costs each byte once, and memory grows with the
 /// bytes that arrived, whatever a header claims.
-/// @param pending  the incomplete frame at the end of what came before; afterwards that at the end of this
-/// chunk
+/// @param pending  the incomplete frame at the end of what came before, or any bytes of the stream up to the
+///                 chunk; afterwards the incomplete frame at the end of this chunk
 /// @return false when the sink refused a payload; nothing is pending then
 template <typename Sink>
 bool Demultiplex(std::vector<unsigned char>& pending, const unsigned char* bytes, size_t length, Sink sink) {
     const unsigned char* const end = bytes + length;
+    if (HoldsFrame(pending)) {
+        const unsigned char* rest = nullptr;
+        if (!ForEachFrame(pending.data(), pending.data() + pending.size(), sink, rest)) {
+            pending.clear();
+            return false;
+        }
+        pending.erase(pending.begin(), pending.begin() + (rest - pending.data()));
+    }
     if (!pending.empty()) {
         if (!CompleteFrame(pending, bytes, end)) {
             return true;

@@ -146,6 +146,20 @@ TEST(Demux, OfNothingDoesNothing) {
     EXPECT_THAT(outcome.pending, IsEmpty());
 }
 
+TEST(Demux, TakesWholeFramesOutOfPendingToo) {
+    for (size_t held = 0; held <= Sequence.size(); ++held) {
+        for (const size_t accepted : {SIZE_MAX, size_t{0}, size_t{1}, size_t{2}, size_t{3}}) {
+            Outcome ours;
+            ours.pending.assign(BytesOf(Sequence), BytesOf(Sequence) + held);
+            ours.accepted = accepted;
+            Outcome plain = ours;
+            Feed(ours, Sequence.substr(held));
+            FeedPlainly(plain, Sequence.substr(held));
+            ASSERT_EQ(ours, plain) << held << " " << accepted;
+        }
+    }
+}
+
 TEST(Demux, ARefusalLeavesNothingPending) {
     for (size_t split = 0; split < Sequence.size(); ++split) {
         Outcome ours;
