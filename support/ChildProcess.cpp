@@ -2,17 +2,50 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <cstdlib>
 #include <mutex>
+#include <optional>
 
 namespace QxNSupport {
 
 namespace {
 
 std::mutex environmentMutex;
+
+/// What a child has to be given besides its descriptors: SIGPIPE as programs expect it. libcurl ignores it in
+/// the whole process while a transfer runs.
+class SpawnAttributes {
+public:
+    SpawnAttributes() {
+        struct sigaction current {};
+        if (sigaction(SIGPIPE, nullptr, &current) != 0 || current.sa_handler != SIG_IGN) {
+            return;
+        }
+        sigset_t pipe;
+        sigemptyset(&pipe);
+        sigaddset(&pipe, SIGPIPE);
+        posix_spawnattr_init(&_attributes.emplace());
+        posix_spawnattr_setsigdefault(&*_attributes, &pipe);
+        posix_spawnattr_setflags(&*_attributes, POSIX_SPAWN_SETSIGDEF);
+    }
+    SpawnAttributes(const SpawnAttributes&) = delete;
+    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+    ~SpawnAttributes() {
+        if (_attributes) {
+            posix_spawnattr_destroy(&*_attributes);
+        }
+    }
+
+    /// @return null when there is nothing to change
+    const posix_spawnattr_t* Get() const { return _attributes ? &*_attributes : nullptr; }
+
+private:
+    std::optional<posix_spawnattr_t> _attributes;
+};
 
 }  // namespace
 
@@ -41,9 +74,10 @@ SpawnResult Spawn(const char* path, const std::vector<std::string>& arguments,
 }
 
 SpawnResult Spawn(const char* path, char* const* arguments, const posix_spawn_file_actions_t* actions) {
+    const SpawnAttributes attributes;
     const std::lock_guard lock(environmentMutex);
     SpawnResult result;
-    result.error = posix_spawn(&result.pid, path, actions, nullptr, arguments, environ);
+    result.error = posix_spawn(&result.pid, path, actions, attributes.Get(), arguments, environ);
     if (result.error != 0) {
         result.pid = -1;
     }
