@@ -60,6 +60,8 @@ void QxCContainer::LogStreamCloseHandler(const void* /*data*/, unsigned int /*le
 
 PodmanResponse QxCContainer::StreamPodmanRequest(
     const std::string& endpoint, QxCCurlHandler::MethodType method, const std::vector<std::string>& headers,
+    // The public signature takes the session by value.
+    // NOLINTNEXTLINE(performance-unnecessary-value-param)
     QxCErrorListPool& errors, std::shared_ptr<QxSLogStreamSession> session, QxCWebSocket* ws) {
     if (session == nullptr) {
         return {};
