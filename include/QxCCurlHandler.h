@@ -37,19 +37,22 @@ public:
     /// Sends the request to a Unix domain socket, whatever host the URL names; replaces SetTcpSocket.
     void SetUnixSocket(const std::string& path);
     /// Sends the request to 127.0.0.1 on a port, whatever host the URL names; replaces SetUnixSocket.
+    /// When the environment names a proxy (http_proxy), the request goes there instead, unless no_proxy
+    /// excepts the URL's host.
     void SetTcpSocket(unsigned short port);
     /// Replaces all custom header lines; an empty vector clears them.
     void SetHeaders(const std::vector<std::string>& headers);
     /// Sends a text as the request body; copied.
     void SetPayload(const std::string& payload);
     /// Sends a file as the request body, with its size at the time of the call; libcurl makes a GET request a
-    /// POST then. A file that cannot be opened is logged and leaves the request as it was. The file must not
-    /// shrink before Execute() has returned: the server would wait for the rest.
+    /// POST then. A file that cannot be opened, a directory or a named pipe is logged and leaves the request
+    /// as it was. The file must not shrink before Execute() has returned: the server would wait for the rest.
     void UploadFile(const std::string& path);
     /// Replaces the method; a value that is none of MethodType is logged and leaves libcurl's default. A POST
     /// without payload and file has an empty body.
     void SetMethodType(const MethodType& method);
-    /// Hands body bytes to `callback` as they arrive instead of collecting them; empty switches back.
+    /// Hands body bytes to `callback` as they arrive instead of collecting them; empty switches back. What it
+    /// throws ends the transfer and leaves Execute().
     void SetStreamCallback(StreamCallback callback);
     /// Ends the transfer soon after the flag reads true, also while no data flows.
     /// @param flag  not owned, must outlive Execute(); null for none
@@ -57,6 +60,7 @@ public:
 
     /// Performs the request; blocks until it ends, without a time limit of its own.
     /// @return the response body; empty when a stream callback received it
+    /// @throws what the stream callback throws; std::bad_alloc or std::length_error for a body too large
     std::string Execute();
 
     /// @return the HTTP status code of the last Execute(); 0 when no response arrived
@@ -79,6 +83,9 @@ private:
         }
     };
 
+    /// Where the request's body comes from.
+    enum class Body { None, Payload, File };
+
     static size_t WriteCallback(char* data, size_t size, size_t count, void* userdata);
     static size_t StreamWriteCallback(char* data, size_t size, size_t count, void* userdata);
     static size_t ReadCallback(char* buffer, size_t size, size_t count, void* userdata);
@@ -94,4 +101,5 @@ private:
     std::string _url;
     StreamCallback _streamCallback;
     const std::atomic<bool>* _abortFlag = nullptr;
+    Body _body = Body::None;
 };

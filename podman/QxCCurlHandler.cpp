@@ -3,14 +3,31 @@
 #include "support/Log.h"
 
 #include <sys/stat.h>
+#include <exception>
 #include <utility>
 
 namespace {
 
 /// A directory can be opened and has a size but no content: the server would wait for a body without end.
-bool IsDirectory(FILE& file) {
+/// Opening a pipe waits for who writes into it.
+bool HasNoContent(const std::string& path) {
     struct stat info {};
-    return fstat(fileno(&file), &info) == 0 && S_ISDIR(info.st_mode);
+    return stat(path.c_str(), &info) == 0 && (S_ISDIR(info.st_mode) || S_ISFIFO(info.st_mode));
+}
+
+/// What left a write callback on this thread. libcurl must not see it: it would neither close the connection
+/// nor restore the signals of the process.
+thread_local std::exception_ptr callbackFailure;
+
+/// @return what the callback does; 0, which ends the transfer, when it throws
+template <typename Callback>
+size_t KeepFailure(Callback callback) {
+    try {
+        return callback();
+    } catch (...) {
+        callbackFailure = std::current_exception();
+        return 0;
+    }
 }
 
 }  // namespace
@@ -54,11 +71,12 @@ void QxCCurlHandler::SetPayload(const std::string& payload) {
     _payload = payload;
     curl_easy_setopt(_curl.get(), CURLOPT_POSTFIELDS, _payload.c_str());
     curl_easy_setopt(_curl.get(), CURLOPT_POSTFIELDSIZE, static_cast<long>(_payload.size()));
+    _body = Body::Payload;
 }
 
 void QxCCurlHandler::UploadFile(const std::string& path) {
-    std::unique_ptr<FILE, FileDeleter> file(fopen(path.c_str(), "rb"));
-    if (file == nullptr || IsDirectory(*file)) {
+    std::unique_ptr<FILE, FileDeleter> file(HasNoContent(path) ? nullptr : fopen(path.c_str(), "rb"));
+    if (file == nullptr) {
         QxCRTE_LOG_Impl(RteLogLevel::Error, "Quolex Container CURL Handler:Error opening file: %s\n",
                         path.c_str());
         return;
@@ -73,12 +91,17 @@ void QxCCurlHandler::UploadFile(const std::string& path) {
             // The handle still refers to the file that was closed just now.
             curl_easy_setopt(_curl.get(), CURLOPT_READDATA, _uploadFile.get());
         }
+        if (_body == Body::File) {
+            curl_easy_setopt(_curl.get(), CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t{0});
+            _body = Body::None;
+        }
         return;
     }
     curl_easy_setopt(_curl.get(), CURLOPT_POSTFIELDS, nullptr);
     curl_easy_setopt(_curl.get(), CURLOPT_READFUNCTION, ReadCallback);
     curl_easy_setopt(_curl.get(), CURLOPT_READDATA, _uploadFile.get());
     curl_easy_setopt(_curl.get(), CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(info.st_size));
+    _body = Body::File;
     QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose,
                       "Quolex Container CURL Handler:Upload configured: file=%s, size=%lld bytes\n",
                       path.c_str(), static_cast<long long>(info.st_size));
@@ -95,7 +118,7 @@ void QxCCurlHandler::SetMethodType(const MethodType& method) {
         case Post:
             curl_easy_setopt(_curl.get(), CURLOPT_POST, 1L);
             // Without a body and its size libcurl would send what it reads from standard input.
-            if (_payload.empty() && _uploadFile == nullptr) {
+            if (_body == Body::None) {
                 curl_easy_setopt(_curl.get(), CURLOPT_POSTFIELDSIZE, 0L);
             }
             break;
@@ -128,13 +151,18 @@ std::string QxCCurlHandler::Execute() {
     }
     QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose, "Quolex Container CURL Handler:Executing request: %s\n",
                       _url.c_str());
+    callbackFailure = nullptr;
     const CURLcode code = curl_easy_perform(_curl.get());
+    const std::exception_ptr failure = std::exchange(callbackFailure, nullptr);
     if (code != CURLE_OK) {
         QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose,
                           "Quolex Container CURL Handler:Error message from CurlHandler: %s\n",
                           curl_easy_strerror(code));
     }
     curl_easy_getinfo(_curl.get(), CURLINFO_RESPONSE_CODE, &_httpCode);
+    if (failure != nullptr) {
+        std::rethrow_exception(failure);
+    }
     QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose, "Quolex Container CURL Handler:Response: %s\n",
                       result.c_str());
     QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose, "Quolex Container CURL Handler:HttpCode: %d\n",
@@ -145,8 +173,10 @@ std::string QxCCurlHandler::Execute() {
 int QxCCurlHandler::GetHttpCode() { return static_cast<int>(_httpCode); }
 
 size_t QxCCurlHandler::WriteCallback(char* data, size_t size, size_t count, void* userdata) {
-    static_cast<std::string*>(userdata)->append(data, size * count);
-    return size * count;
+    return KeepFailure([&] {
+        static_cast<std::string*>(userdata)->append(data, size * count);
+        return size * count;
+    });
 }
 
 size_t QxCCurlHandler::StreamWriteCallback(char* data, size_t size, size_t count, void* userdata) {
@@ -154,7 +184,7 @@ size_t QxCCurlHandler::StreamWriteCallback(char* data, size_t size, size_t count
     if (handler == nullptr || !handler->_streamCallback) {
         return size * count;
     }
-    return handler->_streamCallback(data, size * count);
+    return KeepFailure([&] { return handler->_streamCallback(data, size * count); });
 }
 
 size_t QxCCurlHandler::ReadCallback(char* buffer, size_t size, size_t count, void* userdata) {

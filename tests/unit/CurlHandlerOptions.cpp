@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <mutex>
 
 #undef curl_easy_setopt
@@ -17,6 +18,11 @@ std::mutex entriesMutex;
 std::vector<std::string> entries;
 void (*cleanupCallback)() = nullptr;
 std::atomic<int> fstatsUntilFailure{-1};
+std::atomic<bool> initFails{false};
+std::atomic<size_t> claimedBody{0};
+std::atomic<void*> readData{nullptr};
+thread_local curl_write_callback writeFunction = nullptr;
+thread_local void* writeData = nullptr;
 
 template <typename Function>
 Function* Real(const char* name) {
@@ -30,6 +36,14 @@ void Add(const std::string& entry) {
     }
 }
 
+std::string TextOf(const curl_slist* list) {
+    std::string text;
+    for (const auto* item = list; item != nullptr; item = item->next) {
+        text.append(text.empty() ? "" : "|").append(item->data);
+    }
+    return text;
+}
+
 std::string TextOf(const curl_easyoption& option, const void* value) {
     if (value == nullptr) {
         return "null";
@@ -37,14 +51,18 @@ std::string TextOf(const curl_easyoption& option, const void* value) {
     if (option.type == CURLOT_STRING) {
         return static_cast<const char*>(value);
     }
-    if (option.type != CURLOT_SLIST) {
-        return "set";
+    return option.type == CURLOT_SLIST ? TextOf(static_cast<const curl_slist*>(value)) : "set";
+}
+
+/// Keeps what the test needs of the values that were set.
+void Remember(CURLoption option, void* value) {
+    if (option == CURLOPT_READDATA) {
+        readData = value;
+    } else if (option == CURLOPT_WRITEFUNCTION) {
+        writeFunction = reinterpret_cast<curl_write_callback>(value);
+    } else if (option == CURLOPT_WRITEDATA) {
+        writeData = value;
     }
-    std::string text;
-    for (const auto* item = static_cast<const curl_slist*>(value); item != nullptr; item = item->next) {
-        text.append(text.empty() ? "" : "|").append(item->data);
-    }
-    return text;
 }
 
 }  // namespace
@@ -63,6 +81,12 @@ std::vector<std::string> Recorded() {
 }
 
 void OnCleanup(void (*callback)()) { cleanupCallback = callback; }
+
+void Note(const std::string& entry) { Add(entry); }
+
+void FailInit() { initFails = true; }
+
+void ClaimBody(size_t size) { claimedBody = size; }
 
 void FailFstatAfter(int passing) { fstatsUntilFailure = passing; }
 
@@ -87,6 +111,7 @@ CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
     } else {
         void* value = va_arg(arguments, void*);
         Add(std::string(info->name) + "=" + TextOf(*info, value));
+        Remember(option, value);
         result = real(handle, option, value);
     }
     va_end(arguments);
@@ -96,7 +121,31 @@ CURLcode curl_easy_setopt(CURL* handle, CURLoption option, ...) {
 CURLcode curl_easy_perform(CURL* handle) {
     static auto* const real = Real<CURLcode(CURL*)>("curl_easy_perform");
     Add("perform");
+    if (const size_t size = claimedBody.exchange(0)) {
+        char first = 'x';
+        return writeFunction(&first, 1, size, writeData) == size ? CURLE_OK : CURLE_WRITE_ERROR;
+    }
     return real(handle);
+}
+
+CURL* curl_easy_init() {
+    static auto* const real = Real<CURL*()>("curl_easy_init");
+    return initFails.exchange(false) ? nullptr : real();
+}
+
+void curl_slist_free_all(curl_slist* list) {
+    static auto* const real = Real<void(curl_slist*)>("curl_slist_free_all");
+    Add("free " + TextOf(list));
+    real(list);
+}
+
+int fclose(FILE* file) {
+    static auto* const real = Real<int(FILE*)>("fclose");
+    if (file == readData) {
+        Add("fclose");
+        readData = nullptr;
+    }
+    return real(file);
 }
 
 void curl_easy_cleanup(CURL* handle) {

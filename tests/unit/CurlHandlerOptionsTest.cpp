@@ -2,9 +2,9 @@
 #include "QxCCurlHandler.h"
 #include "Recording.h"
 #include "Sandbox.h"
-#include "ScriptedServer.h"
 
 #include <gmock/gmock.h>
+#include <stdexcept>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -54,7 +54,7 @@ TEST_F(CurlHandlerOptions, AreSetAtOnceByTheSetters) {
     curl.SetHeaders({"A: 1", "B: 2"});
     EXPECT_THAT(Set(), ElementsAre("HTTPHEADER=A: 1|B: 2"));
     curl.SetHeaders({});
-    EXPECT_THAT(Set(), ElementsAre("HTTPHEADER=null"));
+    EXPECT_THAT(Set(), ElementsAre("free A: 1|B: 2", "HTTPHEADER=null"));
     curl.SetPayload("12345");
     EXPECT_THAT(Set(), ElementsAre("POSTFIELDS=set", "POSTFIELDSIZE=5"));
     curl.SetStreamCallback([](const char*, size_t length) { return length; });
@@ -66,8 +66,22 @@ TEST_F(CurlHandlerOptions, AreSetAtOnceByTheSetters) {
 TEST_F(CurlHandlerOptions, OfPortsAreWrittenWithoutLeadingZeros) {
     curl.SetTcpSocket(0);
     curl.SetTcpSocket(65535);
-    EXPECT_THAT(Set(), ElementsAre("UNIX_SOCKET_PATH=null", "CONNECT_TO=::127.0.0.1:0",
-                                   "UNIX_SOCKET_PATH=null", "CONNECT_TO=::127.0.0.1:65535"));
+    EXPECT_THAT(Set(),
+                ElementsAre("UNIX_SOCKET_PATH=null", "CONNECT_TO=::127.0.0.1:0", "UNIX_SOCKET_PATH=null",
+                            "free ::127.0.0.1:0", "CONNECT_TO=::127.0.0.1:65535"));
+}
+
+TEST_F(CurlHandlerOptions, FreeTheListBeforeBeforeTheNewOneIsSet) {
+    curl.SetTcpSocket(1);
+    curl.SetHeaders({"A: 1"});
+    Set();
+    curl.SetHeaders({"B: 2"});
+    EXPECT_THAT(Set(), ElementsAre("free A: 1", "HTTPHEADER=B: 2"));
+    curl.SetTcpSocket(2);
+    EXPECT_THAT(Set(),
+                ElementsAre("UNIX_SOCKET_PATH=null", "free ::127.0.0.1:1", "CONNECT_TO=::127.0.0.1:2"));
+    curl.SetUnixSocket("/run/s");
+    EXPECT_THAT(Set(), ElementsAre("free ::127.0.0.1:2", "CONNECT_TO=null", "UNIX_SOCKET_PATH=/run/s"));
 }
 
 TEST_F(CurlHandlerOptions, OfMethodsAreResetBeforeOneIsSet) {
@@ -122,11 +136,69 @@ TEST(CurlHandlerEnd, ClosesTheUploadFileBeforeTheHandleGoes) {
     EXPECT_EQ(CurlOptions::Recorded().back(), "cleanup");
 }
 
+TEST(CurlHandlerEnd, TakesCallbackListsAndFileBeforeTheHandle) {
+    Sandbox::WriteFile("/tmp/file", "x");
+    const auto noteEnd = [](const int* value) {
+        delete value;
+        CurlOptions::Note("callback");
+    };
+    {
+        QxCCurlHandler curl;
+        curl.UploadFile("/tmp/file");
+        curl.SetHeaders({"A: 1"});
+        curl.SetTcpSocket(1);
+        curl.SetStreamCallback([token = std::shared_ptr<int>(new int, noteEnd)](const char*, size_t length) {
+            return token != nullptr ? length : 0;
+        });
+        CurlOptions::Record();
+    }
+    EXPECT_THAT(CurlOptions::Recorded(),
+                ElementsAre("callback", "free ::127.0.0.1:1", "free A: 1", "fclose", "cleanup"));
+}
+
+TEST(CurlHandlerWithoutAHandle, DoesNothingAndGivesNothing) {
+    Sandbox::WriteFile("/tmp/file", "x");
+    CurlOptions::FailInit();
+    CurlOptions::Record();
+    {
+        QxCCurlHandler curl;
+        const std::atomic<bool> abort{false};
+        curl.SetUrl("http://d/x");
+        curl.SetTcpSocket(1);
+        curl.SetUnixSocket("/run/s");
+        curl.SetHeaders({"A: 1"});
+        curl.SetPayload("text");
+        curl.SetMethodType(QxCCurlHandler::Post);
+        curl.UploadFile("/tmp/file");
+        curl.SetStreamCallback([](const char*, size_t length) { return length; });
+        curl.SetAbortFlag(&abort);
+
+        EXPECT_EQ(curl.Execute(), "");
+        EXPECT_EQ(curl.GetHttpCode(), 0);
+    }
+    EXPECT_THAT(CurlOptions::Recorded(), Not(Contains("cleanup")));
+    EXPECT_THAT(Recording::Logs(), IsEmpty());
+}
+
 TEST(CurlCallbacks, WriteAppendsAndTakesAll) {
     std::string target = "a";
     EXPECT_EQ(CurlHandlerTest::Write(target, "bcdefg", 2, 3), 6U);
     EXPECT_EQ(target, "abcdefg");
     EXPECT_EQ(CurlHandlerTest::Write(target, "", 1, 0), 0U);
+}
+
+TEST(CurlCallbacks, WriteOfMoreThanATextCanHoldLeavesExecuteAsALengthError) {
+    std::string target = "a";
+    EXPECT_EQ(CurlHandlerTest::Write(target, "x", 1, target.max_size()), 0U) << "libcurl must not see it";
+    EXPECT_EQ(target, "a");
+
+    QxCCurlHandler curl;
+    CurlOptions::ClaimBody(1);
+    EXPECT_EQ(curl.Execute(), "x") << "what happened outside of it does not count";
+    CurlOptions::ClaimBody(target.max_size() + 1);
+    EXPECT_THROW(curl.Execute(), std::length_error);
+    CurlOptions::ClaimBody(1);
+    EXPECT_EQ(curl.Execute(), "x");
 }
 
 TEST(CurlCallbacks, StreamWriteDropsWithoutAHandlerOrACallback) {

@@ -5,11 +5,8 @@
 
 #include <gmock/gmock.h>
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
-using testing::StartsWith;
 
 namespace {
 
@@ -270,6 +267,20 @@ TEST(CurlHandlerLog, TellsRequestAndAnswerWhenVerbose) {
                             "[DEBUG_VERBOSE] Quolex Container CURL Handler:Response: unix\n",
                             "[DEBUG_VERBOSE] Quolex Container CURL Handler:HttpCode: 200\n"));
     EXPECT_THAT(Recording::Messages(), IsEmpty());
+}
+
+TEST(CurlHandlerLog, TellsTheWholeBody) {
+    Recording::TheScript().logLevel = "DEBUG_VERBOSE";
+    const std::string body = std::string(898, 'a') + "%s";
+    const ScriptedServer server(SocketPath, ScriptedServer::Answer(200, body));
+    QxCCurlHandler curl;
+    curl.SetUnixSocket(SocketPath);
+    curl.SetUrl("http://d/x");
+
+    curl.Execute();
+
+    EXPECT_EQ(Recording::Logs().at(1),
+              "[DEBUG_VERBOSE] Quolex Container CURL Handler:Response: " + body + "\n");
 }
 
 TEST(CurlHandlerLog, TellsTheErrorOfTheTransferWhenVerbose) {

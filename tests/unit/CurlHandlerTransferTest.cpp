@@ -2,15 +2,18 @@
 #include "Recording.h"
 #include "Sandbox.h"
 #include "ScriptedServer.h"
+#include "support/ChildProcess.h"
 
 #include <gmock/gmock.h>
+#include <sys/wait.h>
 #include <chrono>
+#include <csignal>
+#include <stdexcept>
 
 using std::chrono::steady_clock;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Lt;
 
 using Connection = ScriptedServer::Connection;
@@ -173,6 +176,80 @@ TEST(CurlStream, EndsWhenTheCallbackTakesAnythingButAll) {
         EXPECT_EQ(calls, 1) << taken;
         EXPECT_EQ(curl.GetHttpCode(), 200) << taken;
     }
+}
+
+bool IgnoresBrokenPipes() {
+    struct sigaction current {};
+    sigaction(SIGPIPE, nullptr, &current);
+    return current.sa_handler == SIG_IGN;
+}
+
+TEST(CurlStream, LetsAnExceptionOfTheCallbackThroughAndLeavesNothingBehind) {
+    signal(SIGPIPE, SIG_DFL);
+    const ScriptedServer server(SocketPath, [](Connection& connection) {
+        connection.StartChunked();
+        connection.SendChunk("endless");
+        connection.WaitForEnd();
+    });
+    const auto round = [&] {
+        Client curl;
+        curl.SetStreamCallback([](const char*, size_t) -> size_t { throw std::runtime_error("no more"); });
+        EXPECT_THROW(curl.Execute(), std::runtime_error);
+        EXPECT_EQ(curl.GetHttpCode(), 200);
+        EXPECT_FALSE(IgnoresBrokenPipes());
+    };
+    const auto isQuiet = [&] { return Sandbox::Eventually([&] { return server.LiveConnections() == 0; }); };
+    round();
+    ASSERT_TRUE(isQuiet());
+    const auto descriptors = Sandbox::OpenDescriptors().size();
+    for (int i = 0; i < 4; ++i) {
+        round();
+        ASSERT_TRUE(isQuiet()) << "the connection is closed";
+    }
+    // The server collects its ended connections when the next one comes.
+    EXPECT_LE(Sandbox::OpenDescriptors().size(), descriptors + 1);
+}
+
+TEST(CurlStream, TheNextRequestIsFreeOfAnEarlierException) {
+    const ScriptedServer server(SocketPath, ScriptedServer::Answer(200, "text"));
+    Client curl;
+    curl.SetStreamCallback([](const char*, size_t) -> size_t { throw 5; });
+    EXPECT_THROW(curl.Execute(), int);
+    curl.SetStreamCallback({});
+    EXPECT_EQ(curl.Execute(), "text");
+}
+
+TEST(CurlStream, LetsAnExceptionOfARequestInTheCallbackThrough) {
+    const ScriptedServer server(SocketPath, ScriptedServer::Answer(200, "text"));
+    Client curl;
+    curl.SetStreamCallback([](const char*, size_t length) {
+        Client inner;
+        inner.SetStreamCallback([](const char*, size_t) -> size_t { throw 5; });
+        EXPECT_THROW(inner.Execute(), int);
+        return length;
+    });
+    EXPECT_EQ(curl.Execute(), "");
+    EXPECT_EQ(curl.GetHttpCode(), 200);
+}
+
+TEST(CurlStream, DoesNotMakeChildrenIgnoreBrokenPipes) {
+    signal(SIGPIPE, SIG_DFL);
+    const ScriptedServer server(SocketPath, ScriptedServer::Answer(200, "text"));
+    Client curl;
+    curl.SetStreamCallback([](const char*, size_t length) {
+        EXPECT_TRUE(IgnoresBrokenPipes()) << "libcurl does so meanwhile";
+        const auto child =
+            QxNSupport::Spawn("/bin/sh", {"sh", "-c", "grep SigIgn: /proc/self/status > /tmp/ignored"});
+        EXPECT_EQ(child.error, 0);
+        waitpid(child.pid, nullptr, 0);
+        return length;
+    });
+
+    curl.Execute();
+
+    const std::string ignored = Sandbox::ReadFile("/tmp/ignored");
+    ASSERT_THAT(ignored, HasSubstr("SigIgn:\t"));
+    EXPECT_EQ(std::stoull(ignored.substr(8), nullptr, 16) >> (SIGPIPE - 1) & 1, 0U) << ignored;
 }
 
 TEST(CurlStream, AnEmptyCallbackSwitchesBackToCollecting) {

@@ -5,6 +5,8 @@
 #include "ScriptedServer.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <fstream>
 
 using testing::Contains;
@@ -79,6 +81,15 @@ TEST_F(Upload, KeepsTheMethodDelete) {
 
     EXPECT_EQ(curl.Execute(), "body");
     EXPECT_EQ(Asked().line, "DELETE /x HTTP/1.1");
+}
+
+TEST_F(Upload, MakesAGetAPost) {
+    Sandbox::WriteFile("/tmp/file", "body");
+    curl.SetMethodType(QxCCurlHandler::Get);
+    curl.UploadFile("/tmp/file");
+
+    EXPECT_EQ(curl.Execute(), "body");
+    EXPECT_EQ(Asked().line, "POST /x HTTP/1.1");
 }
 
 TEST_F(Upload, StaysWhenTheMethodIsSetAfterIt) {
@@ -180,7 +191,7 @@ TEST_F(Upload, OfADirectoryCountsAsOneThatCannotBeOpened) {
 TEST_F(Upload, OfAFileWithoutASizeIsLoggedAndTheRequestGoesWithoutABody) {
     Sandbox::WriteFile("/tmp/file", "content");
     CurlOptions::Record();
-    CurlOptions::FailFstatAfter(1);
+    CurlOptions::FailFstatAfter(0);
 
     curl.UploadFile("/tmp/file");
 
@@ -192,15 +203,63 @@ TEST_F(Upload, OfAFileWithoutASizeIsLoggedAndTheRequestGoesWithoutABody) {
     EXPECT_EQ(Asked().Header("Content-Length"), "0");
 }
 
+TEST_F(Upload, OfAPipeCountsAsOneThatCannotBeOpenedAndWaitsForNobody) {
+    Sandbox::WriteFile("/tmp/file", "earlier");
+    curl.UploadFile("/tmp/file");
+    ASSERT_EQ(mkfifo("/tmp/pipe", 0600), 0);
+    alarm(10);
+
+    curl.UploadFile("/tmp/pipe");
+
+    alarm(0);
+    EXPECT_THAT(Recording::Logs(),
+                ElementsAre("[ERROR] Quolex Container CURL Handler:Error opening file: /tmp/pipe\n"));
+    EXPECT_EQ(curl.Execute(), "earlier");
+}
+
+TEST_F(Upload, OfAFileWithoutASizeLeavesStandardInputAloneWhenTheMethodIsSetAfterIt) {
+    Sandbox::WriteFile("/tmp/file", "content");
+    int input[2];
+    ASSERT_EQ(pipe(input), 0);
+    ASSERT_EQ(write(input[1], "secret", 6), 6);
+    close(input[1]);
+    ASSERT_EQ(dup2(input[0], STDIN_FILENO), STDIN_FILENO);
+    QxCCurlHandler handler;
+    handler.SetUnixSocket(SocketPath);
+    handler.SetUrl("http://d/x");
+    CurlOptions::FailFstatAfter(0);
+
+    handler.UploadFile("/tmp/file");
+    handler.SetMethodType(QxCCurlHandler::Post);
+
+    EXPECT_EQ(handler.Execute(), "");
+    EXPECT_EQ(Asked().Header("Content-Length"), "0");
+    char kept[8];
+    EXPECT_EQ(read(STDIN_FILENO, kept, sizeof(kept)), 6);
+}
+
+TEST_F(Upload, OfAFileWithoutASizeKeepsThePayloadAfterAnEarlierOne) {
+    Sandbox::WriteFile("/tmp/first", "1234567");
+    Sandbox::WriteFile("/tmp/second", "7654321");
+    curl.UploadFile("/tmp/first");
+    curl.SetPayload("payload");
+    CurlOptions::FailFstatAfter(0);
+
+    curl.UploadFile("/tmp/second");
+
+    EXPECT_EQ(curl.Execute(), "payload");
+}
+
 TEST_F(Upload, OfAFileWithoutASizeNeverReadsFromTheOneBefore) {
     Sandbox::WriteFile("/tmp/first", "1234567");
     Sandbox::WriteFile("/tmp/second", "7654321");
     curl.UploadFile("/tmp/first");
-    CurlOptions::FailFstatAfter(1);
+    CurlOptions::FailFstatAfter(0);
 
     curl.UploadFile("/tmp/second");
 
-    EXPECT_EQ(curl.Execute(), "7654321");
+    EXPECT_EQ(curl.Execute(), "");
+    EXPECT_EQ(Asked().Header("Content-Length"), "0");
 }
 
 }  // namespace

@@ -115,7 +115,7 @@ TEST_F(Streams, AreConfiguredInAFixedOrderAndNeverSwitchTheDisk) {
         ElementsAre("CONNECT_TO=null", "UNIX_SOCKET_PATH=/run/podman/podman.sock", "CUSTOMREQUEST=null",
                     "POST=0", "HTTPGET=0", "HTTPGET=1", "URL=http://localhost/v5.8.1/logs", "HTTPHEADER=A: b",
                     "WRITEFUNCTION=set", "WRITEDATA=set", "NOPROGRESS=0", "XFERINFOFUNCTION=set",
-                    "XFERINFODATA=set", "perform", "cleanup"));
+                    "XFERINFODATA=set", "perform", "free A: b", "cleanup"));
     EXPECT_THAT(Recording::Events("getState"), IsEmpty());
     EXPECT_THAT(Recording::Logs(), IsEmpty());
 }

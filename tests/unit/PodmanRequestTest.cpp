@@ -64,12 +64,12 @@ TEST(PodmanRequest, IsConfiguredInAFixedOrder) {
 
     service.ExecutePodmanRequest("/x", QxCCurlHandler::Delete, {"A: b"}, "/tmp/file", false);
 
-    EXPECT_THAT(
-        CurlOptions::Recorded(),
-        ElementsAre("CONNECT_TO=null", "UNIX_SOCKET_PATH=/run/podman/podman.sock", "CUSTOMREQUEST=null",
-                    "POST=0", "HTTPGET=0", "CUSTOMREQUEST=DELETE", "URL=http://localhost/v5.8.1/x",
-                    "HTTPHEADER=A: b", "POSTFIELDS=null", "READFUNCTION=set", "READDATA=set",
-                    "POSTFIELDSIZE_LARGE=3", "WRITEFUNCTION=set", "WRITEDATA=set", "perform", "cleanup"));
+    EXPECT_THAT(CurlOptions::Recorded(),
+                ElementsAre("CONNECT_TO=null", "UNIX_SOCKET_PATH=/run/podman/podman.sock",
+                            "CUSTOMREQUEST=null", "POST=0", "HTTPGET=0", "CUSTOMREQUEST=DELETE",
+                            "URL=http://localhost/v5.8.1/x", "HTTPHEADER=A: b", "POSTFIELDS=null",
+                            "READFUNCTION=set", "READDATA=set", "POSTFIELDSIZE_LARGE=3", "WRITEFUNCTION=set",
+                            "WRITEDATA=set", "perform", "free A: b", "fclose", "cleanup"));
 }
 
 TEST(PodmanRequest, GivesStatusAndBodyOfAnError) {
@@ -294,6 +294,12 @@ INSTANTIATE_TEST_SUITE_P(
                     TtyCase{"Redirected", 300, R"({"Config": {"Tty": true}})", false, FailedWith("300")},
                     TtyCase{"ServerError", 500, "", false, FailedWith("500")}),
     [](const auto& test) { return std::string(test.param.name); });
+
+TEST(ContainerTty, IsAskedForTheNameAsItIs) {
+    const PodmanService podman(ScriptedServer::Answer(200, R"({"Config": {"Tty": true}})"));
+    EXPECT_TRUE(Service().IsContainerTty("a%2f?x=y/z"));
+    EXPECT_EQ(podman.Requests().at(0).Target(), "/v5.8.1/containers/a%2f?x=y/z/json");
+}
 
 TEST(ContainerTty, IsAssumedToBeAbsentWhenPodmanDoesNotRun) {
     EXPECT_FALSE(Service().IsContainerTty("web-1"));
