@@ -23,6 +23,7 @@ namespace {
 
 std::mutex eventsMutex;
 std::vector<std::string> events;
+std::vector<std::string> mutexCalls;
 std::atomic<int> liveLists{0};
 
 __attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list arguments) {
@@ -41,6 +42,11 @@ __attribute__((format(printf, 1, 2))) void RecordF(const char* format, ...) {
     const std::string event = Format(format, arguments);
     va_end(arguments);
     Recording::Record(event);
+}
+
+void RecordMutexCall(const std::string& call) {
+    const std::lock_guard lock(eventsMutex);
+    mutexCalls.push_back(call);
 }
 
 thread_local QxCErrorListPool* masterErrorList = nullptr;
@@ -92,9 +98,15 @@ std::vector<std::string> Messages() {
     return messages;
 }
 
+std::vector<std::string> MutexCalls() {
+    const std::lock_guard lock(eventsMutex);
+    return mutexCalls;
+}
+
 void Forget() {
     const std::lock_guard lock(eventsMutex);
     events.clear();
+    mutexCalls.clear();
 }
 
 int LiveLists() { return liveLists; }
@@ -280,6 +292,7 @@ QxCMutex::QxCMutex(const char* name) : _impl(std::make_unique<Impl>()) {
 QxCMutex::~QxCMutex() = default;
 
 bool QxCMutex::lock(int timeoutMs) {
+    RecordMutexCall("lock(" + std::to_string(timeoutMs) + ")");
     if (timeoutMs < 0) {
         _impl->mutex.lock();
         return true;
@@ -287,7 +300,10 @@ bool QxCMutex::lock(int timeoutMs) {
     return _impl->mutex.try_lock_for(std::chrono::milliseconds(timeoutMs));
 }
 
-void QxCMutex::unlock() { _impl->mutex.unlock(); }
+void QxCMutex::unlock() {
+    RecordMutexCall("unlock");
+    _impl->mutex.unlock();
+}
 
 unsigned int getProcessID(const char* name) {
     RecordF("getProcessID(%s)", name);

@@ -58,10 +58,13 @@ std::vector<std::string> Logs();
 /// @return the messages handed to the message manager, as "severity text"
 std::vector<std::string> Messages();
 
+/// @return the calls of all mutexes so far, in order: "lock(-1)", "unlock". They are no events.
+std::vector<std::string> MutexCalls();
+
 /// Adds an event of the test's own.
 void Record(const std::string& event);
 
-/// Forgets all events.
+/// Forgets all events and the calls of mutexes.
 void Forget();
 
 /// @return lists created and not yet deleted

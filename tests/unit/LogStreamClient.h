@@ -17,7 +17,7 @@ public:
         usualArguments = usualArguments && timeoutMs == -1 && !fragment && &errors == expectedErrors;
         if (_messages.size() >= accepted) {
             ++refused;
-            return 7;
+            return refusal;
         }
         _messages.emplace_back(reinterpret_cast<const char*>(data), length);
         lastData = data;
@@ -34,6 +34,7 @@ public:
 
     size_t accepted = SIZE_MAX;  ///< messages after which sending fails
     int refused = 0;             ///< failed sends
+    int refusal = 7;             ///< result of a failed send
     bool usualArguments = true;  ///< no time limit, no fragment, the caller's error list
     std::function<void()> onMessage;
     const unsigned char* lastData = nullptr;

@@ -25,6 +25,10 @@ protected:
     }
     std::string Pending() const { return {session.pending.begin(), session.pending.end()}; }
 
+    size_t RawOfLength(const char* data, size_t length) {
+        return _service.ForwardRawLogChunk(_errors.list, session, &client, data, length);
+    }
+
     QxCContainer::QxSLogStreamSession session;
     LogStreamClient client;
 
@@ -88,6 +92,27 @@ TEST_F(LogChunks, AfterAnAbortNothingIsBuffered) {
     EXPECT_EQ(Pending(), "abc") << "neither more nor less than before";
 }
 
+TEST_F(LogChunks, AnAbortWithinAChunkCountsFromTheNextOne) {
+    const std::string chunk = LogFrame("one") + LogFrame("two");
+    client.onMessage = [this] { session.abortFlag = true; };
+
+    EXPECT_EQ(Demux(chunk), chunk.size());
+    EXPECT_EQ(Demux(chunk), 0U);
+
+    EXPECT_THAT(client.Messages(), ElementsAre("one", "two"));
+}
+
+TEST_F(LogChunks, ANegativeResultOfASendIsAFailureToo) {
+    client.accepted = 0;
+    client.refusal = -1;
+
+    EXPECT_EQ(Demux(LogFrame("one") + "tail"), 0U);
+    EXPECT_EQ(Pending(), "");
+    EXPECT_EQ(Raw("one"), 0U);
+
+    EXPECT_EQ(client.refused, 2);
+}
+
 TEST_F(LogChunks, ARefusedFrameInTheChunkEmptiesPending) {
     client.accepted = 1;
 
@@ -134,6 +159,12 @@ TEST_F(LogChunks, TerminalOutputIsSentAsItComes) {
     EXPECT_THAT(client.Messages(), ElementsAre(LogFrame("x"), "\r\n"));
     EXPECT_TRUE(client.usualArguments);
     EXPECT_EQ(Pending(), "");
+}
+
+TEST_F(LogChunks, TheLengthOfTerminalOutputIsSentWith32Bits) {
+    constexpr size_t length = (size_t{1} << 32) + 5;
+    EXPECT_EQ(RawOfLength("hello", length), length);
+    EXPECT_THAT(client.Messages(), ElementsAre("hello"));
 }
 
 TEST_F(LogChunks, EmptyTerminalOutputEndsTheTransferUnsent) {
@@ -215,13 +246,39 @@ TEST_F(LogSessions, UnregisteringForgetsWithoutAnAbort) {
     EXPECT_FALSE(session->abortFlag);
 }
 
-TEST_F(LogSessions, CloseOfAnUnknownWebSocketOrNoneDoesNothing) {
+TEST_F(LogSessions, CloseOfAnUnknownWebSocketDoesNothing) {
     const auto session = service.RegisterLogStreamSession(&first, "plain");
 
-    QxCContainer::LogStreamCloseHandler(nullptr, 0, nullptr);
     QxCContainer::LogStreamCloseHandler(nullptr, 0, &second);
+    const auto unknown = service.RegisterLogStreamSession(&second, "plain");
 
     EXPECT_FALSE(session->abortFlag);
+    EXPECT_FALSE(unknown->abortFlag);
+}
+
+TEST_F(LogSessions, CloseOfNoWebSocketDoesNothingEvenWhereThereIsASessionForNone) {
+    const auto session = service.RegisterLogStreamSession(nullptr, "plain");
+    Recording::Forget();
+
+    QxCContainer::LogStreamCloseHandler(nullptr, 0, nullptr);
+
+    EXPECT_FALSE(session->abortFlag);
+    EXPECT_THAT(Recording::MutexCalls(), IsEmpty());
+    service.UnregisterLogStreamSession(nullptr);
+}
+
+TEST_F(LogSessions, LockTheTableOnceForEachCallAndWithoutATimeLimit) {
+    Recording::Forget();
+    service.RegisterLogStreamSession(&first, "plain");
+    EXPECT_THAT(Recording::MutexCalls(), ElementsAre("lock(-1)", "unlock"));
+    for (LogStreamClient* client : {&first, &second}) {
+        Recording::Forget();
+        QxCContainer::LogStreamCloseHandler(nullptr, 0, client);
+        EXPECT_THAT(Recording::MutexCalls(), ElementsAre("lock(-1)", "unlock"));
+        Recording::Forget();
+        service.UnregisterLogStreamSession(client);
+        EXPECT_THAT(Recording::MutexCalls(), ElementsAre("lock(-1)", "unlock"));
+    }
 }
 
 TEST_F(LogSessions, UseAMutexWithoutAName) {

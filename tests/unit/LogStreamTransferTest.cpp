@@ -120,6 +120,33 @@ TEST_F(Streams, AreConfiguredInAFixedOrderAndNeverSwitchTheDisk) {
     EXPECT_THAT(Recording::Logs(), IsEmpty());
 }
 
+TEST_F(Streams, HaveTheMethodThatIsAskedForAndTheEndpointAsItIs) {
+    logs = ScriptedServer::Answer(200);
+    const auto session = service.RegisterLogStreamSession(&client, "plain");
+    CurlOptions::Record();
+
+    service.StreamPodmanRequest("logs", QxCCurlHandler::Delete, {}, errors.list, session, &client);
+
+    EXPECT_THAT(CurlOptions::Recorded(), Contains("CUSTOMREQUEST=DELETE"));
+    EXPECT_EQ(Asked().at(1).line, "DELETE /v5.8.1logs HTTP/1.1");
+}
+
+TEST_F(Streams, AskForEachPieceWhetherThereIsATerminal) {
+    const auto session = service.RegisterLogStreamSession(&client, "plain");
+    client.onMessage = [&] { session->tty = true; };
+    logs = [this](Connection& connection) {
+        connection.StartChunked();
+        connection.SendChunk(LogFrame("frame"));
+        EXPECT_TRUE(Sandbox::Eventually([this] { return !client.Messages().empty(); }));
+        connection.SendChunk("raw");
+        connection.EndChunks();
+    };
+
+    service.StreamPodmanRequest("/logs", QxCCurlHandler::Get, {}, errors.list, session, &client);
+
+    EXPECT_THAT(client.Messages(), ElementsAre("frame", "raw"));
+}
+
 TEST_F(Streams, EndWhenASendFails) {
     logs = [](Connection& connection) {
         connection.StartChunked();
