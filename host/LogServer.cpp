@@ -16,6 +16,7 @@
 #include <list>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
@@ -56,10 +57,12 @@ class LogServer::Impl {
 public:
     Impl(QxCContainer& service, unsigned short port, const Limits& limits)
         : _service(service), _limits(limits), _acceptor(_io), _acceptTimer(_io), _work(_io.get_executor()) {
-        _acceptor.assign(tcp::v4(), Listen(port).Release());
+        QxNSupport::UniqueFd listener = Listen(port);
+        _acceptor.assign(tcp::v4(), listener.Get());
+        listener.Release();
         _port = _acceptor.local_endpoint().port();
         AcceptNext();
-        _thread = std::thread([this] { _io.run(); });
+        _thread = std::thread([this] { Run(); });
     }
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
@@ -79,6 +82,18 @@ private:
     };
     using ClientEntry = std::list<Client>::iterator;
 
+    /// Goes on after what a handler throws, such as a lack of memory: it may cost a connection, but not the daemon.
+    void Run() {
+        for (;;) {
+            try {
+                _io.run();
+                return;
+            } catch (const std::exception&) {
+                continue;
+            }
+        }
+    }
+
     LogSocket::Timeouts SocketTimeouts() const {
         return {_limits.handshakeTimeout, _limits.idleTimeout, _limits.closeTimeout};
     }
@@ -88,13 +103,14 @@ private:
             if (error) {
                 return;
             }
-            const int client =
-                accept4(_acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-            if (client >= 0) {
-                StartHandshake(client);
-            }
+            QxNSupport::UniqueFd client(
+                accept4(_acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
             // Without room or descriptors the next ones wait in the backlog.
-            const bool mayGoOn = client >= 0 || errno == EAGAIN || errno == ECONNABORTED || errno == EINTR;
+            const bool mayGoOn =
+                client.IsOpen() || errno == EAGAIN || errno == ECONNABORTED || errno == EINTR;
+            if (client.IsOpen()) {
+                TryHandshake(std::move(client));
+            }
             if (mayGoOn && PendingHandshakes() < _limits.clients) {
                 AcceptNext();
             } else {
@@ -122,8 +138,19 @@ private:
         });
     }
 
-    void StartHandshake(int client) {
-        tcp::socket socket(_io, tcp::v4(), client);
+    /// Drops the client when that is not possible, and leaves the others alone.
+    void TryHandshake(QxNSupport::UniqueFd client) {
+        try {
+            StartHandshake(std::move(client));
+        } catch (const std::exception&) {
+            return;
+        }
+    }
+
+    void StartHandshake(QxNSupport::UniqueFd client) {
+        tcp::socket socket(_io);
+        socket.assign(tcp::v4(), client.Get());
+        client.Release();
         beast::error_code ignored;
         socket.set_option(tcp::no_delay(true), ignored);
         auto handshake = std::make_shared<LogHandshake>(
@@ -163,7 +190,7 @@ private:
             socket.SetCloseHandler(QxCContainer::LogStreamCloseHandler);
             response = _service.StreamPodmanRequest(wanted.Endpoint(), QxCCurlHandler::Get, {}, errors.List(),
                                                     session, &socket);
-        } catch (const std::exception&) {
+        } catch (...) {
             response.httpCode = 0;
         }
         _service.UnregisterLogStreamSession(&socket);

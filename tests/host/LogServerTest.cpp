@@ -1,13 +1,37 @@
 #include "LogServerFixture.h"
 
+#include <dlfcn.h>
 #include <fcntl.h>
+#include <sys/epoll.h>
+#include <unistd.h>
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 
 using QxNContainer::QxCContainer;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 using testing::Lt;
+using testing::StartsWith;
+
+namespace {
+
+/// Whether threads other than the first cannot watch descriptors any more.
+std::atomic<bool> watchingFails{false};
+
+}  // namespace
+
+// Asio finds it before that of the C library.
+int epoll_ctl(int epoll, int operation, int descriptor, epoll_event* event) noexcept {
+    static auto* const real =
+        reinterpret_cast<int (*)(int, int, int, epoll_event*)>(dlsym(RTLD_NEXT, "epoll_ctl"));
+    if (watchingFails && operation == EPOLL_CTL_ADD && gettid() != getpid()) {
+        errno = ENOSPC;
+        return -1;
+    }
+    return real(epoll, operation, descriptor, event);
+}
 
 namespace {
 
@@ -206,10 +230,29 @@ TEST_F(LogServing, RefusesMoreClientsThanTheLimit) {
     auto second = Connect("/logs/web");
     EXPECT_EQ(first->Next() + second->Next(), "lineline");
 
-    EXPECT_THROW(Connect("/logs/web"), boost::system::system_error);
+    EXPECT_THAT(AskPlainly(server->Port(),
+                           "GET /logs/web HTTP/1.1\r\nHost: localhost\r\nUpgrade: websocket\r\n"
+                           "Connection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
+                           "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n"),
+                StartsWith("HTTP/1.1 503 Service Unavailable\r\n"));
 
     first->Vanish();
     EXPECT_TRUE(Sandbox::Eventually([&] { return server->Clients() == 1; }));
+    EXPECT_EQ(Connect("/logs/web")->Next(), "line");
+}
+
+TEST_F(LogServing, SurvivesAConnectionThatCannotBeWatched) {
+    { EXPECT_EQ(Connect("/logs/web")->Next(), "line"); }
+    ASSERT_TRUE(IsQuiet());
+    const auto before = Sandbox::OpenDescriptors();
+    watchingFails = true;
+
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(AskPlainly(server->Port(), ""), "");
+    }
+
+    watchingFails = false;
+    EXPECT_TRUE(Sandbox::Eventually([&] { return Sandbox::OpenDescriptors() == before; }));
     EXPECT_EQ(Connect("/logs/web")->Next(), "line");
 }
 

@@ -162,9 +162,13 @@ TEST_F(LogSockets, CloseWithCodeAndReason) {
 
 TEST_F(LogSockets, CloseAlsoWhenTheClientDoesNotAnswer) {
     socket->SetCloseHandler(CountClose);
+    const auto begin = std::chrono::steady_clock::now();
+
     socket->Close(LogSocket::CloseCode::normal, "bye");
+
     EXPECT_TRUE(IsClosed());
     EXPECT_TRUE(Sandbox::Eventually([&] { return socket.use_count() == 1; })) << "nothing waits any more";
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
 }
 
 }  // namespace
