@@ -14,6 +14,7 @@
 #include <limits>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace {
 
@@ -45,24 +46,44 @@ struct Options {
     bool showsDelay = false;
 };
 
-/// Shows messages as lines and counts them.
+constexpr size_t LongestLine = 1 << 20;  ///< what is longer is shown in pieces
+
+/// Shows messages as lines and counts them. A line may come in several messages; it is shown when it is complete.
 class LinePrinter {
 public:
     explicit LinePrinter(const Options& options) : _options(options) {}
 
     void Show(std::string_view message, system_clock::time_point arrival) {
-        while (!message.empty() && !IsDone()) {
-            const size_t length = std::min(message.find('\n'), message.size());
-            ShowLine(message.substr(0, length), arrival);
-            message.remove_prefix(std::min(length + 1, message.size()));
+        size_t length = 0;
+        while (!IsDone() && (length = message.find('\n')) != std::string_view::npos) {
+            _begun.append(message.substr(0, length));
+            ShowBegun(arrival);
+            message.remove_prefix(length + 1);
+        }
+        _begun.append(message);
+        if (_begun.size() > LongestLine && !IsDone()) {
+            ShowBegun(arrival);
         }
         std::fflush(stdout);
+    }
+
+    /// Shows what came of a line that never became complete.
+    void ShowRest(system_clock::time_point arrival) {
+        if (!_begun.empty() && !IsDone()) {
+            ShowBegun(arrival);
+            std::fflush(stdout);
+        }
     }
 
     bool IsDone() const { return _shown >= _options.lines; }
 
 private:
-    void ShowLine(std::string_view line, system_clock::time_point arrival) {
+    void ShowBegun(system_clock::time_point arrival) {
+        ShowLine(_begun, arrival);
+        _begun.clear();
+    }
+
+    void ShowLine(const std::string& line, system_clock::time_point arrival) {
         ++_shown;
         if (_options.showsDelay) {
             if (const auto written = TimeOfLogLine(line)) {
@@ -72,11 +93,13 @@ private:
                 std::printf("%9s     ", "?");
             }
         }
-        std::printf("%.*s\n", static_cast<int>(line.size()), line.data());
+        std::fwrite(line.data(), 1, line.size(), stdout);
+        std::putchar('\n');
     }
 
     const Options& _options;
     unsigned long _shown = 0;
+    std::string _begun;  ///< the line whose end has not arrived
 };
 
 void Complain(const std::string& text) { std::fprintf(stderr, "qxlogs: %s\n", text.c_str()); }
@@ -93,6 +116,9 @@ ExitCode Follow(const Options& options) {
         beast::error_code error;
         stream.read(message, error);
         const auto arrival = system_clock::now();
+        if (error) {
+            printer.ShowRest(arrival);
+        }
         if (error == websocket::error::closed && stream.reason().code == websocket::close_code::normal) {
             return Ended;
         }
