@@ -26,10 +26,12 @@ void CheckLocal(const Request& request) {
 }
 
 Task<Reply> OpenSession(Ground& ground, Request& request) {
-    const std::string token = TextMember(co_await ReadObject(request), "token");
+    const json wanted = co_await ReadObject(request);
+    const std::string token = TextMember(wanted, "token");
     const QxNHttp::Client client = request.client.isLocal ? request.client : ground.tokens.Find(token);
     if (client.right == Right::None) {
-        throw Problem(Status::unauthorized, "There is no such token; qxctl token create makes one on the board.");
+        throw Problem(Status::unauthorized,
+                      "There is no such token; qxctl token create makes one on the board.");
     }
     Reply reply = SessionReply(client);
     if (!client.isLocal) {
@@ -44,9 +46,10 @@ Task<Reply> MakeToken(Ground& ground, Request& request) {
     const std::string name = TextMember(wanted, "name");
     const Right right = QxNHttp::RightOf(TextMember(wanted, "right"));
     if (!QxNHttp::IsFileName(name) || name.size() > 64 || right == Right::None) {
-        throw Problem(Status::bad_request,
-                      "A token needs a name of 1 to 64 letters, digits, dots, hyphens and underscores, and a right, "
-                      "which is look or act.");
+        throw Problem(
+            Status::bad_request,
+            "A token needs a name of 1 to 64 letters, digits, dots, hyphens and underscores, and a right, "
+            "which is look or act.");
     }
     co_return JsonReply(json{{"token", ground.tokens.Make(name, right)}}, Status::created);
 }
@@ -54,8 +57,9 @@ Task<Reply> MakeToken(Ground& ground, Request& request) {
 }  // namespace
 
 void AddAccessRequests(QxNHttp::Router& router, Ground& ground) {
-    router.Add(Verb::post, "/session", Right::None,
-               [&ground](Request& request) -> Task<Reply> { co_return co_await OpenSession(ground, request); });
+    router.Add(Verb::post, "/session", Right::None, [&ground](Request& request) -> Task<Reply> {
+        co_return co_await OpenSession(ground, request);
+    });
     router.Add(Verb::get, "/session", Right::Look,
                [](Request& request) -> Task<Reply> { co_return SessionReply(request.client); });
     router.Add(Verb::delete_, "/session", Right::None, [](Request&) -> Task<Reply> {

@@ -4,8 +4,8 @@
 #include "api/Interface.h"
 #include "api/Openapi.h"
 
-#include <fstream>
 #include <unistd.h>
+#include <fstream>
 #include <sstream>
 
 using QxNHttp::Reply;
@@ -69,7 +69,8 @@ std::string Metrics(const Ground& ground) {
     gauge("qx_podman_up", "Whether Podman answered the last question.", ground.keeper.IsAnswering() ? 1 : 0);
     gauge("qx_service_enabled", "Whether the container service is enabled.",
           ground.keeper.Service().IsContainerServiceEnabled(false) ? 1 : 0);
-    gauge("qx_podman_restarts_total", "Restarts of Podman by the daemon.", ground.keeper.Restarts(), "counter");
+    gauge("qx_podman_restarts_total", "Restarts of Podman by the daemon.", ground.keeper.Restarts(),
+          "counter");
     gauge("qx_log_streams", "Log streams that Podman serves.", ground.logs.Streams());
     gauge("qx_log_viewers", "Clients that look at logs.", ground.logs.Viewers());
     gauge("qx_messages_total", "Messages for the user of the board since the daemon started.",
@@ -81,12 +82,15 @@ std::string Metrics(const Ground& ground) {
 }  // namespace
 
 void AddBoardRequests(QxNHttp::Router& router, Ground& ground) {
-    router.Add(Verb::get, "/check", Right::Look,
-               [&ground](Request&) -> Task<Reply> { co_return JsonReply(co_await CheckBoard(ground)); });
+    router.Add(Verb::get, "/check", Right::Look, [&ground](Request&) -> Task<Reply> {
+        const json checks = co_await CheckBoard(ground);
+        co_return JsonReply(checks);
+    });
     router.Add(Verb::get, "/cores", Right::Look, [&ground](Request&) -> Task<Reply> {
         const unsigned configured = ground.keeper.Settings().coresNum;
         const unsigned most = ground.keeper.Service().GetMaxAllowedCpuCoreCount();
-        co_return JsonReply(co_await OnWorker(ground, [=] { return DescribeCores(configured, most); }));
+        const json cores = co_await OnWorker(ground, [=] { return DescribeCores(configured, most); });
+        co_return JsonReply(cores);
     });
     router.Add(Verb::get, "/messages", Right::Look, [&ground](Request& request) -> Task<Reply> {
         std::uint64_t last = Before(ground.messages, request.Number("tail", DefaultTail, MostTail));

@@ -81,18 +81,20 @@ Check CheckMount() {
     struct statfs status {};
     const bool isMounted = statfs(paths::CONTAINER_TOOLS_MOUNTPOINT.c_str(), &status) == 0 &&
                            static_cast<long>(status.f_type) == SquashfsMagic;
-    return isMounted ? Check{"mount", "Firmware mounted", Ok, paths::CONTAINER_TOOLS_MOUNTPOINT}
-                     : Check{"mount", "Firmware mounted", Error,
-                             "no squashfs at " + paths::CONTAINER_TOOLS_MOUNTPOINT,
-                             "Start the service. If an empty directory stands there already, remove it first: it "
-                             "counts as mounted."};
+    return isMounted
+               ? Check{"mount", "Firmware mounted", Ok, paths::CONTAINER_TOOLS_MOUNTPOINT}
+               : Check{"mount", "Firmware mounted", Error,
+                       "no squashfs at " + paths::CONTAINER_TOOLS_MOUNTPOINT,
+                       "Start the service. If an empty directory stands there already, remove it first: it "
+                       "counts as mounted."};
 }
 
 Check CheckLinks() {
-    const std::pair<const char*, const std::string*> links[] = {{"/bin/podman", &paths::PODMAN},
-                                                                {"/bin/crun", &paths::CRUN},
-                                                                {"/usr/bin/conmon", &paths::CONMON},
-                                                                {"/bin/docker-compose", &paths::DOCKER_COMPOSE}};
+    const std::pair<const char*, const std::string*> links[] = {
+        {"/bin/podman", &paths::PODMAN},
+        {"/bin/crun", &paths::CRUN},
+        {"/usr/bin/conmon", &paths::CONMON},
+        {"/bin/docker-compose", &paths::DOCKER_COMPOSE}};
     std::string found;
     for (const auto& [link, target] : links) {
         std::error_code error;
@@ -104,9 +106,10 @@ Check CheckLinks() {
                                                             : " leads to " + place.string());
         }
     }
-    return found.empty() ? Check{"links", "Links to the tools", Ok, "podman, crun, conmon, docker-compose"}
-                         : Check{"links", "Links to the tools", Warning, found,
-                                 "Remove what stands there and start the service; it never replaces what exists."};
+    return found.empty()
+               ? Check{"links", "Links to the tools", Ok, "podman, crun, conmon, docker-compose"}
+               : Check{"links", "Links to the tools", Warning, found,
+                       "Remove what stands there and start the service; it never replaces what exists."};
 }
 
 Check CheckCoreSettings(unsigned configured, unsigned most) {
@@ -120,7 +123,8 @@ Check CheckCpuSet(unsigned configured) {
     const ContainerCpuSet set = ReadContainerCpuSet();
     const auto count = static_cast<unsigned>(set.cores.size());
     if (!set.exists) {
-        return {"cpu-set", "CPU set in effect", Error, "there is no CPU set libpod_parent", "Start the service."};
+        return {"cpu-set", "CPU set in effect", Error, "there is no CPU set libpod_parent",
+                "Start the service."};
     }
     if (count != configured) {
         return {"cpu-set", "CPU set in effect", Warning,
@@ -130,8 +134,8 @@ Check CheckCpuSet(unsigned configured) {
     }
     if (!set.strangers.empty()) {
         return {"cpu-set", "CPU set in effect", Warning,
-                "cores " + set.effective + "; processes that do not belong there: " +
-                    std::to_string(set.strangers.size()),
+                "cores " + set.effective +
+                    "; processes that do not belong there: " + std::to_string(set.strangers.size()),
                 "See the cores view for which they are, and move them elsewhere."};
     }
     return {"cpu-set", "CPU set in effect", Ok, "cores " + set.effective};
@@ -151,7 +155,8 @@ std::optional<int> DaysLeft(const std::string& path) {
         file ? PEM_read_X509(file.get(), nullptr, nullptr, nullptr) : nullptr, X509_free);
     int days = 0;
     int seconds = 0;
-    if (!certificate || ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate.get())) != 1) {
+    if (!certificate ||
+        ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate.get())) != 1) {
         return std::nullopt;
     }
     return days;
@@ -172,21 +177,26 @@ Check CheckCertificates(unsigned tcpPort) {
         }
     }
     if (!missing.empty()) {
-        return {"certificates", title, Warning, "missing: " + missing + "; Podman listens on port " +
-                std::to_string(tcpPort) + " without TLS, for everybody", remedy};
+        return {"certificates", title, Warning,
+                "missing: " + missing + "; Podman listens on port " + std::to_string(tcpPort) +
+                    " without TLS, for everybody",
+                remedy};
     }
     std::string found;
     int least = SoonDays;
     for (const char* const name : {"ca.crt", "server.crt"}) {
         const auto days = DaysLeft(paths::CONTAINER_CERTS_DIR + "/" + name);
         found += (found.empty() ? "" : ", ") + std::string(name) +
-                 (!days ? " is no certificate"
+                 (!days       ? " is no certificate"
                   : *days < 0 ? " has ended"
                               : " ends in " + std::to_string(*days) + " days");
         least = std::min(least, days.value_or(-1));
     }
-    return {"certificates", title, least < 0 ? Error : least < SoonDays ? Warning : Ok, found,
-            least < SoonDays ? remedy : ""};
+    return {"certificates", title,
+            least < 0          ? Error
+            : least < SoonDays ? Warning
+                               : Ok,
+            found, least < SoonDays ? remedy : ""};
 }
 
 Check CheckSpace() {
@@ -216,7 +226,8 @@ std::string VersionOf(const std::string& program) {
 Check CheckVersions() {
     std::string found;
     bool isComplete = true;
-    for (const std::string* program : {&paths::PODMAN, &paths::CRUN, &paths::CONMON, &paths::DOCKER_COMPOSE}) {
+    for (const std::string* program :
+         {&paths::PODMAN, &paths::CRUN, &paths::CONMON, &paths::DOCKER_COMPOSE}) {
         const std::string version = VersionOf(*program);
         isComplete = isComplete && !version.empty();
         found += (found.empty() ? "" : ", ") + fs::path(*program).filename().string() + " " +
@@ -239,7 +250,8 @@ std::string WhySkipped(const json& plugin, const json& all) {
         return "it is not for this system release";
     }
     const bool isSuperseded = std::any_of(all.begin(), all.end(), [&](const auto& other) {
-        return other["name"] == plugin["name"] && other["path"] != plugin["path"] && other["isLoaded"] == true;
+        return other["name"] == plugin["name"] && other["path"] != plugin["path"] &&
+               other["isLoaded"] == true;
     });
     return isSuperseded ? "another file of the same plugin is loaded"
                         : "it came after the start, or its image or init command failed";
@@ -253,9 +265,10 @@ Check CheckPlugins(const json& list) {
             skipped += (skipped.empty() ? "" : "; ") + plugin["fileName"].get<std::string>() + ": " + why;
         }
     }
-    return skipped.empty() ? Check{"plugins", "Plugins", Ok, std::to_string(list["plugins"].size()) + " found"}
-                           : Check{"plugins", "Plugins", Warning, skipped,
-                                   "See the plugins view; the log file has the details of the last start."};
+    return skipped.empty()
+               ? Check{"plugins", "Plugins", Ok, std::to_string(list["plugins"].size()) + " found"}
+               : Check{"plugins", "Plugins", Warning, skipped,
+                       "See the plugins view; the log file has the details of the last start."};
 }
 
 Check CheckWriteCache() {
@@ -264,8 +277,9 @@ Check CheckWriteCache() {
     if (stat(UserStorage, &status) != 0) {
         return {"write-cache", "Disk cache", Unknown, "the disk cannot be found"};
     }
-    const fs::path device = fs::canonical("/sys/dev/block/" + std::to_string(major(status.st_dev)) + ":" +
-                                              std::to_string(minor(status.st_dev)), error);
+    const fs::path device = fs::canonical(
+        "/sys/dev/block/" + std::to_string(major(status.st_dev)) + ":" + std::to_string(minor(status.st_dev)),
+        error);
     for (const fs::path& disk : {device, device.parent_path()}) {
         std::ifstream file(disk / "queue/write_cache");
         std::string mode;
@@ -314,11 +328,12 @@ QxNHttp::Task<json> CheckBoard(Ground& ground) {
         plugins = co_await keeper.OnControlThread([&] { return ground.keeper.Service().listPlugins(); });
     }
     co_return co_await OnWorker(ground, [&] {
-        return ToJson({CheckEnabled(service), CheckUserStorage(service), CheckFirmware(), CheckMount(), CheckLinks(),
-                       CheckCoreSettings(settings.coresNum, most), CheckCpuSet(settings.coresNum), podman,
-                       CheckCertificates(settings.tcpPort), CheckSpace(), CheckVersions(),
-                       plugins ? CheckPlugins(*plugins)
-                               : Check{"plugins", "Plugins", Unknown, "the service is just starting or stopping"},
-                       CheckWriteCache()});
+        return ToJson(
+            {CheckEnabled(service), CheckUserStorage(service), CheckFirmware(), CheckMount(), CheckLinks(),
+             CheckCoreSettings(settings.coresNum, most), CheckCpuSet(settings.coresNum), podman,
+             CheckCertificates(settings.tcpPort), CheckSpace(), CheckVersions(),
+             plugins ? CheckPlugins(*plugins)
+                     : Check{"plugins", "Plugins", Unknown, "the service is just starting or stopping"},
+             CheckWriteCache()});
     });
 }

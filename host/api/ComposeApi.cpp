@@ -42,7 +42,8 @@ const std::string& ComposeFileName(const std::string& name) {
 std::map<std::string, fs::directory_entry> Files() {
     std::map<std::string, fs::directory_entry> files;
     std::error_code error;
-    for (fs::directory_iterator entry(Directory(), error), end; !error && entry != end; entry.increment(error)) {
+    for (fs::directory_iterator entry(Directory(), error), end; !error && entry != end;
+         entry.increment(error)) {
         const std::string name = entry->path().filename().string();
         std::error_code ignored;
         if (QxNHttp::IsFileName(name) && (name.ends_with(".yaml") || name.ends_with(".yml")) &&
@@ -87,11 +88,11 @@ const char* StateOf(const json& containers) {
         running += container["state"] == "running" ? 1U : 0U;
         created += container["state"] == "created" ? 1U : 0U;
     }
-    return containers.empty()               ? "none"
-           : running == containers.size()   ? "running"
-           : running > 0                    ? "partly"
-           : created == containers.size()   ? "created"
-                                            : "stopped";
+    return containers.empty()             ? "none"
+           : running == containers.size() ? "running"
+           : running > 0                  ? "partly"
+           : created == containers.size() ? "created"
+                                          : "stopped";
 }
 
 json DescribeProject(const std::string& file, const std::optional<json>& containers) {
@@ -163,7 +164,8 @@ Task<Reply> Operate(Ground& ground, const std::string& file, const std::string& 
     int code = 0;
     std::string failure;
     try {
-        code = co_await OnWorker(ground, [&] { return (ground.keeper.Service().*operation)(file.c_str(), result); });
+        code = co_await OnWorker(ground,
+                                 [&] { return (ground.keeper.Service().*operation)(file.c_str(), result); });
     } catch (const nlohmann::json::exception& error) {
         failure = error.what();
     }
@@ -180,9 +182,10 @@ Task<Reply> Operate(Ground& ground, const std::string& file, const std::string& 
 Task<Reply> CheckText(Ground& ground, Request& request) {
     const std::string text = co_await request.body->Text(LongestFile);
     const auto outcome = co_await OnWorker(ground, [&] {
-        return RunProgram(QxNComposeFileHandler::ComposeTool::Path,
-                          {QxNComposeFileHandler::ComposeTool::Exe, "-p", "check", "-f", "-", "config", "--quiet"},
-                          text, CheckDeadline);
+        return RunProgram(
+            QxNComposeFileHandler::ComposeTool::Path,
+            {QxNComposeFileHandler::ComposeTool::Exe, "-p", "check", "-f", "-", "config", "--quiet"}, text,
+            CheckDeadline);
     });
     if (!outcome.hasStarted) {
         throw Problem(Status::service_unavailable,

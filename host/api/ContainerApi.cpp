@@ -25,9 +25,9 @@ json PortTexts(const json& ports) {
             const json port = value;
             const std::string host = TextMember(port, "host_ip");
             const std::int64_t hostPort = NumberMember(port, "host_port");
-            texts.push_back((hostPort == 0 ? "" : (host.empty() ? "" : host + ":") + std::to_string(hostPort) + "->") +
-                            std::to_string(NumberMember(port, "container_port")) + "/" +
-                            TextMember(port, "protocol"));
+            texts.push_back(
+                (hostPort == 0 ? "" : (host.empty() ? "" : host + ":") + std::to_string(hostPort) + "->") +
+                std::to_string(NumberMember(port, "container_port")) + "/" + TextMember(port, "protocol"));
         }
     }
     return texts;
@@ -39,13 +39,15 @@ json Describe(const json& container) {
     const bool isCompose = !TextMember(labels, "com.docker.compose.project").empty();
     json object = json::object();
     object["id"] = TextMember(container, "Id");
-    object["name"] = names.is_array() && !names.empty() && names[0].is_string() ? names[0].get<std::string>() : "";
+    object["name"] =
+        names.is_array() && !names.empty() && names[0].is_string() ? names[0].get<std::string>() : "";
     object["image"] = TextMember(container, "Image");
     object["state"] = TextMember(container, "State");
     object["status"] = TextMember(container, "Status");
     object["created"] = TextMember(container, "Created");
     object["exitCode"] = NumberMember(container, "ExitCode");
-    object["project"] = TextMember(labels, isCompose ? "com.docker.compose.project" : "io.podman.compose.project");
+    object["project"] =
+        TextMember(labels, isCompose ? "com.docker.compose.project" : "io.podman.compose.project");
     object["ports"] = PortTexts(Member(container, "Ports"));
     return object;
 }
@@ -56,17 +58,18 @@ Task<Reply> Act(Ground& ground, const std::string& container, const std::string&
         throw Problem(Status::not_found, "A container can be started, stopped and restarted.");
     }
     // 304 says that there was nothing to do.
-    PodmanAsk ask;
+    PodmanAsk ask("/libpod/containers/" + ContainerName(container) + "/" + action);
     ask.method = QxCCurlHandler::Post;
     ask.deadline = ActionDeadline;
-    co_await AskPodman(ground, "/libpod/containers/" + ContainerName(container) + "/" + action, std::move(ask));
+    co_await AskPodman(ground, ask);
     co_return Reply::Empty();
 }
 
 }  // namespace
 
 Task<json> ListContainers(Ground& ground) {
-    const json answer = co_await AskPodmanForJson(ground, "/libpod/containers/json?all=true");
+    const PodmanAsk ask("/libpod/containers/json?all=true");
+    const json answer = co_await AskPodmanForJson(ground, ask);
     std::multimap<std::string, json> sorted;
     if (answer.is_array()) {
         for (const auto& value : answer) {
@@ -89,18 +92,19 @@ void AddContainerRequests(QxNHttp::Router& router, Ground& ground) {
         co_return JsonReply(answer);
     });
     router.Add(Verb::get, "/containers/{container}", Right::Look, [&ground](Request& request) -> Task<Reply> {
-        co_return JsonReply(co_await AskPodmanForJson(
-            ground, "/libpod/containers/" + ContainerName(request.segments[3]) + "/json"));
+        const PodmanAsk ask("/libpod/containers/" + ContainerName(request.segments[3]) + "/json");
+        const json answer = co_await AskPodmanForJson(ground, ask);
+        co_return JsonReply(answer);
     });
-    router.Add(Verb::delete_, "/containers/{container}", Right::Act, [&ground](Request& request) -> Task<Reply> {
-        const std::string force = request.Flag("force", false) ? "true" : "false";
-        PodmanAsk removal;
-        removal.method = QxCCurlHandler::Delete;
-        removal.deadline = ActionDeadline;
-        co_await AskPodman(ground, "/containers/" + ContainerName(request.segments[3]) + "?force=" + force,
-                           std::move(removal));
-        co_return Reply::Empty();
-    });
+    router.Add(Verb::delete_, "/containers/{container}", Right::Act,
+               [&ground](Request& request) -> Task<Reply> {
+                   const std::string force = request.Flag("force", false) ? "true" : "false";
+                   PodmanAsk removal("/containers/" + ContainerName(request.segments[3]) + "?force=" + force);
+                   removal.method = QxCCurlHandler::Delete;
+                   removal.deadline = ActionDeadline;
+                   co_await AskPodman(ground, removal);
+                   co_return Reply::Empty();
+               });
     router.Add(Verb::post, "/containers/{container}/{action}", Right::Act,
                [&ground](Request& request) -> Task<Reply> {
                    co_return co_await Act(ground, request.segments[3], request.segments[4]);

@@ -28,9 +28,9 @@ constexpr std::array<std::pair<const char*, const char*>, 2> Places{{
 }};
 
 /// What Podman and compose start beside the containers.
-const std::set<std::string> Tools{"podman",     "crun",        "conmon",    "docker-compose", "netavark",
-                                  "aardvark-dns", "catatonit", "fuse-overlayfs", "pasta",     "slirp4netns",
-                                  "rootlessport", "qxcontainerd", "exe"};
+const std::set<std::string> Tools{
+    "podman",         "crun",  "conmon",      "docker-compose", "netavark",     "aardvark-dns", "catatonit",
+    "fuse-overlayfs", "pasta", "slirp4netns", "rootlessport",   "qxcontainerd", "exe"};
 
 std::string ReadLine(const fs::path& path) {
     std::ifstream file(path);

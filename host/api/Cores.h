@@ -7,9 +7,9 @@
 /// The CPU set of the containers, as the kernel has it.
 struct ContainerCpuSet {
     bool exists = false;
-    std::string effective;         ///< list of cores, such as "1,3-4"
-    std::vector<int> cores;        ///< the same as numbers
-    QxNJson::json strangers;       ///< processes that belong to no container and to no container tool
+    std::string effective;    ///< list of cores, such as "1,3-4"
+    std::vector<int> cores;   ///< the same as numbers
+    QxNJson::json strangers;  ///< processes that belong to no container and to no container tool
 };
 
 /// Reads it from the control groups, of either version.

@@ -44,7 +44,7 @@ json Describe(const json& image) {
 Task<Reply> Load(Ground& ground, Request& request) {
     const QxNHttp::UploadedFile archive = co_await request.body->ToFile(
         QxNContainer::QxNContainerPaths::IMAGES_STORAGE_DIR, ground.largestUpload);
-    PodmanAsk load;
+    PodmanAsk load("/libpod/images/load");
     load.method = QxCCurlHandler::Post;
     load.headers.push_back("Content-Type: application/x-tar");
     load.uploadPath = archive.Path();
@@ -53,11 +53,12 @@ Task<Reply> Load(Ground& ground, Request& request) {
     std::optional<Problem> refused;
     json names = json::array();
     try {
-        const json answer = co_await AskPodmanForJson(ground, "/libpod/images/load", std::move(load));
+        const json answer = co_await AskPodmanForJson(ground, load);
         names = TextsOf(Member(answer, "Names"));
     } catch (const Problem& problem) {
         // Podman answers 500 to what it cannot read.
-        const bool isUnreadable = problem.status == Status::bad_gateway || problem.status == Status::bad_request;
+        const bool isUnreadable =
+            problem.status == Status::bad_gateway || problem.status == Status::bad_request;
         refused.emplace(isUnreadable ? Status::unprocessable_entity : problem.status, problem.what());
     }
     if (refused) {
@@ -72,7 +73,8 @@ Task<Reply> Load(Ground& ground, Request& request) {
 
 void AddImageRequests(QxNHttp::Router& router, Ground& ground) {
     router.Add(Verb::get, "/images", Right::Look, [&ground](Request&) -> Task<Reply> {
-        const json answer = co_await AskPodmanForJson(ground, "/libpod/images/json");
+        const PodmanAsk ask("/libpod/images/json");
+        const json answer = co_await AskPodmanForJson(ground, ask);
         json images = json::array();
         if (answer.is_array()) {
             for (const auto& image : answer) {
@@ -87,10 +89,9 @@ void AddImageRequests(QxNHttp::Router& router, Ground& ground) {
                [&ground](Request& request) -> Task<Reply> { co_return co_await Load(ground, request); });
     router.Add(Verb::delete_, "/images/{image}", Right::Act, [&ground](Request& request) -> Task<Reply> {
         const std::string force = request.Flag("force", false) ? "true" : "false";
-        PodmanAsk removal;
+        PodmanAsk removal("/libpod/images/" + ImageInUrl(request.segments[3]) + "?force=" + force);
         removal.method = QxCCurlHandler::Delete;
-        co_await AskPodman(ground, "/libpod/images/" + ImageInUrl(request.segments[3]) + "?force=" + force,
-                           std::move(removal));
+        co_await AskPodman(ground, removal);
         co_return Reply::Empty();
     });
 }

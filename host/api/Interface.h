@@ -64,19 +64,23 @@ auto OnWorker(Ground& ground, Function function) {
     return QxNHttp::InBackground(ground.workers, std::move(function));
 }
 
-/// What else a request to Podman takes.
+/// What a request to Podman takes. With a constructor, because GCC 12 destroys temporary aggregates twice in expressions
+/// that suspend.
 struct PodmanAsk {
+    explicit PodmanAsk(std::string where) : endpoint(std::move(where)) {}
+
+    std::string endpoint;
     QxCCurlHandler::MethodType method = QxCCurlHandler::Get;
-    std::vector<std::string> headers = {};
-    std::string uploadPath = {};
+    std::vector<std::string> headers;
+    std::string uploadPath;
     bool writeThrough = false;
     std::chrono::seconds deadline{30};  ///< after which the client is told; Podman goes on
 };
 
 /// @throws Problem when Podman does not answer, or answers with an error
-QxNHttp::Task<PodmanResponse> AskPodman(Ground& ground, std::string endpoint, PodmanAsk ask = {});
+QxNHttp::Task<PodmanResponse> AskPodman(Ground& ground, const PodmanAsk& ask);
 /// @return Podman's answer, which is JSON
-QxNHttp::Task<QxNJson::json> AskPodmanForJson(Ground& ground, std::string endpoint, PodmanAsk ask = {});
+QxNHttp::Task<QxNJson::json> AskPodmanForJson(Ground& ground, const PodmanAsk& ask);
 
 /// Members of Podman's answers, which may be missing or of another type.
 std::string TextMember(const QxNJson::json& object, const char* name);

@@ -21,7 +21,8 @@ constexpr size_t LongestLine = 64 << 10;
 
 /// Between the stream's thread, which waits when the client is slow, and the connection's.
 struct LogDownload::Pipe final : QxNSmartWebApi::QxCWebSocket {
-    Pipe(const boost::asio::any_io_executor& executor, bool withTimes) : more(executor), hasTimestamps(withTimes) {}
+    Pipe(const boost::asio::any_io_executor& executor, bool withTimes)
+        : more(executor), hasTimestamps(withTimes) {}
 
     int sendBinary(QxCErrorListPool&, const unsigned char* data, unsigned int length, int, bool) override {
         std::string piece;
@@ -50,10 +51,10 @@ struct LogDownload::Pipe final : QxNSmartWebApi::QxCWebSocket {
             const auto session = service.RegisterLogStreamSession(this, container);
             // Then everything comes as it is, with the marks that the parser wants.
             session->tty = true;
-            response = service.StreamPodmanRequest("/libpod/containers/" + container +
-                                                       "/logs?follow=false&stdout=true&stderr=true&timestamps=true&tail=" +
-                                                       tail,
-                                                   QxCCurlHandler::Get, {}, errors.List(), session, this);
+            response = service.StreamPodmanRequest(
+                "/libpod/containers/" + container +
+                    "/logs?follow=false&stdout=true&stderr=true&timestamps=true&tail=" + tail,
+                QxCCurlHandler::Get, {}, errors.List(), session, this);
         } catch (const std::exception&) {
             response.httpCode = 0;
         }
@@ -88,9 +89,10 @@ LogDownload::~LogDownload() {
     QxCContainer::LogStreamCloseHandler(nullptr, 0, _pipe.get());
 }
 
-void LogDownload::Start(boost::asio::thread_pool& workers, QxCContainer& service, const std::string& container,
-                        const std::string& tail) {
-    boost::asio::post(workers, [pipe = _pipe, &service, container, tail] { pipe->Run(service, container, tail); });
+void LogDownload::Start(boost::asio::thread_pool& workers, QxCContainer& service,
+                        const std::string& container, const std::string& tail) {
+    boost::asio::post(workers,
+                      [pipe = _pipe, &service, container, tail] { pipe->Run(service, container, tail); });
 }
 
 QxNHttp::Task<std::string> LogDownload::Next() {

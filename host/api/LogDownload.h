@@ -23,8 +23,8 @@ public:
     /// Begins to read, on one of the workers.
     /// @param container  a name or id that was checked
     /// @param tail       how many lines, or "all"
-    void Start(boost::asio::thread_pool& workers, QxNContainer::QxCContainer& service, const std::string& container,
-               const std::string& tail);
+    void Start(boost::asio::thread_pool& workers, QxNContainer::QxCContainer& service,
+               const std::string& container, const std::string& tail);
 
     /// @return the next piece; empty at the end
     /// @throws Problem when Podman does not give the log; only before the first piece

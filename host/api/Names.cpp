@@ -18,9 +18,8 @@ bool IsAlphanumeric(char c) { return std::isalnum(static_cast<unsigned char>(c))
 
 bool IsName(std::string_view text, size_t longest, std::string_view marks) {
     return !text.empty() && text.size() <= longest && IsAlphanumeric(text.front()) &&
-           std::all_of(text.begin(), text.end(), [&](char c) {
-               return IsAlphanumeric(c) || marks.find(c) != std::string_view::npos;
-           });
+           std::all_of(text.begin(), text.end(),
+                       [&](char c) { return IsAlphanumeric(c) || marks.find(c) != std::string_view::npos; });
 }
 
 }  // namespace
@@ -28,7 +27,8 @@ bool IsName(std::string_view text, size_t longest, std::string_view marks) {
 const std::string& FileName(const std::string& name) {
     if (!QxNHttp::IsFileName(name)) {
         throw Problem(Status::bad_request,
-                      "A file name has 1 to 128 letters, digits, dots, hyphens and underscores and begins with a letter "
+                      "A file name has 1 to 128 letters, digits, dots, hyphens and underscores and begins "
+                      "with a letter "
                       "or digit.");
     }
     return name;

@@ -82,9 +82,10 @@ Task<Reply> Switch(Ground& ground, const std::string& name, const std::string& a
                                     : ground.keeper.Service().addPluginToConfig(id, version);
     });
     if (code > 1) {
-        throw Problem(code == 4 ? Status::internal_server_error : Status::unprocessable_entity,
-                      code == 4 ? "The list of deactivated plugins cannot be read or written; the log file says why."
-                                : "The plugin has no name or version by which it could be told apart.");
+        throw Problem(
+            code == 4 ? Status::internal_server_error : Status::unprocessable_entity,
+            code == 4 ? "The list of deactivated plugins cannot be read or written; the log file says why."
+                      : "The plugin has no name or version by which it could be told apart.");
     }
     co_return Reply::Empty();
 }
@@ -93,17 +94,21 @@ Task<Reply> Switch(Ground& ground, const std::string& name, const std::string& a
 
 void AddPluginRequests(QxNHttp::Router& router, Ground& ground) {
     router.Add(Verb::get, "/plugins", Right::Look, [&ground](Request&) -> Task<Reply> {
-        co_return JsonReply(
-            co_await ground.keeper.OnControlThread([&] { return ground.keeper.Service().listPlugins(); }));
+        const json list =
+            co_await ground.keeper.OnControlThread([&] { return ground.keeper.Service().listPlugins(); });
+        co_return JsonReply(list);
     });
-    router.Add(Verb::post, "/plugins/rescan", Right::Act,
-               [&ground](Request&) -> Task<Reply> { co_return JsonReply(co_await Rescan(ground)); });
+    router.Add(Verb::post, "/plugins/rescan", Right::Act, [&ground](Request&) -> Task<Reply> {
+        const json list = co_await Rescan(ground);
+        co_return JsonReply(list);
+    });
     router.Add(Verb::put, "/plugins/{file}", Right::Act,
                [&ground](Request& request) -> Task<Reply> { co_return co_await Upload(ground, request); });
     router.Add(Verb::delete_, "/plugins/{file}", Right::Act, [&ground](Request& request) -> Task<Reply> {
         co_return co_await Remove(ground, request.segments[3]);
     });
-    router.Add(Verb::post, "/plugins/{file}/{action}", Right::Act, [&ground](Request& request) -> Task<Reply> {
-        co_return co_await Switch(ground, request.segments[3], request.segments[4]);
-    });
+    router.Add(Verb::post, "/plugins/{file}/{action}", Right::Act,
+               [&ground](Request& request) -> Task<Reply> {
+                   co_return co_await Switch(ground, request.segments[3], request.segments[4]);
+               });
 }

@@ -36,25 +36,27 @@ Status StatusFor(const PodmanResponse& response) {
 
 }  // namespace
 
-Task<PodmanResponse> AskPodman(Ground& ground, std::string endpoint, PodmanAsk ask) {
+Task<PodmanResponse> AskPodman(Ground& ground, const PodmanAsk& ask) {
     QxNContainer::QxCContainer& service = ground.keeper.Service();
     const std::chrono::seconds deadline = ask.deadline;
-    const auto response = co_await QxNHttp::InBackgroundWithin(
-        ground.workers, deadline, [&service, endpoint = std::move(endpoint), ask = std::move(ask)] {
-            return service.ExecutePodmanRequest(endpoint, ask.method, ask.headers, ask.uploadPath,
-                                                ask.writeThrough);
-        });
+    auto request = [&service, own = ask] {
+        return service.ExecutePodmanRequest(own.endpoint, own.method, own.headers, own.uploadPath,
+                                            own.writeThrough);
+    };
+    const auto response = co_await QxNHttp::InBackgroundWithin(ground.workers, deadline, std::move(request));
     if (!response) {
         ground.keeper.AskSoon();
-        throw Problem(Status::gateway_timeout, "Podman has not answered within " + std::to_string(deadline.count()) +
+        throw Problem(Status::gateway_timeout, "Podman has not answered within " +
+                                                   std::to_string(deadline.count()) +
                                                    " s; it may still do what was asked.");
     }
     if (response->httpCode == 0) {
         ground.keeper.AskSoon();
-        throw Problem(Status::service_unavailable,
-                      "Podman does not answer. " + (ground.keeper.TheProblem().empty()
-                                                        ? std::string("Look at the check and start the service.")
-                                                        : ground.keeper.TheProblem()));
+        throw Problem(
+            Status::service_unavailable,
+            "Podman does not answer. " + (ground.keeper.TheProblem().empty()
+                                              ? std::string("Look at the check and start the service.")
+                                              : ground.keeper.TheProblem()));
     }
     if (response->httpCode >= 400) {
         throw Problem(StatusFor(*response), ReasonOf(*response));
@@ -62,8 +64,8 @@ Task<PodmanResponse> AskPodman(Ground& ground, std::string endpoint, PodmanAsk a
     co_return *response;
 }
 
-Task<json> AskPodmanForJson(Ground& ground, std::string endpoint, PodmanAsk ask) {
-    const PodmanResponse response = co_await AskPodman(ground, std::move(endpoint), std::move(ask));
+Task<json> AskPodmanForJson(Ground& ground, const PodmanAsk& ask) {
+    const PodmanResponse response = co_await AskPodman(ground, ask);
     json answer = json::parse(response.body);
     if (answer.is_invalid()) {
         throw Problem(Status::bad_gateway, "Podman's answer is no JSON.");

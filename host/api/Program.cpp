@@ -22,9 +22,9 @@ constexpr size_t LongestOutput = 64 << 10;
 /// A file in memory takes input and output of any length, so that nobody waits for anybody.
 UniqueFd MemoryFile(const std::string& content) {
     UniqueFd file(memfd_create("qx-program", MFD_CLOEXEC));
-    if (file.IsOpen() && (write(file.Get(), content.data(), content.size()) !=
-                              static_cast<ssize_t>(content.size()) ||
-                          lseek(file.Get(), 0, SEEK_SET) != 0)) {
+    if (file.IsOpen() &&
+        (write(file.Get(), content.data(), content.size()) != static_cast<ssize_t>(content.size()) ||
+         lseek(file.Get(), 0, SEEK_SET) != 0)) {
         file.Reset();
     }
     return file;
@@ -48,7 +48,8 @@ std::vector<char*> Pointers(std::vector<std::string>& words) {
 
 /// Not the environment of this process: the library may be changing that just now.
 pid_t Start(const std::string& path, std::vector<std::string> arguments, int in, int out) {
-    std::vector<std::string> variables{"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin", "HOME=/root",
+    std::vector<std::string> variables{"PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
+                                       "HOME=/root",
                                        "LD_LIBRARY_PATH=" + QxNContainer::QxNContainerPaths::PODMAN_LIBS};
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);

@@ -7,8 +7,8 @@
 /// What a program did.
 struct ProgramOutcome {
     bool hasStarted = false;
-    int exitCode = -1;    ///< -1: killed, also by us at the deadline
-    std::string output;   ///< standard output and error together, at most 64 KiB
+    int exitCode = -1;   ///< -1: killed, also by us at the deadline
+    std::string output;  ///< standard output and error together, at most 64 KiB
 };
 
 /// Runs a program with a text as its standard input; blocks until it has ended.

@@ -32,7 +32,8 @@ std::optional<unsigned> Number(const json& object, const char* name) {
     }
     if (!object[name].is_number_unsigned() ||
         object[name].get<std::uint64_t>() > std::numeric_limits<unsigned>::max()) {
-        throw Problem(Status::bad_request, std::string("'") + name + "' must be a number that is not negative.");
+        throw Problem(Status::bad_request,
+                      std::string("'") + name + "' must be a number that is not negative.");
     }
     return object[name].get<unsigned>();
 }
@@ -41,7 +42,8 @@ Task<Reply> Change(Ground& ground, Request& request) {
     const json wanted = co_await ReadObject(request);
     for (const auto& [name, value] : wanted.items()) {
         if (name != "tcpPort" && name != "cores") {
-            throw Problem(Status::bad_request, "There is no setting '" + name + "'; there are tcpPort and cores.");
+            throw Problem(Status::bad_request,
+                          "There is no setting '" + name + "'; there are tcpPort and cores.");
         }
     }
     co_await ground.keeper.ChangeSettings(Number(wanted, "tcpPort"), Number(wanted, "cores"));

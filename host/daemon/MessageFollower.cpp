@@ -18,7 +18,9 @@ constexpr off_t FirstRead = 1 << 20;  ///< of a file that is there already, its 
 
 bool IsMessage(const QxNJson::json& value) {
     const auto isText = [&](const char* name) { return value.contains(name) && value[name].is_string(); };
-    const auto isNumber = [&](const char* name) { return value.contains(name) && value[name].is_number_integer(); };
+    const auto isNumber = [&](const char* name) {
+        return value.contains(name) && value[name].is_number_integer();
+    };
     return isText("time") && isNumber("severity") && isNumber("number") && isText("source") && isText("text");
 }
 
@@ -58,7 +60,8 @@ QxNHttp::Task<void> MessageFollower::Run() {
     std::array<char, 4096> events;
     boost::system::error_code error;
     while (!error) {
-        co_await _watch.async_read_some(asio::buffer(events), asio::redirect_error(asio::use_awaitable, error));
+        co_await _watch.async_read_some(asio::buffer(events),
+                                        asio::redirect_error(asio::use_awaitable, error));
         Read();
     }
 }

@@ -17,6 +17,7 @@ struct Options {
     bool enable = false;
     std::optional<unsigned> tcpPort;
     std::optional<unsigned> cores;
+    std::optional<unsigned short> logPort;  ///< of the raw log endpoint
 };
 
 /// Reads the command line and the configuration file.

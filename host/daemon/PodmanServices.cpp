@@ -24,7 +24,8 @@ std::string ReadAll(const std::string& path) {
 std::vector<pid_t> Children() {
     std::vector<pid_t> children;
     std::error_code error;
-    for (fs::directory_iterator task("/proc/self/task", error), end; !error && task != end; task.increment(error)) {
+    for (fs::directory_iterator task("/proc/self/task", error), end; !error && task != end;
+         task.increment(error)) {
         std::istringstream list(ReadAll(task->path().string() + "/children"));
         children.insert(children.end(), std::istream_iterator<pid_t>(list), {});
     }
@@ -35,7 +36,8 @@ bool IsOurPodmanService(pid_t pid) {
     using namespace std::string_literals;
     const std::string directory = "/proc/" + std::to_string(pid);
     return ReadAll(directory + "/cmdline").find("\0system\0service\0"s) != std::string::npos &&
-           ReadAll(directory + "/status").find("\nPPid:\t" + std::to_string(getpid()) + "\n") != std::string::npos;
+           ReadAll(directory + "/status").find("\nPPid:\t" + std::to_string(getpid()) + "\n") !=
+               std::string::npos;
 }
 
 /// Calls the function with a descriptor of each, which stands for the process, whoever gets its number later.

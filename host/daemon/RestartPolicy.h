@@ -19,8 +19,8 @@ public:
         Rule rule = Rule::OnFailure;
         std::chrono::milliseconds delay{1000};     ///< before the first restart
         std::chrono::milliseconds longest{60000};  ///< delays do not grow beyond
-        unsigned limit = 5;                        ///< restarts in a row after which nothing is tried any more
-        std::chrono::milliseconds quiet{300000};   ///< running so long, Podman counts as sound again
+        unsigned limit = 5;                       ///< restarts in a row after which nothing is tried any more
+        std::chrono::milliseconds quiet{300000};  ///< running so long, Podman counts as sound again
     };
 
     struct Loss {
@@ -36,7 +36,8 @@ public:
     /// Podman is lost.
     /// @param isFailure  false when it ended in order, without a restart being asked for
     /// @return how long to wait before the restart; nothing when there is to be none
-    std::optional<std::chrono::milliseconds> Lost(Clock::time_point time, const std::string& cause, bool isFailure);
+    std::optional<std::chrono::milliseconds> Lost(Clock::time_point time, const std::string& cause,
+                                                  bool isFailure);
 
     /// Somebody started or stopped the service by hand: what was is forgotten, but for the history.
     void Reset();

@@ -2,7 +2,6 @@
 
 #include "QxCContainer.h"
 #include "daemon/PodmanServices.h"
-#include "daemon/Version.h"
 #include "http/Clock.h"
 
 #include <boost/asio/co_spawn.hpp>
@@ -20,7 +19,8 @@ using QxNJson::json;
 namespace {
 
 constexpr std::chrono::milliseconds FirstQuestions{100};
-constexpr std::chrono::milliseconds TimeForMessages{200};  ///< between an end and the library's message about it
+constexpr std::chrono::milliseconds TimeForMessages{
+    200};  ///< between an end and the library's message about it
 constexpr unsigned HighestPort = 65535;
 
 std::string WhyNotInitialised(const QxCContainer& service) {
@@ -52,7 +52,8 @@ const char* TextOf(RestartPolicy::Rule rule) {
 
 }  // namespace
 
-ServiceKeeper::ServiceKeeper(asio::io_context& io, const Options& options, const ServiceManager& serviceManager)
+ServiceKeeper::ServiceKeeper(asio::io_context& io, const Options& options,
+                             const ServiceManager& serviceManager)
     : _io(io),
       _options(options),
       _serviceManager(serviceManager),
@@ -82,8 +83,8 @@ Task<void> ServiceKeeper::Begin(std::function<void(QxCContainer&)> prepare) {
 
 void ServiceKeeper::CheckIdle() const {
     if (_state == State::Starting || _state == State::Stopping) {
-        throw Problem(Status::conflict,
-                      std::string("The service is just ") + TextOf(_state) + "; try again when that is done.");
+        throw Problem(Status::conflict, std::string("The service is just ") + TextOf(_state) +
+                                            "; try again when that is done.");
     }
 }
 
@@ -131,7 +132,8 @@ Task<void> ServiceKeeper::Enable(bool isEnabled) {
 
 Task<void> ServiceKeeper::ChangeSettings(std::optional<unsigned> tcpPort, std::optional<unsigned> cores) {
     if (tcpPort && (*tcpPort > HighestPort || *tcpPort == 80 || *tcpPort == 111)) {
-        throw Problem(Status::bad_request, "The TCP port must be a number from 0 to 65535, but not 80 or 111.");
+        throw Problem(Status::bad_request,
+                      "The TCP port must be a number from 0 to 65535, but not 80 or 111.");
     }
     auto settings = _settings;
     settings.tcpPort = tcpPort.value_or(settings.tcpPort);
@@ -254,13 +256,13 @@ Task<ServiceKeeper::Answer> ServiceKeeper::Ask() {
     _isAsking = true;
     _askedAt = Clock::now();
     const bool wantsVersion = _podmanVersion.empty();
-    const auto response =
-        co_await QxNHttp::InBackgroundWithin(_asking, _options.deadline, [this, wantsVersion] {
-            const PodmanResponse said = _service->ExecutePodmanRequest(
-                wantsVersion ? "/libpod/version" : "/libpod/_ping", QxCCurlHandler::Get, {}, {}, false);
-            asio::post(_io, [this] { _isAsking = false; });
-            return said;
-        });
+    auto question = [this, wantsVersion] {
+        const PodmanResponse said = _service->ExecutePodmanRequest(
+            wantsVersion ? "/libpod/version" : "/libpod/_ping", QxCCurlHandler::Get, {}, {}, false);
+        asio::post(_io, [this] { _isAsking = false; });
+        return said;
+    };
+    const auto response = co_await QxNHttp::InBackgroundWithin(_asking, _options.deadline, question);
     Answer answer;
     if (!response) {
         answer.problem = "it has not answered within " + std::to_string(_options.deadline.count()) + " ms";
@@ -320,8 +322,9 @@ Task<void> ServiceKeeper::HandleLoss(std::string cause, bool isFailure) {
         const bool isLimit = _policy.InARow() >= _policy.Rules().limit;
         const auto delay = _policy.Lost(Clock::now(), cause, isFailure);
         if (!delay) {
-            Fail(cause + (isLimit ? ". After so many restarts in a row it is not started again"
-                                  : ". By the rules it is not started again") +
+            Fail(cause +
+                 (isLimit ? ". After so many restarts in a row it is not started again"
+                          : ". By the rules it is not started again") +
                  "; start the service by hand.");
             co_return;
         }
@@ -391,7 +394,7 @@ json ServiceKeeper::Describe() const {
         history.push_back(json{{"time", QxNHttp::TimeText(loss.time)}, {"cause", loss.cause}});
     }
     json service = json::object();
-    service["version"] = DaemonVersion;
+    service["version"] = QX_DAEMON_VERSION;
     service["enabled"] = _service->IsContainerServiceEnabled(false);
     service["state"] = TextOf(_state);
     service["problem"] = _problem;

@@ -29,10 +29,11 @@ class ServiceKeeper {
 public:
     struct Options {
         RestartPolicy::Options restart;
-        std::chrono::milliseconds interval{10000};      ///< between two questions to Podman
-        std::chrono::milliseconds deadline{5000};       ///< for an answer
-        std::chrono::milliseconds startDeadline{120000};  ///< for the first one: containers start before Podman does
-        std::chrono::milliseconds termGrace{10000};     ///< from a stop until Podman services are killed
+        std::chrono::milliseconds interval{10000};  ///< between two questions to Podman
+        std::chrono::milliseconds deadline{5000};   ///< for an answer
+        std::chrono::milliseconds startDeadline{
+            120000};  ///< for the first one: containers start before Podman does
+        std::chrono::milliseconds termGrace{10000};  ///< from a stop until Podman services are killed
     };
 
     ServiceKeeper(boost::asio::io_context& io, const Options& options, const ServiceManager& serviceManager);
@@ -115,9 +116,9 @@ private:
     State _state = State::Stopped;
     std::string _problem;
     bool _isEnding = false;
-    bool _isInitialised = false;    ///< init() succeeded in this process: not to be called again
-    bool _isStarted = false;        ///< Start() succeeded and Stop() has not been called since
-    bool _isAsking = false;         ///< a question is still under way, perhaps for ever
+    bool _isInitialised = false;  ///< init() succeeded in this process: not to be called again
+    bool _isStarted = false;      ///< Start() succeeded and Stop() has not been called since
+    bool _isAsking = false;       ///< a question is still under way, perhaps for ever
     bool _isAnswering = false;
     bool _failureReported = false;  ///< since the last good answer
     unsigned _restarts = 0;

@@ -38,7 +38,8 @@ constexpr size_t LargestClientMessage = 4096;
 constexpr const char* ApiSegments[] = {"api", "v1"};
 
 constexpr const char* ContentPolicy =
-    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; font-src 'self'; connect-src "
+    "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; font-src 'self'; "
+    "connect-src "
     "'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
 std::string_view View(beast::string_view text) { return {text.data(), text.size()}; }
@@ -106,7 +107,8 @@ public:
             body.size = piece.size();
             Deadline(_ground.options.idleTimeout);
             beast::error_code error;
-            co_await http::async_read(_stream, _input, *parser, asio::redirect_error(asio::use_awaitable, error));
+            co_await http::async_read(_stream, _input, *parser,
+                                      asio::redirect_error(asio::use_awaitable, error));
             if (error && error != http::error::need_buffer) {
                 FailBody(error, limit);
             }
@@ -187,15 +189,17 @@ private:
     Task<bool> AnswerUnreadable(beast::error_code error) {
         _isKeptAlive = false;
         if (error == http::error::header_limit || error == http::error::buffer_overflow) {
-            co_return co_await Send(Reply::Of(Problem(Status::request_header_fields_too_large,
-                                                      "The request's header is longer than " +
-                                                          std::to_string(_ground.options.largestTarget) + " bytes.")),
-                                    false);
+            co_return co_await Send(
+                Reply::Of(Problem(Status::request_header_fields_too_large,
+                                  "The request's header is longer than " +
+                                      std::to_string(_ground.options.largestTarget) + " bytes.")),
+                false);
         }
         const bool isMalformed = error.category() == beast::error_code(http::error::bad_method).category() &&
                                  error != http::error::end_of_stream && error != http::error::partial_message;
         if (isMalformed) {
-            co_return co_await Send(Reply::Of(Problem(Status::bad_request, "This is no HTTP request.")), false);
+            co_return co_await Send(Reply::Of(Problem(Status::bad_request, "This is no HTTP request.")),
+                                    false);
         }
         co_return false;
     }
@@ -220,7 +224,8 @@ private:
     /// Refuses what came through another site's page or another host's name. Browsers attach our cookie to both.
     void CheckSender(const http::request<http::empty_body>& header) const {
         if (header.count(http::field::host) != 1 || header.count(http::field::origin) > 1) {
-            throw Problem(Status::bad_request, "The request must have one Host header and at most one Origin.");
+            throw Problem(Status::bad_request,
+                          "The request must have one Host header and at most one Origin.");
         }
         const std::string_view authority = View(header[http::field::host]);
         const std::string_view host = HostOf(authority);
@@ -263,10 +268,11 @@ private:
             throw Problem(Status::not_found, "The interface begins at /api/v1.");
         }
         const Verb method = request.method == Verb::head ? Verb::get : request.method;
-        const Router::Route& route =
-            _ground.router.Find(method, {segments.begin() + 2, segments.end()}, request.wantsWebSocket, allow);
+        const Router::Route& route = _ground.router.Find(method, {segments.begin() + 2, segments.end()},
+                                                         request.wantsWebSocket, allow);
         if (route.right != Right::None && request.client.right == Right::None) {
-            throw Problem(Status::unauthorized, "A token is needed; qxctl token create makes one on the board.");
+            throw Problem(Status::unauthorized,
+                          "A token is needed; qxctl token create makes one on the board.");
         }
         if (route.right > request.client.right) {
             throw Problem(Status::forbidden, "The token '" + request.client.name + "' may look but not act.");
@@ -315,7 +321,8 @@ private:
 
     /// Who changed what, for the journal.
     static void Tell(const Request& request, const Reply& reply) {
-        if (request.method != Verb::get && request.method != Verb::head && request.client.right == Right::Act) {
+        if (request.method != Verb::get && request.method != Verb::head &&
+            request.client.right == Right::Act) {
             const std::string method(http::to_string(request.method));
             std::fprintf(stderr, "qxcontainerd: %s: %s %s: %d\n", request.client.name.c_str(), method.c_str(),
                          request.target.c_str(), static_cast<int>(reply.status));
@@ -393,7 +400,8 @@ private:
         message.chunked(true);
         http::response_serializer<http::empty_body> serializer(message);
         Deadline(_ground.options.idleTimeout);
-        co_await http::async_write_header(_stream, serializer, asio::redirect_error(asio::use_awaitable, error));
+        co_await http::async_write_header(_stream, serializer,
+                                          asio::redirect_error(asio::use_awaitable, error));
         if (error) {
             co_return;
         }
@@ -458,7 +466,8 @@ private:
         _stream.expires_never();
         socket.ws.set_option(websocket::stream_base::timeout{_ground.options.headerTimeout,
                                                              _ground.options.pingTimeout, true});
-        socket.ws.set_option(websocket::stream_base::decorator([](auto& message) { SetCommonHeaders(message); }));
+        socket.ws.set_option(
+            websocket::stream_base::decorator([](auto& message) { SetCommonHeaders(message); }));
         socket.ws.read_message_max(LargestClientMessage);
         socket.ws.text(true);
         beast::error_code error;
@@ -501,7 +510,8 @@ Task<void> ServeConnection(Stream& stream, const Origin& origin, const Ground& g
 }
 
 Task<void> RefuseConnection(Stream& stream) {
-    Reply reply = Reply::Of(Problem(Status::service_unavailable, "There are too many clients; try again later."));
+    Reply reply =
+        Reply::Of(Problem(Status::service_unavailable, "There are too many clients; try again later."));
     http::response<http::string_body> message(reply.status, 11);
     message.set(http::field::content_type, reply.type);
     message.set(http::field::retry_after, "1");

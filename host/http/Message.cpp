@@ -155,9 +155,8 @@ bool ParseTarget(std::string_view target, Request& request) {
 
 bool IsFileName(std::string_view name) {
     return !name.empty() && name.size() <= LongestFileName && IsLetterOrDigit(name.front()) &&
-           std::all_of(name.begin(), name.end(), [](char c) {
-               return IsLetterOrDigit(c) || c == '.' || c == '_' || c == '-';
-           });
+           std::all_of(name.begin(), name.end(),
+                       [](char c) { return IsLetterOrDigit(c) || c == '.' || c == '_' || c == '-'; });
 }
 
 }  // namespace QxNHttp

@@ -37,7 +37,7 @@ enum class Right { None, Look, Act };
 
 /// Who sent a request.
 struct Client {
-    std::string name;           ///< of the token; "local" on the Unix socket; empty without a token
+    std::string name;  ///< of the token; "local" on the Unix socket; empty without a token
     Right right = Right::None;
     bool isLocal = false;  ///< came through the Unix socket
 };
@@ -47,8 +47,7 @@ class UploadedFile {
 public:
     UploadedFile() = default;
     UploadedFile(std::string path, std::uint64_t size) : _path(std::move(path)), _size(size) {}
-    UploadedFile(UploadedFile&& other) noexcept
-        : _path(std::exchange(other._path, {})), _size(other._size) {}
+    UploadedFile(UploadedFile&& other) noexcept : _path(std::exchange(other._path, {})), _size(other._size) {}
     UploadedFile& operator=(UploadedFile&&) = delete;
     ~UploadedFile();
 

@@ -14,8 +14,9 @@ bool IsSame(std::string_view left, std::string_view right) {
 }
 
 bool IsPort(std::string_view text) {
-    return text.empty() || (text.size() > 1 && text.size() <= LongestPort + 1 && text[0] == ':' &&
-                            std::all_of(text.begin() + 1, text.end(), [](char c) { return c >= '0' && c <= '9'; }));
+    return text.empty() ||
+           (text.size() > 1 && text.size() <= LongestPort + 1 && text[0] == ':' &&
+            std::all_of(text.begin() + 1, text.end(), [](char c) { return c >= '0' && c <= '9'; }));
 }
 
 }  // namespace

@@ -60,15 +60,14 @@ Reply PageFile(const std::string& directory, const Request& request) {
         reply.file = OpenBelow(directory, names);
     }
     if (!reply.file.IsOpen()) {
-        throw Problem(Status::not_found, directory.empty()
-                                             ? "The daemon serves no page; its option --page names the directory."
-                                             : "There is no such page.");
+        throw Problem(Status::not_found,
+                      directory.empty() ? "The daemon serves no page; its option --page names the directory."
+                                        : "There is no such page.");
     }
     reply.type = TypeOf(names.back());
     // Files below "assets" bear a hash of their content in their names.
-    reply.headers.emplace_back("Cache-Control", names.front() == "assets"
-                                                    ? "public, max-age=31536000, immutable"
-                                                    : "no-cache");
+    reply.headers.emplace_back(
+        "Cache-Control", names.front() == "assets" ? "public, max-age=31536000, immutable" : "no-cache");
     return reply;
 }
 

@@ -1,7 +1,7 @@
 #include "http/Router.h"
 
-#include <boost/beast/http/verb.hpp>
 #include <algorithm>
+#include <boost/beast/http/verb.hpp>
 
 namespace QxNHttp {
 
@@ -45,10 +45,11 @@ const Router::Route& Router::Find(Verb method, const std::vector<std::string>& s
         }
     }
     if (allow.empty()) {
-        throw Problem(Status::not_found, "There is nothing at this address; /api/v1/openapi.yaml says what there is.");
+        throw Problem(Status::not_found,
+                      "There is nothing at this address; /api/v1/openapi.yaml says what there is.");
     }
-    throw Problem(Status::method_not_allowed,
-                  wantsWebSocket ? "This address is no WebSocket." : "This address knows only " + allow + ".");
+    throw Problem(Status::method_not_allowed, wantsWebSocket ? "This address is no WebSocket."
+                                                             : "This address knows only " + allow + ".");
 }
 
 }  // namespace QxNHttp

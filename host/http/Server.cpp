@@ -107,8 +107,9 @@ std::string PortOf(int socket) {
     sockaddr_storage bound{};
     socklen_t length = sizeof(bound);
     getsockname(socket, reinterpret_cast<sockaddr*>(&bound), &length);
-    return std::to_string(ntohs(bound.ss_family == AF_INET ? reinterpret_cast<sockaddr_in*>(&bound)->sin_port
-                                                           : reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port));
+    return std::to_string(ntohs(bound.ss_family == AF_INET
+                                    ? reinterpret_cast<sockaddr_in*>(&bound)->sin_port
+                                    : reinterpret_cast<sockaddr_in6*>(&bound)->sin6_port));
 }
 
 Listener ListenOnTcp(const std::string& wanted, bool isTls, bool mayBeRemote) {
@@ -128,11 +129,12 @@ Listener ListenOnTcp(const std::string& wanted, bool isTls, bool mayBeRemote) {
         Fail("'" + wanted + "'", gai_strerror(error));
     }
     if (!IsLoopback(address->ai_addr) && !mayBeRemote) {
-        Fail(wanted, "others than this machine's own programs could reach it. Give a certificate, a key and at least "
-                     "one token (qxctl token create), or listen on 127.0.0.1 only");
+        Fail(wanted,
+             "others than this machine's own programs could reach it. Give a certificate, a key and at least "
+             "one token (qxctl token create), or listen on 127.0.0.1 only");
     }
-    Listener listener{UniqueFd(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)), false,
-                      host, {}};
+    Listener listener{
+        UniqueFd(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)), false, host, {}};
     Check(listener.socket.IsOpen(), wanted);
     const int on = 1;
     Check(setsockopt(listener.socket.Get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == 0, wanted);
@@ -174,8 +176,8 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
             tls.use_private_key_file(options.key, asio::ssl::context::pem, error);
         }
         if (error) {
-            throw std::runtime_error("the certificate " + options.certificate + " and its key " + options.key +
-                                     " cannot be used: " + error.message());
+            throw std::runtime_error("the certificate " + options.certificate + " and its key " +
+                                     options.key + " cannot be used: " + error.message());
         }
     }
 
@@ -191,16 +193,20 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         asio::steady_timer pause(io);
         boost::system::error_code error;
         while (!isStopping) {
-            co_await acceptor.async_wait(Acceptor::wait_read, asio::redirect_error(asio::use_awaitable, error));
+            co_await acceptor.async_wait(Acceptor::wait_read,
+                                         asio::redirect_error(asio::use_awaitable, error));
             if (error || isStopping) {
                 break;
             }
             // Asio would make a socket that programs inherit which the library starts; a container's monitor would then
             // keep connections open for the container's life.
-            UniqueFd client(accept4(acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+            UniqueFd client(
+                accept4(acceptor.native_handle(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
             if (client.IsOpen()) {
-                asio::co_spawn(io, Serve(std::move(client), {isLocal, !isLocal && !options.certificate.empty(), address}),
-                               asio::detached);
+                asio::co_spawn(
+                    io,
+                    Serve(std::move(client), {isLocal, !isLocal && !options.certificate.empty(), address}),
+                    asio::detached);
             } else if (errno != EAGAIN && errno != ECONNABORTED && errno != EINTR) {
                 // Without room or descriptors the next ones wait in the backlog.
                 pause.expires_after(AcceptPause);

@@ -12,15 +12,17 @@
 namespace QxNHttp {
 
 struct ServerOptions {
-    std::string socket;                ///< path of the Unix socket; empty for none
-    std::string socketGroup;           ///< group that may use it; root alone when there is no such group
-    std::vector<std::string> listen;   ///< TCP addresses "127.0.0.1:8089" or "[::1]:8089"; port 0 takes a free one
-    std::vector<std::string> hosts;    ///< names by which TCP clients may call the machine, beside loopback ones
-    std::string certificate;           ///< PEM file with the chain; empty for no TLS
-    std::string key;                   ///< PEM file
-    std::string page;                  ///< directory of the files that are served under "/"; empty for none
-    size_t clients = 256;              ///< connections at a time; others are answered with 503
-    std::uint64_t largestTarget = 8192;  ///< bytes of request line and header fields together
+    std::string socket;       ///< path of the Unix socket; empty for none
+    std::string socketGroup;  ///< group that may use it; root alone when there is no such group
+    std::vector<std::string>
+        listen;  ///< TCP addresses "127.0.0.1:8089" or "[::1]:8089"; port 0 takes a free one
+    std::vector<std::string>
+        hosts;                ///< names by which TCP clients may call the machine, beside loopback ones
+    std::string certificate;  ///< PEM file with the chain; empty for no TLS
+    std::string key;          ///< PEM file
+    std::string page;         ///< directory of the files that are served under "/"; empty for none
+    size_t clients = 256;     ///< connections at a time; others are answered with 503
+    std::uint64_t largestTarget = 8192;              ///< bytes of request line and header fields together
     std::chrono::milliseconds headerTimeout{10000};  ///< for a request's header to arrive
     std::chrono::milliseconds idleTimeout{60000};    ///< between requests, and for pieces of bodies both ways
     std::chrono::milliseconds pingTimeout{30000};    ///< for a WebSocket's client to show that it is there
@@ -37,7 +39,8 @@ public:
     /// Listens from now on.
     /// @throws std::runtime_error when an address cannot be had, or when it may not be: TCP addresses other than
     ///         loopback need a certificate and a token
-    Server(boost::asio::io_context& io, const ServerOptions& options, const Router& router, const Tokens& tokens);
+    Server(boost::asio::io_context& io, const ServerOptions& options, const Router& router,
+           const Tokens& tokens);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
     ~Server();

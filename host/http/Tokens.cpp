@@ -45,7 +45,8 @@ bool IsSame(const std::string& left, const std::string& right) {
 }
 
 std::string TextMember(const json& object, const char* name) {
-    return object.contains(name) && object[name].is_string() ? object[name].get<std::string>() : std::string();
+    return object.contains(name) && object[name].is_string() ? object[name].get<std::string>()
+                                                             : std::string();
 }
 
 std::string ReadFile(const std::string& path) {
@@ -73,8 +74,8 @@ Tokens::Tokens(std::string path) : _path(std::move(path)) {
     }
     for (const auto& value : file["tokens"]) {
         const json entry = value;
-        Entry token{TextMember(entry, "name"), RightOf(TextMember(entry, "right")), TextMember(entry, "created"),
-                    TextMember(entry, "sha256")};
+        Entry token{TextMember(entry, "name"), RightOf(TextMember(entry, "right")),
+                    TextMember(entry, "created"), TextMember(entry, "sha256")};
         if (!IsFileName(token.name) || token.right == Right::None ||
             token.hash.size() != 2 * SHA256_DIGEST_LENGTH) {
             throw std::runtime_error("an entry of " + _path + " is no token; mend the file or remove it");
@@ -106,7 +107,8 @@ std::string Tokens::Make(const std::string& name, Right right) {
     }
     std::string token = Hex(random.data(), random.size());
     const std::lock_guard lock(_mutex);
-    if (std::any_of(_entries.begin(), _entries.end(), [&](const Entry& entry) { return entry.name == name; })) {
+    if (std::any_of(_entries.begin(), _entries.end(),
+                    [&](const Entry& entry) { return entry.name == name; })) {
         throw Problem(Status::conflict, "There is a token named '" + name + "' already; remove it first.");
     }
     std::vector<Entry> entries = _entries;
@@ -145,7 +147,8 @@ void Tokens::_Write(const std::vector<Entry>& entries) const {
     std::filesystem::create_directories(std::filesystem::path(_path).parent_path(), ignored);
     UploadedFile fresh(_path + ".new", text.size());
     QxNSupport::UniqueFd output(open(fresh.Path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (!output.IsOpen() || write(output.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+    if (!output.IsOpen() ||
+        write(output.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
         fsync(output.Get()) != 0) {
         FailToWrite(_path, errno);
     }

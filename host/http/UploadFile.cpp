@@ -19,7 +19,8 @@ constexpr mode_t FileMode = 0644;
 Problem WriteProblem(const std::string& directory, int error) {
     if (error == ENOSPC || error == EDQUOT) {
         return {Status::insufficient_storage,
-                "There is no room in " + directory + "; remove images or files that are not needed. Nothing was kept."};
+                "There is no room in " + directory +
+                    "; remove images or files that are not needed. Nothing was kept."};
     }
     return {Status::internal_server_error, "Writing in " + directory + " fails: " + strerror(error)};
 }

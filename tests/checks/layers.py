@@ -21,18 +21,29 @@ MAY_INCLUDE = {
     "crp": {"include", "platform/include", "support"},
     "service": {"include", "platform/include", "support"},
     "tools": {"include", "platform/include", "support", "crp"},
-    "host": {"include", "platform/include", "support"},
+    "host/http": {"include", "platform/include", "support"},
+    "host/logs": {"include", "platform/include", "support"},
+    "host/ctl": {"include", "platform/include", "support", "host"},
+    "host/daemon": {"include", "platform/include", "support", "host/http"},
+    "host/api": {"include", "platform/include", "support", "host/http", "host/logs", "host/daemon"},
+    "host": {"include", "platform/include", "support", "host/http", "host/logs", "host/daemon", "host/api"},
 }
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"')
 
 
+def folder_containing(path: pathlib.Path, root: pathlib.Path) -> str | None:
+    """The innermost folder of the table that holds a file."""
+    relative = path.resolve().relative_to(root)
+    holders = [f for f in MAY_INCLUDE if relative.is_relative_to(f)]
+    return max(holders, key=len, default=None)
+
+
 def folder_of(name: str, source: pathlib.Path, root: pathlib.Path) -> str | None:
     """Finds the folder of an included header; None when it is not one of the project."""
-    for base in (source.parent, root, root / "include", root / "platform/include"):
+    for base in (source.parent, root, root / "include", root / "platform/include", root / "host", root / "host/logs"):
         header = base / name
         if header.is_file():
-            relative = header.resolve().relative_to(root)
-            return next((f for f in MAY_INCLUDE if relative.is_relative_to(f)), str(relative.parent))
+            return folder_containing(header, root) or str(header.resolve().relative_to(root).parent)
     return None
 
 
@@ -42,7 +53,7 @@ def main() -> int:
     seen = 0
     for folder, allowed in MAY_INCLUDE.items():
         for source in sorted((root / folder).rglob("*")):
-            if source.suffix not in (".h", ".cpp"):
+            if source.suffix not in (".h", ".cpp") or folder_containing(source, root) != folder:
                 continue
             for number, line in enumerate(source.read_text().splitlines(), 1):
                 match = INCLUDE.match(line)

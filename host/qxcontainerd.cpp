@@ -1,5 +1,6 @@
 // The daemon: takes the container library through its life and makes it usable over HTTP.
 
+#include "LogServer.h"
 #include "QxCContainer.h"
 #include "api/Interface.h"
 #include "daemon/MessageFollower.h"
@@ -62,7 +63,6 @@ public:
 
 private:
     Task<void> Live() {
-        // Before anything is started: an address that cannot be had must leave nothing behind.
         std::optional<LogHub> logs;
         co_await _keeper.Begin([&](QxNContainer::QxCContainer& service) {
             logs.emplace(service);
@@ -73,10 +73,16 @@ private:
             _exitCode = SettingsNotWritten;
             co_return;
         }
-        Ground ground{_keeper, _messages, *logs, _tokens, _workers, _options.server.page, _options.largestUpload};
+        Ground ground{
+            _keeper, _messages, *logs, _tokens, _workers, _options.server.page, _options.largestUpload};
         const QxNHttp::Router router = MakeRouter(ground);
+        // Before anything is started: an address that cannot be had must leave nothing behind.
         std::optional<QxNHttp::Server> server;
+        std::optional<LogServer> logServer;
         try {
+            if (_options.logPort) {
+                logServer.emplace(_keeper.Service(), *_options.logPort);
+            }
             server.emplace(_io, _options.server, router, _tokens);
         } catch (const std::exception& error) {
             std::fprintf(stderr, "qxcontainerd: %s\n", error.what());
@@ -84,6 +90,9 @@ private:
         }
         if (!server) {
             co_return;
+        }
+        if (logServer) {
+            Tell("logs at ws://127.0.0.1:" + std::to_string(logServer->Port()) + "/logs/NAME");
         }
         for (const std::string& url : server->Urls()) {
             Tell("serving " + url);
@@ -97,6 +106,7 @@ private:
         server->Stop();
         co_await _keeper.Shutdown();
         // Only now: without Podman no stream waits for anything any more.
+        logServer.reset();
         logs.reset();
         Tell("stopped");
     }

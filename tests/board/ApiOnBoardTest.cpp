@@ -1,0 +1,348 @@
+#include "BoardTest.h"
+
+#include <gmock/gmock.h>
+#include <csignal>
+
+using namespace OnBoard;
+using QxNJson::json;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
+
+namespace {
+
+/// What the interface answers.
+struct Answer {
+    int status = 0;
+    std::string text;
+    json Json() const { return json::parse(text); }
+    std::string Detail() const { return Json()["detail"].get<std::string>(); }
+};
+
+Answer Curl(const std::string& words) {
+    const std::string output = Shell("curl -s -m 60 -w '\n%{http_code}' " + words).output;
+    const size_t end = output.rfind('\n');
+    return {std::stoi("0" + output.substr(end + 1)), output.substr(0, end)};
+}
+
+/// Over the Unix socket.
+Answer Ask(const std::string& path, const std::string& words = {}) {
+    return Curl("--unix-socket /run/qxcontainerd/api.sock " + words + " 'http://board/api/v1" + path + "'");
+}
+
+Answer Post(const std::string& path, const std::string& words = {}) { return Ask(path, "-X POST " + words); }
+
+std::string State() {
+    const json service = Ask("/service").Json();
+    return service.contains("state") ? service["state"].get<std::string>() : std::string();
+}
+
+bool Becomes(const std::string& state) {
+    return Eventually([&] { return State() == state; });
+}
+
+/// The daemon with a service that runs.
+class ApiOnBoard : public testing::Test {
+protected:
+    explicit ApiOnBoard(const std::vector<std::string>& more = {}) : daemon(Options(more)) {
+        EXPECT_TRUE(Becomes("running"));
+    }
+
+    static std::vector<std::string> Options(const std::vector<std::string>& more) {
+        ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+        std::vector<std::string> options{"--enable", "--cores",         "1",  "--liveness-interval",
+                                         "0.5",      "--restart-delay", "0.2"};
+        options.insert(options.end(), more.begin(), more.end());
+        return options;
+    }
+
+    static void RunContainer(const std::string& name, const std::string& command) {
+        ImportBusybox();
+        Output("podman run -d --network=none --name " + name + " localhost/busybox:1 sh -c '" + command +
+               "'");
+    }
+
+    Daemon daemon;
+};
+
+TEST_F(ApiOnBoard, ShowsTheServiceAndItsChecks) {
+    const json service = Ask("/service").Json();
+    EXPECT_EQ(service["enabled"], true);
+    EXPECT_EQ(service["podman"]["answering"], true);
+    EXPECT_THAT(service["podman"]["version"].get<std::string>(), Not(IsEmpty()));
+
+    const json check = Ask("/check").Json();
+    EXPECT_EQ(check["verdict"], "ok") << check.dump(2);
+    EXPECT_THAT(check["checks"], SizeIs(13));
+}
+
+TEST_F(ApiOnBoard, SaysWhoHasWhichCore) {
+    const json cores = Ask("/cores").Json();
+    EXPECT_EQ(cores["effective"], "1");
+    EXPECT_EQ(cores["configured"], 1);
+    EXPECT_THAT(cores["strangers"], IsEmpty());
+    Output("sleep 100 & echo $! >" + ContainerCpuSet() + "/cgroup.procs");
+    EXPECT_EQ(Ask("/cores").Json()["strangers"][0]["command"], "sleep");
+    Shell("pkill sleep");
+}
+
+TEST_F(ApiOnBoard, StopsAndStartsOnRequest) {
+    EXPECT_EQ(Post("/service/stop").status, 200);
+    EXPECT_EQ(State(), "stopped");
+    EXPECT_THAT(Processes("podman"), IsEmpty());
+    const Answer containers = Ask("/containers");
+    EXPECT_EQ(containers.status, 503);
+    EXPECT_THAT(containers.Detail(), HasSubstr("Somebody stopped the service"));
+
+    EXPECT_EQ(Post("/service/start").status, 200);
+    EXPECT_EQ(State(), "running");
+    EXPECT_EQ(Ask("/containers").status, 200);
+}
+
+TEST_F(ApiOnBoard, ChangesSettings) {
+    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":8443}'").status, 200);
+    EXPECT_EQ(Ask("/service").Json()["settings"]["tcpPort"], 8443);
+    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":80}'").status, 400);
+    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"cores\":500}'").status, 400);
+    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"colour\":1}'").status, 400);
+    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d 'no'").status, 400);
+    EXPECT_EQ(Post("/service/disable").Json()["enabled"], false);
+    EXPECT_EQ(Post("/service/enable").Json()["enabled"], true);
+}
+
+TEST_F(ApiOnBoard, TakesContainersThroughTheirLife) {
+    RunContainer("clock", "trap \"exit 0\" TERM; while :; do echo tick; sleep 1 & wait \\$!; done");
+    const json list = Ask("/containers").Json()["containers"];
+    ASSERT_THAT(list, SizeIs(1));
+    EXPECT_EQ(list[0]["name"], "clock");
+    EXPECT_EQ(list[0]["state"], "running");
+    EXPECT_EQ(Ask("/containers/clock").Json()["Name"], "clock");
+
+    EXPECT_EQ(Ask("/containers/clock", "-X DELETE").status, 409);
+    EXPECT_EQ(Post("/containers/clock/restart").status, 204);
+    EXPECT_EQ(Post("/containers/clock/stop").status, 204);
+    EXPECT_EQ(Post("/containers/clock/stop").status, 204);
+    EXPECT_EQ(Ask("/containers").Json()["containers"][0]["state"], "exited");
+    EXPECT_EQ(Post("/containers/clock/start").status, 204);
+    EXPECT_EQ(Ask("/containers/clock?force=true", "-X DELETE").status, 204);
+    EXPECT_EQ(Ask("/containers/clock").status, 404);
+    EXPECT_EQ(Post("/containers/clock/paint").status, 404);
+}
+
+TEST_F(ApiOnBoard, GivesLogsAsText) {
+    RunContainer("talker", "echo one; echo two >&2; echo three");
+    ASSERT_TRUE(Eventually([] { return Ask("/containers").Json()["containers"][0]["state"] == "exited"; }));
+    EXPECT_EQ(Ask("/containers/talker/logs").text, "one\ntwo\nthree\n");
+    EXPECT_EQ(Ask("/containers/talker/logs?tail=1").text, "three\n");
+    EXPECT_THAT(Ask("/containers/talker/logs?tail=1&timestamps=true").text,
+                testing::MatchesRegex("20.*T.* three\n"));
+    EXPECT_EQ(Ask("/containers/nobody/logs").status, 404);
+    EXPECT_EQ(Ask("/containers/talker/logs?tail=some").status, 400);
+}
+
+TEST_F(ApiOnBoard, GivesLogsLive) {
+    RunContainer("clock", "while :; do echo tick; echo tock >&2; sleep 0.2; done");
+    const Outcome seen = Shell("timeout 20 /opt/qx/bin/qxctl logs -f --lines 6 --tail 2 clock");
+    EXPECT_EQ(seen.status, 0) << seen.output;
+    EXPECT_THAT(seen.output, HasSubstr("tick\n"));
+    EXPECT_THAT(seen.output, HasSubstr("tock\n"));
+    const Outcome errors = Shell("timeout 20 /opt/qx/bin/qxctl logs -f --stderr --lines 3 clock");
+    EXPECT_THAT(errors.output, Not(HasSubstr("tick")));
+}
+
+TEST_F(ApiOnBoard, LoadsAndRemovesImages) {
+    ImportBusybox();
+    Output("podman save -q -o /tmp/image.tar localhost/busybox:1 && podman rmi -f localhost/busybox:1");
+    EXPECT_THAT(Ask("/images").Json()["images"], IsEmpty());
+    const Answer loaded = Post("/images", "-T /tmp/image.tar");
+    EXPECT_EQ(loaded.status, 200) << loaded.text;
+    EXPECT_EQ(loaded.Json()["names"][0], "localhost/busybox:1");
+    EXPECT_EQ(Ask("/images").Json()["images"][0]["names"][0], "localhost/busybox:1");
+    EXPECT_EQ(Output("cat /sys/block/sda/queue/write_cache"), "write back");
+
+    const Answer garbage = Post("/images", "--data-binary 'no image'");
+    EXPECT_EQ(garbage.status, 422) << garbage.text;
+    EXPECT_EQ(Ask("/images/localhost%2Fbusybox:1", "-X DELETE").status, 204);
+    EXPECT_EQ(Ask("/images/localhost%2Fbusybox:1", "-X DELETE").status, 404);
+    EXPECT_EQ(Output("find /userstorage1 -name '.upload-*' | wc -l"), "0");
+}
+
+TEST_F(ApiOnBoard, RefusesAnUploadThatDoesNotFit) {
+    const Answer answer = Post("/images", "-H 'Content-Length: 5000000000' --data-binary x");
+    EXPECT_EQ(answer.status, 507) << answer.text;
+    EXPECT_EQ(Output("find /userstorage1 -name '.upload-*' | wc -l"), "0");
+}
+
+TEST_F(ApiOnBoard, RunsComposeProjects) {
+    ImportBusybox();
+    WriteFile("/tmp/p.yaml",
+              "services:\n  web: {image: \"localhost/busybox:1\", network_mode: none, command: [\"sleep\", "
+              "\"1000\"], "
+              "stop_grace_period: 0s}\n");
+    EXPECT_EQ(Ask("/compose-files/p.yaml", "-T /tmp/p.yaml").status, 201);
+    EXPECT_EQ(Ask("/compose-files/p.yaml", "-T /tmp/p.yaml").status, 204);
+    EXPECT_EQ(Ask("/compose-files/p.yaml").text, ReadFile("/tmp/p.yaml"));
+    EXPECT_EQ(Ask("/compose-files").Json()["files"][0]["name"], "p.yaml");
+    EXPECT_EQ(Post("/compose-files/check", "--data-binary @/tmp/p.yaml").Json()["valid"], true);
+    EXPECT_EQ(Post("/compose-files/check", "--data-binary 'services: 7'").Json()["valid"], false);
+
+    const json created = Post("/projects/p.yaml/create").Json();
+    EXPECT_EQ(created["code"], 1) << created.dump(2);
+    EXPECT_EQ(created["ok"], true);
+    EXPECT_EQ(created["result"]["Containers"][0]["Name"], "p-web-1");
+    EXPECT_EQ(Post("/projects/p.yaml/start").Json()["code"], 0);
+    EXPECT_EQ(Post("/projects/p.yaml/start").Json()["code"], 7);
+    EXPECT_EQ(Ask("/projects").Json()["projects"][0]["state"], "running");
+    EXPECT_EQ(Post("/projects/p.yaml/stop").Json()["code"], 0);
+    EXPECT_EQ(Post("/projects/p.yaml/remove").Json()["code"], 0);
+    EXPECT_EQ(Ask("/projects").Json()["projects"][0]["state"], "none");
+    EXPECT_EQ(Ask("/compose-files/p.yaml", "-X DELETE").status, 204);
+    EXPECT_EQ(Ask("/compose-files/p.yaml").status, 404);
+}
+
+TEST_F(ApiOnBoard, KeepsPathsInTheirDirectories) {
+    for (const char* name :
+         {"..%2Fa.yaml", "%2Fetc%2Fpasswd", ".hidden.yaml", "a%00.yaml", "a.txt", "%2e%2e"}) {
+        EXPECT_EQ(Ask(std::string("/compose-files/") + name).status, 400) << name;
+        EXPECT_EQ(Ask(std::string("/compose-files/") + name, "-T /etc/hostname").status, 400) << name;
+    }
+    EXPECT_EQ(Ask("/plugins/..%2Fx", "-T /etc/hostname").status, 400);
+    EXPECT_EQ(Ask("/plugins/x%0Ay", "-T /etc/hostname").status, 400);
+    EXPECT_EQ(Post("/containers/a%2Fb/start").status, 400);
+    EXPECT_EQ(Ask("/images/..%2F..%2Fcontainers", "-X DELETE").status, 400);
+    EXPECT_EQ(Curl("--path-as-is --unix-socket /run/qxcontainerd/api.sock http://x/../../etc/passwd").status,
+              400);
+}
+
+TEST_F(ApiOnBoard, TakesPlugins) {
+    Output(
+        "mkdir -p /tmp/plug && /opt/qx/bin/crp pack --name net --version 1.0 --priority 1 --dir /tmp/plug -o "
+        "/tmp/net.crp");
+    EXPECT_EQ(Ask("/plugins/net.crp", "-T /tmp/net.crp").status, 201);
+    const json plugins = Ask("/plugins").Json()["plugins"];
+    ASSERT_THAT(plugins, SizeIs(1));
+    EXPECT_EQ(plugins[0]["name"], "net");
+    EXPECT_EQ(Post("/plugins/net.crp/deactivate").status, 204);
+    EXPECT_THAT(ReadFile(PLUGIN_CONFIG_FILE), HasSubstr("net"));
+    EXPECT_EQ(Post("/plugins/net.crp/activate").status, 204);
+    EXPECT_EQ(Ask("/plugins/no.crp", "-T /etc/hostname").status, 422);
+    EXPECT_EQ(Output("ls -A /userstorage1/container_rte/plugins | grep -c upload || true"), "0");
+    EXPECT_EQ(Ask("/plugins/net.crp", "-X DELETE").status, 204);
+    EXPECT_THAT(Post("/plugins/rescan").Json()["plugins"], IsEmpty());
+}
+
+TEST_F(ApiOnBoard, WantsATokenOnTcp) {
+    const std::string base = "http://127.0.0.1:8089/api/v1";
+    EXPECT_EQ(Curl(base + "/service").status, 401);
+    const std::string look =
+        Post("/tokens", "-d '{\"name\":\"l\",\"right\":\"look\"}'").Json()["token"].get<std::string>();
+    const std::string act =
+        Post("/tokens", "-d '{\"name\":\"a\",\"right\":\"act\"}'").Json()["token"].get<std::string>();
+    EXPECT_EQ(Curl("-H 'Authorization: Bearer " + look + "' " + base + "/service").status, 200);
+    EXPECT_EQ(Curl("-X POST -H 'Authorization: Bearer " + look + "' " + base + "/service/enable").status,
+              403);
+    EXPECT_EQ(Curl("-X POST -H 'Authorization: Bearer " + act + "' " + base + "/service/enable").status, 200);
+    EXPECT_EQ(Curl("-H 'Authorization: Bearer " + act + "' " + base + "/tokens").status, 403);
+    EXPECT_EQ(Curl("-H 'Authorization: Bearer wrong' " + base + "/service").status, 401);
+    EXPECT_THAT(ReadFile("/etc/qxcontainerd/tokens.json"), Not(HasSubstr(act)));
+    EXPECT_EQ(Output("stat -c %a /etc/qxcontainerd/tokens.json"), "600");
+
+    const std::string open = "-X POST -d '{\"token\":\"" + act + "\"}' -c /tmp/jar " + base + "/session";
+    EXPECT_EQ(Curl(open).status, 200);
+    EXPECT_EQ(Curl("-b /tmp/jar " + base + "/session").Json()["right"], "act");
+    EXPECT_EQ(Ask("/tokens/a", "-X DELETE").status, 204);
+    EXPECT_EQ(Curl("-b /tmp/jar " + base + "/session").status, 401);
+}
+
+TEST_F(ApiOnBoard, AnswersOnlyItsOwnPagesAndNames) {
+    const std::string act =
+        Post("/tokens", "-d '{\"name\":\"a\",\"right\":\"act\"}'").Json()["token"].get<std::string>();
+    const std::string base = "-H 'Authorization: Bearer " + act + "' http://127.0.0.1:8089/api/v1/service";
+    EXPECT_EQ(Curl("-H 'Origin: http://127.0.0.1:8089' " + base).status, 200);
+    EXPECT_EQ(Curl("-H 'Origin: http://evil.example' " + base).status, 403);
+    EXPECT_EQ(Curl("-H 'Origin: null' " + base).status, 403);
+    EXPECT_EQ(Curl("-H 'Host: evil.example' " + base).status, 421);
+    EXPECT_EQ(Curl("-H 'Host: localhost:8089' " + base).status, 200);
+    EXPECT_EQ(Curl("-H 'X: " + std::string(9000, 'a') + "' " + base).status, 431);
+}
+
+TEST_F(ApiOnBoard, StartsPodmanAgainWhenItIsKilled) {
+    Output("pkill -KILL -f 'podman system service'");
+    ASSERT_TRUE(Eventually([] { return !Ask("/service").Json()["restarts"]["history"].empty(); }));
+    EXPECT_TRUE(Becomes("running"));
+    const json restarts = Ask("/service").Json()["restarts"];
+    EXPECT_THAT(restarts["history"][0]["cause"].get<std::string>(), HasSubstr("Podman is gone"));
+    EXPECT_EQ(restarts["inARow"], 1);
+    EXPECT_THAT(Ask("/messages").Json()["messages"], Not(IsEmpty()));
+}
+
+TEST_F(ApiOnBoard, LeavesPodmanAloneThatEndedInOrder) {
+    Output("pkill -TERM -f 'podman system service'");
+    EXPECT_TRUE(Becomes("failed"));
+    EXPECT_THAT(Ask("/service").Json()["problem"].get<std::string>(),
+                HasSubstr("By the rules it is not started again"));
+    EXPECT_EQ(Post("/service/start").status, 200);
+    EXPECT_EQ(State(), "running");
+}
+
+/// With a short deadline.
+class HangingOnBoard : public ApiOnBoard {
+protected:
+    HangingOnBoard() : ApiOnBoard({"--liveness-deadline", "1"}) {}
+};
+
+TEST_F(HangingOnBoard, PodmanIsKilledAndStartedAgain) {
+    Output("pkill -STOP -f 'podman system service'");
+    ASSERT_TRUE(Eventually([] { return !Ask("/service").Json()["restarts"]["history"].empty(); }));
+    EXPECT_TRUE(Becomes("running"));
+    EXPECT_THAT(Ask("/service").Json()["restarts"]["history"][0]["cause"].get<std::string>(),
+                HasSubstr("has not answered within"));
+}
+
+TEST_F(ApiOnBoard, ListensToOthersOnlyWithCertificateAndToken) {
+    const Outcome refused = Shell("/opt/qx/bin/qxcontainerd --socket /run/other.sock --listen 0.0.0.0:9000");
+    EXPECT_EQ(refused.status, 3);
+    EXPECT_THAT(refused.output, HasSubstr("Give a certificate, a key and at least one token"));
+    const Outcome taken = Shell("/opt/qx/bin/qxcontainerd --listen none");
+    EXPECT_EQ(taken.status, 3);
+    EXPECT_THAT(taken.output, HasSubstr("is the daemon running already?"));
+}
+
+TEST_F(ApiOnBoard, EndsInOrderAndLeavesNothing) {
+    EXPECT_EQ(daemon.Stop(), 0);
+    EXPECT_NE(Shell("test -e /run/qxcontainerd/api.sock").status, 0);
+    EXPECT_THAT(Processes("podman"), IsEmpty());
+    EXPECT_EQ(StateInFile(), ContainerServiceState::Stopped);
+}
+
+TEST(ApiWithTls, IsSpokenWithACertificate) {
+    Daemon daemon({"--enable", "--certificate", "/opt/qx/share/certs/server.crt", "--key",
+                   "/opt/qx/share/certs/server.key"});
+    ASSERT_TRUE(Becomes("running"));
+    const std::string token =
+        Post("/tokens", "-d '{\"name\":\"a\",\"right\":\"act\"}'").Json()["token"].get<std::string>();
+    const std::string words = "--cacert /opt/qx/share/certs/ca.crt -H 'Authorization: Bearer " + token + "' ";
+    EXPECT_EQ(Curl(words + "https://localhost:8089/api/v1/service").status, 200);
+    EXPECT_EQ(Curl(words + "https://localhost:8089/api/v1/openapi.yaml").text, Ask("/openapi.yaml").text);
+    EXPECT_NE(Curl("http://localhost:8089/api/v1/service").status, 200);
+}
+
+TEST(ApiWithoutContainers, SaysWhyAndStays) {
+    Daemon daemon({"--listen", "none"});
+    ASSERT_TRUE(Becomes("failed"));
+    EXPECT_THAT(Ask("/service").Json()["problem"].get<std::string>(), HasSubstr("disabled"));
+    const Answer start = Post("/service/start");
+    EXPECT_EQ(start.status, 409);
+    EXPECT_THAT(start.Detail(), HasSubstr("enable it"));
+    EXPECT_EQ(Ask("/check").Json()["verdict"], "error");
+    EXPECT_EQ(Post("/service/enable").status, 200);
+    EXPECT_EQ(Post("/service/start").status, 200);
+    EXPECT_EQ(State(), "running");
+    EXPECT_EQ(daemon.Stop(), 0);
+}
+
+}  // namespace
