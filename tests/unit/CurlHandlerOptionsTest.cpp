@@ -71,7 +71,7 @@ TEST_F(CurlHandlerOptions, OfPortsAreWrittenWithoutLeadingZeros) {
                             "free ::127.0.0.1:0", "CONNECT_TO=::127.0.0.1:65535"));
 }
 
-TEST_F(CurlHandlerOptions, FreeTheListBeforeBeforeTheNewOneIsSet) {
+TEST_F(CurlHandlerOptions, FreeTheOldListBeforeTheNewOneIsSet) {
     curl.SetTcpSocket(1);
     curl.SetHeaders({"A: 1"});
     Set();

@@ -219,7 +219,7 @@ TEST(CurlStream, TheNextRequestIsFreeOfAnEarlierException) {
     EXPECT_EQ(curl.Execute(), "text");
 }
 
-TEST(CurlStream, LetsAnExceptionOfARequestInTheCallbackThrough) {
+TEST(CurlStream, KeepsExceptionsOfARequestInTheCallbackApart) {
     const ScriptedServer server(SocketPath, ScriptedServer::Answer(200, "text"));
     Client curl;
     curl.SetStreamCallback([](const char*, size_t length) {
