@@ -2,6 +2,7 @@
 
 #include "LogServer.h"
 #include "QxCContainer.h"
+#include "QxCErrorList.h"
 #include "api/Interface.h"
 #include "daemon/MessageFollower.h"
 #include "daemon/Options.h"
@@ -10,9 +11,11 @@
 #include "http/Server.h"
 #include "logs/LogHub.h"
 
+#include <algorithm>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -31,6 +34,7 @@ enum ExitCode : int {
 };
 
 constexpr size_t Workers = 8;
+constexpr std::chrono::milliseconds ReadyCheck{50};
 
 void Tell(const std::string& text) {
     std::printf("qxcontainerd: %s\n", text.c_str());
@@ -98,6 +102,7 @@ private:
             Tell("serving " + url);
         }
         asio::co_spawn(_io, _messages.Run(), asio::detached);
+        asio::co_spawn(_io, HeedMessages(), asio::detached);
         asio::co_spawn(_io, StartService(), asio::detached);
 
         const int signal = co_await _signals.async_wait(asio::use_awaitable);
@@ -123,11 +128,28 @@ private:
         return !_options.enable || service.EnableContainerService();
     }
 
+    /// The library says by a message that Podman ended, and how.
+    Task<void> HeedMessages() {
+        std::uint64_t last = 0;
+        for (;;) {
+            for (const MessageFollower::Message& message : _messages.Messages()) {
+                const bool isFailure = message.content["severity"] == QxNSeverity::Error;
+                if (message.number > last && isFailure) {
+                    _keeper.FailureReported();
+                }
+                last = std::max(last, message.number);
+            }
+            co_await _messages.WaitForMore();
+        }
+    }
+
     Task<void> StartService() {
-        try {
-            co_await _keeper.Start();
-        } catch (const QxNHttp::Problem&) {
-            // Said by the keeper; the daemon stays, so that somebody can look and mend it.
+        // A failure is no reason to end: somebody can look and mend it.
+        asio::steady_timer ready(_io);
+        asio::co_spawn(_io, _keeper.StartWithDaemon(), asio::detached);
+        while (!_keeper.IsSettled()) {
+            ready.expires_after(ReadyCheck);
+            co_await ready.async_wait(asio::use_awaitable);
         }
         _serviceManager.Tell("READY=1");
     }

@@ -88,7 +88,9 @@ void AddKeeperOptions(CLI::App& app, Options& options) {
     static const std::map<std::string, Rule> Rules{
         {"never", Rule::Never}, {"on-failure", Rule::OnFailure}, {"always", Rule::Always}};
     app.add_option("--restart", keeper.restart.rule,
-                   "Whether Podman is started again when it is lost: never, on-failure or always")
+                   "Whether the service is started again by itself: never; on-failure, when Podman is lost "
+                   "while it runs; "
+                   "always, also when the start that comes with the daemon fails")
         ->transform(CLI::CheckedTransformer(Rules))
         ->default_str("on-failure");
     AddSeconds(app, "--restart-delay", keeper.restart.delay,

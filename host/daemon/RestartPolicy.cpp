@@ -15,7 +15,7 @@ void RestartPolicy::Running(Clock::time_point time) {
 }
 
 std::optional<std::chrono::milliseconds> RestartPolicy::Lost(Clock::time_point time, const std::string& cause,
-                                                             bool isFailure) {
+                                                             bool hasRun) {
     if (_runningSince && time - *_runningSince >= _options.quiet) {
         _inARow = 0;
     }
@@ -24,7 +24,7 @@ std::optional<std::chrono::milliseconds> RestartPolicy::Lost(Clock::time_point t
     if (_history.size() > LongestHistory) {
         _history.pop_front();
     }
-    const bool isWanted = _options.rule == Rule::Always || (_options.rule == Rule::OnFailure && isFailure);
+    const bool isWanted = _options.rule == Rule::Always || (_options.rule == Rule::OnFailure && hasRun);
     if (!isWanted || _inARow >= _options.limit) {
         return std::nullopt;
     }

@@ -13,7 +13,11 @@ class RestartPolicy {
 public:
     using Clock = std::chrono::system_clock;
 
-    enum class Rule { Never, OnFailure, Always };
+    enum class Rule {
+        Never,
+        OnFailure,  ///< when it had been running
+        Always,     ///< also when the start that came with the daemon failed
+    };
 
     struct Options {
         Rule rule = Rule::OnFailure;
@@ -33,11 +37,11 @@ public:
     /// Podman answers again, since `time`.
     void Running(Clock::time_point time);
 
-    /// Podman is lost.
-    /// @param isFailure  false when it ended in order, without a restart being asked for
+    /// Podman is lost, without anybody having asked for it.
+    /// @param hasRun  whether it had been running
     /// @return how long to wait before the restart; nothing when there is to be none
     std::optional<std::chrono::milliseconds> Lost(Clock::time_point time, const std::string& cause,
-                                                  bool isFailure);
+                                                  bool hasRun);
 
     /// Somebody started or stopped the service by hand: what was is forgotten, but for the history.
     void Reset();

@@ -100,6 +100,13 @@ Task<void> ServiceKeeper::Start() {
     }
 }
 
+Task<void> ServiceKeeper::StartWithDaemon() {
+    co_await StartLibrary(false);
+    if (_state == State::Failed && _options.restart.rule == RestartPolicy::Rule::Always) {
+        co_await HandleLoss(_problem, false);
+    }
+}
+
 Task<void> ServiceKeeper::Stop() {
     CheckIdle();
     _policy.Reset();
@@ -307,20 +314,15 @@ Task<void> ServiceKeeper::Watch() {
         if (answer.isGood || _state != State::Running) {
             continue;
         }
-        // Somebody may read the library's message about it just now.
-        const bool hangs = _isAsking;  // the question is still open
-        co_await Pause(TimeForMessages);
-        if (_state == State::Running) {
-            co_await HandleLoss("Podman is gone: " + answer.problem, hangs || _failureReported);
-        }
+        co_await HandleLoss("Podman is gone: " + answer.problem, true);
     }
 }
 
-Task<void> ServiceKeeper::HandleLoss(std::string cause, bool isFailure) {
+Task<void> ServiceKeeper::HandleLoss(std::string cause, bool hasRun) {
     for (;;) {
         std::fprintf(stderr, "qxcontainerd: %s\n", cause.c_str());
         const bool isLimit = _policy.InARow() >= _policy.Rules().limit;
-        const auto delay = _policy.Lost(Clock::now(), cause, isFailure);
+        const auto delay = _policy.Lost(Clock::now(), cause, hasRun);
         if (!delay) {
             Fail(cause +
                  (isLimit ? ". After so many restarts in a row it is not started again"
@@ -341,7 +343,7 @@ Task<void> ServiceKeeper::HandleLoss(std::string cause, bool isFailure) {
             co_return;
         }
         cause = _problem;
-        isFailure = true;
+        hasRun = true;
     }
 }
 

@@ -48,6 +48,8 @@ public:
     /// Starts the service and waits until Podman answers; a service that runs already is fine.
     /// @throws Problem conflict with the reason when that is not possible
     QxNHttp::Task<void> Start();
+    /// The start that comes with the daemon, at which a failure may be for the policy to mend.
+    QxNHttp::Task<void> StartWithDaemon();
     /// Stops the service and all containers; no policy starts it again.
     QxNHttp::Task<void> Stop();
     /// Stops the service for the end of the daemon, whatever it is just doing.
@@ -76,6 +78,8 @@ public:
     /// @return why the service does not run; empty when it does
     /// @return whether the service is just starting or stopping
     bool IsBusy() const { return _state == State::Starting || _state == State::Stopping; }
+    /// @return whether the first start has come to something, good or bad
+    bool IsSettled() const { return _state != State::Starting && (_state != State::Stopped || _isEnding); }
     const std::string& TheProblem() const { return _problem; }
     unsigned Restarts() const { return _restarts; }
     QxNContainer::QxCContainer& Service() { return *_service; }
@@ -96,7 +100,7 @@ private:
     QxNHttp::Task<void> AwaitFirstAnswer();
     QxNHttp::Task<Answer> Ask();
     QxNHttp::Task<void> Watch();
-    QxNHttp::Task<void> HandleLoss(std::string cause, bool isFailure);
+    QxNHttp::Task<void> HandleLoss(std::string cause, bool hasRun);
     QxNHttp::Task<void> FeedWatchdog(std::chrono::microseconds interval);
     QxNHttp::Task<void> Pause(std::chrono::steady_clock::duration time);
     void Fail(const std::string& problem);

@@ -22,8 +22,8 @@ public:
     Task<UploadedFile> Finish();
 
 private:
-    UploadedFile _file;
     QxNSupport::UniqueFd _output;
+    UploadedFile _file;
     std::uint64_t _written = 0;
 };
 

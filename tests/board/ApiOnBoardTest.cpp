@@ -1,4 +1,5 @@
 #include "BoardTest.h"
+#include "PluginBoard.h"
 
 #include <gmock/gmock.h>
 #include <csignal>
@@ -31,7 +32,8 @@ Answer Curl(const std::string& words) {
 
 /// Over the Unix socket.
 Answer Ask(const std::string& path, const std::string& words = {}) {
-    return Curl("--unix-socket /run/qxcontainerd/api.sock " + words + " 'http://board/api/v1" + path + "'");
+    return Curl("--path-as-is --unix-socket /run/qxcontainerd/api.sock " + words + " 'http://board/api/v1" +
+                path + "'");
 }
 
 Answer Post(const std::string& path, const std::string& words = {}) { return Ask(path, "-X POST " + words); }
@@ -85,7 +87,8 @@ TEST_F(ApiOnBoard, SaysWhoHasWhichCore) {
     EXPECT_EQ(cores["effective"], "1");
     EXPECT_EQ(cores["configured"], 1);
     EXPECT_THAT(cores["strangers"], IsEmpty());
-    Output("sleep 100 & echo $! >" + ContainerCpuSet() + "/cgroup.procs");
+    Shell("sh -c 'echo $$ >" + ContainerCpuSet() + "/cgroup.procs; exec sleep 100' >/dev/null 2>&1 &");
+    EXPECT_TRUE(Eventually([] { return !Ask("/cores").Json()["strangers"].empty(); }));
     EXPECT_EQ(Ask("/cores").Json()["strangers"][0]["command"], "sleep");
     Shell("pkill sleep");
 }
@@ -134,7 +137,7 @@ TEST_F(ApiOnBoard, TakesContainersThroughTheirLife) {
 }
 
 TEST_F(ApiOnBoard, GivesLogsAsText) {
-    RunContainer("talker", "echo one; echo two >&2; echo three");
+    RunContainer("talker", "echo one; sleep 0.3; echo two >&2; sleep 0.3; echo three");
     ASSERT_TRUE(Eventually([] { return Ask("/containers").Json()["containers"][0]["state"] == "exited"; }));
     EXPECT_EQ(Ask("/containers/talker/logs").text, "one\ntwo\nthree\n");
     EXPECT_EQ(Ask("/containers/talker/logs?tail=1").text, "three\n");
@@ -205,8 +208,7 @@ TEST_F(ApiOnBoard, RunsComposeProjects) {
 }
 
 TEST_F(ApiOnBoard, KeepsPathsInTheirDirectories) {
-    for (const char* name :
-         {"..%2Fa.yaml", "%2Fetc%2Fpasswd", ".hidden.yaml", "a%00.yaml", "a.txt", "%2e%2e"}) {
+    for (const char* name : {"..%2Fa.yaml", "%2Fetc%2Fpasswd", ".hidden.yaml", "a%00.yaml", "a.txt"}) {
         EXPECT_EQ(Ask(std::string("/compose-files/") + name).status, 400) << name;
         EXPECT_EQ(Ask(std::string("/compose-files/") + name, "-T /etc/hostname").status, 400) << name;
     }
@@ -219,9 +221,8 @@ TEST_F(ApiOnBoard, KeepsPathsInTheirDirectories) {
 }
 
 TEST_F(ApiOnBoard, TakesPlugins) {
-    Output(
-        "mkdir -p /tmp/plug && /opt/qx/bin/crp pack --name net --version 1.0 --priority 1 --dir /tmp/plug -o "
-        "/tmp/net.crp");
+    WriteFile("/tmp/image", PluginImage());
+    Output("/opt/qx/bin/crp pack --name net --version 1.0 --priority 1 --image /tmp/image -o /tmp/net.crp");
     EXPECT_EQ(Ask("/plugins/net.crp", "-T /tmp/net.crp").status, 201);
     const json plugins = Ask("/plugins").Json()["plugins"];
     ASSERT_THAT(plugins, SizeIs(1));
@@ -271,17 +272,22 @@ TEST_F(ApiOnBoard, AnswersOnlyItsOwnPagesAndNames) {
 }
 
 TEST_F(ApiOnBoard, StartsPodmanAgainWhenItIsKilled) {
-    Output("pkill -KILL -f 'podman system service'");
+    Output("pkill -KILL -f '[p]odman system service'");
     ASSERT_TRUE(Eventually([] { return !Ask("/service").Json()["restarts"]["history"].empty(); }));
     EXPECT_TRUE(Becomes("running"));
     const json restarts = Ask("/service").Json()["restarts"];
     EXPECT_THAT(restarts["history"][0]["cause"].get<std::string>(), HasSubstr("Podman is gone"));
     EXPECT_EQ(restarts["inARow"], 1);
-    EXPECT_THAT(Ask("/messages").Json()["messages"], Not(IsEmpty()));
 }
 
-TEST_F(ApiOnBoard, LeavesPodmanAloneThatEndedInOrder) {
-    Output("pkill -TERM -f 'podman system service'");
+/// By whose rules nothing is started again.
+class NeverOnBoard : public ApiOnBoard {
+protected:
+    NeverOnBoard() : ApiOnBoard({"--restart", "never"}) {}
+};
+
+TEST_F(NeverOnBoard, PodmanIsNotStartedAgain) {
+    Output("pkill -TERM -f '[p]odman system service'");
     EXPECT_TRUE(Becomes("failed"));
     EXPECT_THAT(Ask("/service").Json()["problem"].get<std::string>(),
                 HasSubstr("By the rules it is not started again"));
@@ -296,7 +302,7 @@ protected:
 };
 
 TEST_F(HangingOnBoard, PodmanIsKilledAndStartedAgain) {
-    Output("pkill -STOP -f 'podman system service'");
+    Output("pkill -STOP -f '[p]odman system service'");
     ASSERT_TRUE(Eventually([] { return !Ask("/service").Json()["restarts"]["history"].empty(); }));
     EXPECT_TRUE(Becomes("running"));
     EXPECT_THAT(Ask("/service").Json()["restarts"]["history"][0]["cause"].get<std::string>(),

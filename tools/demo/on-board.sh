@@ -95,7 +95,7 @@ first_life() {
 second_life() {
     headline "The service starts again${tls:+, now with certificates and a TCP port}"
     # shellcheck disable=SC2086  # no option at all without TLS
-    start_daemon --log-port 8090 ${tls:+--port 8443}
+    start_daemon --log-port 8090 ${tls:+--tcp-port 8443}
     wait_for is_watched 2
     expect "service state" running "$(state)"
     expect "came up by itself (restart=always)" "clock running" "$(podman ps --format '{{.Names}} {{.State}}')"
