@@ -221,7 +221,7 @@ TEST_F(ApiOnBoard, KeepsPathsInTheirDirectories) {
 }
 
 TEST_F(ApiOnBoard, TakesPlugins) {
-    WriteFile("/tmp/image", PluginImage());
+    WriteFile("/tmp/image", PluginBoard::PluginImage());
     Output("/opt/qx/bin/crp pack --name net --version 1.0 --priority 1 --image /tmp/image -o /tmp/net.crp");
     EXPECT_EQ(Ask("/plugins/net.crp", "-T /tmp/net.crp").status, 201);
     const json plugins = Ask("/plugins").Json()["plugins"];
