@@ -40,13 +40,16 @@ json FindFile(const json& list, const std::string& fileName) {
 Task<Reply> Upload(Ground& ground, Request& request) {
     const std::string name = FileName(request.segments[3]);
     QxNHttp::UploadedFile file = co_await request.body->ToFile(Directory(), ground.largestUpload);
-    // Whether it is a plugin is for the library's own reader to say.
-    const json before = co_await Rescan(ground);
-    if (FindFile(before, fs::path(file.Path()).filename().string()).is_null()) {
+    // Whether it is a plugin is for the library's own reader to say, which does not look at hidden files.
+    const std::string visibleName = fs::path(file.Path()).filename().string().substr(1);
+    file.MoveTo(Directory() + "/" + visibleName);
+    QxNHttp::UploadedFile visible(Directory() + "/" + visibleName, file.Size());
+    const json found = co_await Rescan(ground);
+    if (FindFile(found, visibleName).is_null()) {
         throw Problem(Status::unprocessable_entity,
                       "This is no plugin file: it does not end in a plugin's trailer. Nothing was kept.");
     }
-    const bool replaces = file.MoveTo(Directory() + "/" + name);
+    const bool replaces = visible.MoveTo(Directory() + "/" + name);
     co_await Rescan(ground);
     co_return Reply::Empty(replaces ? Status::no_content : Status::created);
 }
