@@ -33,8 +33,9 @@ public:
     LogServer(QxNContainer::QxCContainer& service, unsigned short port, const Limits& limits);
     LogServer(const LogServer&) = delete;
     LogServer& operator=(const LogServer&) = delete;
-    /// Tells every client that the server goes away, ends the streams and waits for them: about a second. To be called
-    /// while the service's Podman still runs, before QxCContainer::Stop().
+    /// Tells every client that the server goes away, ends the streams and waits for them: about a second. A stream whose
+    /// question about the container's terminal Podman has not answered ends only when Podman answers or ends; to be sure
+    /// not to wait for a Podman that hangs, call QxCContainer::Stop() first.
     ~LogServer();
 
     unsigned short Port() const;

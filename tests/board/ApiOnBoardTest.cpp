@@ -318,6 +318,22 @@ TEST_F(ApiOnBoard, ListensToOthersOnlyWithCertificateAndToken) {
     EXPECT_THAT(taken.output, HasSubstr("is the daemon running already?"));
 }
 
+TEST(RawLogs, RefuseATakenPortBeforeAnythingStarts) {
+    Daemon first({"--listen", "none", "--log-port", "8090"});
+    ASSERT_TRUE(Becomes("failed"));
+    EXPECT_EQ(Shell("curl -s -m 5 -o /dev/null -w '%{http_code}' http://127.0.0.1:8090/nothing").output,
+              "404");
+
+    const Outcome taken =
+        Shell("/opt/qx/bin/qxcontainerd --socket /run/other.sock --listen none --enable --log-port 8090");
+
+    EXPECT_EQ(taken.status, 3);
+    EXPECT_THAT(taken.output, HasSubstr("8090"));
+    EXPECT_THAT(taken.output, Not(HasSubstr("starting")));
+    EXPECT_THAT(Processes("podman"), IsEmpty());
+    EXPECT_EQ(first.Stop(), 0);
+}
+
 TEST_F(ApiOnBoard, EndsInOrderAndLeavesNothing) {
     EXPECT_EQ(daemon.Stop(), 0);
     EXPECT_NE(Shell("test -e /run/qxcontainerd/api.sock").status, 0);
