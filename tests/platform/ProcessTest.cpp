@@ -54,11 +54,13 @@ std::unique_ptr<Child> run(const std::string& path, const char* argumentZero = n
         fs::create_directories(fs::path(path).parent_path());
         fs::copy_file("/bin/sleep", path);
     }
-    auto child = std::make_unique<Child>(
-        [&] { sleepAs(path.c_str(), argumentZero != nullptr ? argumentZero : path.c_str()); });
+    const std::string name = argumentZero != nullptr ? argumentZero : path;
+    auto child = std::make_unique<Child>([&] { sleepAs(path.c_str(), name.c_str()); });
+    // The kernel shows the new program a moment before its arguments.
     EXPECT_TRUE(Sandbox::Eventually([&] {
         std::error_code error;
-        return fs::read_symlink(child->file("exe"), error) == path;
+        return fs::read_symlink(child->file("exe"), error) == path &&
+               Sandbox::ReadFile(child->file("cmdline")).starts_with(name + '\0');
     }));
     return child;
 }

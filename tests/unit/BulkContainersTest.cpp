@@ -3,6 +3,8 @@
 
 #include <gmock/gmock.h>
 
+#include <csignal>
+
 using QxNContainer::QxCContainer;
 using Recording::TheScript;
 using testing::ElementsAre;
@@ -77,6 +79,16 @@ TEST_P(BulkContainers, ReportsMinusOneWhenPodmanWasKilled) {
 
     EXPECT_THAT(Recording::Logs(),
                 ElementsAre(GetParam().announcement, std::string(GetParam().exitFailure) + "-1."));
+}
+
+TEST_P(BulkContainers, TakesAStatusThatCannotBeCollectedForSuccess) {
+    Sandbox::InstallProgram("/bin/podman", "exit 125");
+    QxCContainer& service = Service();
+    signal(SIGCHLD, SIG_IGN);  // the kernel collects children by itself
+
+    (service.*GetParam().run)();
+
+    EXPECT_THAT(Recording::Logs(), ElementsAre(GetParam().announcement, GetParam().success));
 }
 
 TEST_P(BulkContainers, LeavesPodmansOutputWhereThatOfTheHostGoes) {

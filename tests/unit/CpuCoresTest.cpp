@@ -106,6 +106,17 @@ TEST(CpuCores, OnlyTheFiguresAreLoggedInDebug) {
                             "Allowed Cpus: 5"));
 }
 
+TEST(CpuCores, FiguresAreLoggedBeforeARefusal) {
+    TheScript().logLevel = "DEBUG";
+
+    EXPECT_FALSE(Service(8, 4, 2, 6).AssignCpuCores());
+
+    EXPECT_THAT(
+        Recording::Logs(),
+        ElementsAre("[DEBUG] Quolex Container Utils: Total CPUs: 8, Usable Cpus: 4, Max Allowed Cpus: 5",
+                    testing::StartsWith("[ERROR] ")));
+}
+
 TEST(CpuCores, BeyondTheBoardAreLeftOutOfTheMask) {
     // More hypervisor cores than cores: the maximum wraps and allows any number.
     EXPECT_TRUE(Service(2, 2, 2, 300).AssignCpuCores());

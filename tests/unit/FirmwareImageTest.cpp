@@ -65,6 +65,7 @@ TEST(FirmwareImage, IsTakenAsMountedWhenTheMountPointExists) {
     EXPECT_THAT(Sandbox::Calls(), IsEmpty());
     EXPECT_THAT(Recording::Logs(),
                 ElementsAre("[INFO] Quolex Container Utils: Firmware File is already mounted"));
+    EXPECT_THAT(Recording::Messages(), IsEmpty());
 }
 
 TEST(FirmwareImage, MissingWithTheServiceEnabledIsAnErrorAndCreatesNothing) {
@@ -92,6 +93,15 @@ TEST(FirmwareImage, IsNotLookedForWhenTheServiceIsDisabled) {
     EXPECT_TRUE(Service().MountFwFile());
 
     EXPECT_EQ(Sandbox::Calls().size(), 1U) << "the mount is tried all the same";
+}
+
+TEST(FirmwareImage, GetsAMountPointWithAllItsParents) {
+    Sandbox::InstallProgram("/usr/bin/mount");
+    QxCContainer& service = Service();
+    fs::remove_all("/mnt");
+
+    EXPECT_TRUE(service.MountFwFile());
+    EXPECT_TRUE(fs::is_directory(Board::CONTAINER_TOOLS_MOUNTPOINT));
 }
 
 TEST(FirmwareImage, EnabledFlagIsTakenFromMemory) {
@@ -161,6 +171,18 @@ TEST(ToolLinks, PointIntoTheImageAndTheUserStorage) {
     EXPECT_THAT(Recording::Logs(), IsEmpty());
 }
 
+TEST(ToolLinks, GetTheDirectoriesThatTheyNeed) {
+    fs::create_directories(Board::CNI_PLUGINS);
+    QxCContainer& service = Service();
+    ASSERT_EQ(mount("tmpfs", "/var", "tmpfs", 0, nullptr), 0);
+    fs::remove_all("/mnt/cfdrive");
+
+    EXPECT_EQ(service.SymlinkContainerTools(), 0);
+
+    EXPECT_TRUE(fs::is_symlink("/var/lib/containers"));
+    EXPECT_TRUE(fs::is_directory("/mnt/cfdrive/containers/certs"));
+}
+
 TEST(ToolLinks, LeaveWhatExistsAsItIs) {
     fs::create_directories(Board::CNI_PLUGINS);
     Sandbox::WriteFile("/bin/podman", "own");
@@ -198,6 +220,17 @@ TEST(ToolLinks, AMissingPluginDirectoryReachesTheCaller) {
     EXPECT_TRUE(fs::is_symlink("/bin/docker-compose")) << "steps before stay done";
     EXPECT_TRUE(fs::is_directory("/opt/cni/bin"));
     EXPECT_FALSE(fs::exists("/etc/containers"));
+}
+
+TEST(ToolLinks, ADirectoryThatCannotBeMadeReachesTheCaller) {
+    fs::create_directories(Board::CNI_PLUGINS);
+    QxCContainer& service = Service();
+    ASSERT_EQ(mount("tmpfs", "/etc", "tmpfs", MS_RDONLY, nullptr), 0);
+
+    EXPECT_THROW(service.SymlinkContainerTools(), fs::filesystem_error);
+
+    EXPECT_TRUE(fs::is_symlink("/var/lib/containers")) << "the storage comes before the configuration";
+    EXPECT_FALSE(fs::exists(Board::CONTAINER_CERTS_DIR));
 }
 
 // --- DOCKER_HOST ---

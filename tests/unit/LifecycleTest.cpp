@@ -4,6 +4,10 @@
 
 #include <gmock/gmock.h>
 
+#include <sys/wait.h>
+#include <unistd.h>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 
 namespace fs = std::filesystem;
@@ -38,6 +42,18 @@ int StateInFile() {
 
 bool EnabledInFile() { return Board::Settings().find("\"enabled\": true") != std::string::npos; }
 
+/// A plugin "file.crp" of version 1.2.3 without an image.
+void InstallPlugin(const char* name) {
+    CrpPluginHeader header{};
+    header.magic = CRP_PLUGIN_MAGIC;
+    header.header_size = CRP_HEADER_SIZE;
+    header.pluginType = CRP_PLUGIN_TYPE_SQUASHFS;
+    strcpy(header.name, name);
+    strcpy(header.version, "1.2.3");
+    Sandbox::WriteFile(Board::PLUGINS_DIR + "/file.crp",
+                       std::string(reinterpret_cast<const char*>(&header), sizeof(header)));
+}
+
 // --- The singleton ---
 
 TEST(Service, IsOneObject) { EXPECT_EQ(&QxCContainer::GetInstance(), &QxCContainer::GetInstance()); }
@@ -56,6 +72,44 @@ TEST(Service, MakesItsSessionMutexWithoutAName) {
     EXPECT_THAT(Recording::Events("QxCMutex"), Contains("QxCMutex(null)"));
 }
 
+TEST(Service, TouchesNothingBeforeItIsAskedFor) {
+    EXPECT_THAT(Recording::Events(), IsEmpty());
+    EXPECT_FALSE(fs::exists(Board::SETTINGS_FILE));
+
+    QxCContainer::GetInstance();
+    EXPECT_TRUE(fs::exists(Board::SETTINGS_FILE));
+}
+
+TEST(Service, ReadsWhichPluginsAreSwitchedOffWhenItIsMade) {
+    Sandbox::WriteFile(Board::PLUGIN_CONFIG_FILE,
+                       R"({"deactivated_plugins": [{"name": "sensors", "version": "1.2.3"}]})");
+
+    QxCContainer::GetInstance();
+
+    EXPECT_THAT(Recording::Logs(),
+                Contains("[INFO] Quolex Container Runtime: Plugin marked as deactivated: 'sensors' v1.2.3"));
+}
+
+TEST(Service, LeavesPodmanRunningWhenTheHostEndsWithoutAStop) {
+    FakePodman{}.Install();
+    fflush(nullptr);
+    const pid_t host = fork();
+    if (host == 0) {
+        QxCContainer::GetInstance().Start();
+        const bool isWatched = FakePodman::IsWatched();
+        Sandbox::WriteFile("/service", std::to_string(Sandbox::Children().at(0)));
+        exit(isWatched ? 0 : 1);
+    }
+
+    int status = -1;
+    waitpid(host, &status, 0);
+
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(kill(std::stoi(Sandbox::ReadFile("/service")), 0), 0);
+    EXPECT_EQ(FakePodman::CommandLines().size(), 2U) << "no containers are stopped";
+    EXPECT_EQ(StateInFile(), ContainerServiceState::Running);
+}
+
 // --- init ---
 
 TEST(Init, RunsItsStepsInOrderAndEndsInitialised) {
@@ -72,6 +126,7 @@ TEST(Init, RunsItsStepsInOrderAndEndsInitialised) {
     };
     EXPECT_EQ(logs.front(), InitLine);
     EXPECT_EQ(logs.back(), FinishedLine);
+    EXPECT_THAT(Recording::Messages(), IsEmpty());
     EXPECT_LT(at("already mounted"), at("Loading container plugins..."));
     EXPECT_LT(at("Loading container plugins..."), at("Total CPUs"));
     EXPECT_TRUE(fs::is_symlink("/bin/podman"));
@@ -91,6 +146,21 @@ TEST(Init, LinksTheToolsAndPublishesPodmanBeforeItLoadsPlugins) {
             ++looked;
             EXPECT_TRUE(fs::is_symlink("/etc/containers/certs"));
             EXPECT_TRUE(fs::exists("/run/QxContainerRTE.docker_host"));
+        }
+    };
+
+    EXPECT_TRUE(service.init());
+    EXPECT_EQ(looked, 1);
+}
+
+TEST(Init, SaysThatItHasFinishedOnceTheStateIsWritten) {
+    Board::ProvideContainerSystem();
+    QxCContainer& service = Service();
+    int looked = 0;
+    TheScript().onEvent = [&](const std::string& event) {
+        if (event == std::string("log ") + FinishedLine + "\n") {
+            ++looked;
+            EXPECT_EQ(StateInFile(), ContainerServiceState::Initialized);
         }
     };
 
@@ -160,6 +230,28 @@ TEST(Init, WithTooManyCoresFailsAndLeavesWhatWasDone) {
     EXPECT_EQ(StateInFile(), 0);
 }
 
+TEST(Init, ThatFailsLeavesTheStateAsItWas) {
+    Board::ProvideContainerSystem(R"({"enabled": true, "cores_num": 6})");
+    QxCContainer& service = Service();
+    service.Stop();
+
+    EXPECT_FALSE(service.init());
+    EXPECT_EQ(StateInFile(), ContainerServiceState::Stopped);
+    EXPECT_EQ(service.GetContainerServiceStatus(false), ContainerServiceState::Stopped);
+}
+
+TEST(Init, GoesOnWhenPluginsCannotBeHad) {
+    Board::ProvideContainerSystem();
+    InstallPlugin("no/mountpoint");
+    QxCContainer& service = Service();
+
+    EXPECT_TRUE(service.init());
+
+    EXPECT_THAT(Recording::Logs(), Contains("[ERROR] Quolex Container Runtime: Mount failed for "
+                                            "'no/mountpoint'. Skipping plugin."));
+    EXPECT_EQ(Recording::Logs().back(), FinishedLine);
+}
+
 TEST(Init, GoesOnWhenLinksExistAlready) {
     Board::ProvideContainerSystem();
     fs::create_directories("/etc/containers/certs");
@@ -174,6 +266,7 @@ TEST(Init, PassesOnTheErrorsOfTheFileSystemSteps) {
 
     EXPECT_THROW(service.init(), fs::filesystem_error);
     EXPECT_EQ(StateInFile(), 0);
+    EXPECT_FALSE(fs::exists("/run/QxContainerRTE.docker_host")) << "links come first";
 }
 
 TEST(Init, ASecondTimeInTheSameBootDoesNotMountAgain) {
@@ -243,10 +336,15 @@ TEST(Start, LetsTheThreadReportIntoTheMasterErrorList) {
 TEST(Start, WithoutAThreadIsAnErrorAndFailed) {
     TheScript().createThreadFails = true;
     QxCContainer& service = Service();
+    const char* line = "[ERROR] Quolex Container Utils: Failed to create Podman monitor thread";
+    TheScript().onEvent = [&](const std::string& event) {
+        if (event.find(line) != std::string::npos) {
+            EXPECT_EQ(StateInFile(), 0) << "the message comes before the state";
+        }
+    };
 
     EXPECT_FALSE(service.Start());
 
-    const char* line = "[ERROR] Quolex Container Utils: Failed to create Podman monitor thread";
     EXPECT_THAT(Recording::Logs(), ElementsAre(line));
     EXPECT_THAT(Recording::Messages(), ElementsAre(std::string("3 ") + (line + 8)));
     EXPECT_EQ(StateInFile(), 4);
@@ -300,6 +398,27 @@ TEST(Stop, IsStoppedBeforeItRestoresTheDisk) {
 
     service.Stop();
     EXPECT_EQ(looked, 1);
+}
+
+TEST(Stop, IsStoppedOnceTheMonitorThreadHasEnded) {
+    FakePodman{.unixService = FakePodman::CountTerminations}.Install();
+    QxCContainer& service = Service();
+    std::atomic<int> stateAtTheEnd{-1};
+    TheScript().onEvent = [&](const std::string& event) {
+        if (event == "joinThread(-1)") {
+            Sandbox::WriteFile("/end", "");
+        }
+        if (event == "clearMasterErrorList(-1)") {
+            stateAtTheEnd = StateInFile();
+        }
+    };
+    ASSERT_TRUE(service.Start());
+    ASSERT_TRUE(FakePodman::IsWatched());
+
+    service.Stop();
+
+    EXPECT_EQ(stateAtTheEnd, ContainerServiceState::Running);
+    EXPECT_EQ(StateInFile(), ContainerServiceState::Stopped);
 }
 
 TEST(Stop, AfterTheServiceEndedByItselfStillStopsTheContainers) {
@@ -380,13 +499,7 @@ TEST(ServiceSettings, AnswerFromMemoryUnlessRereadingIsAskedFor) {
 // --- Forwarding ---
 
 TEST(Forwarding, PassesPluginOperationsOnAsTheyAre) {
-    CrpPluginHeader header{};
-    header.magic = CRP_PLUGIN_MAGIC;
-    header.header_size = CRP_HEADER_SIZE;
-    strcpy(header.name, "sensors");
-    strcpy(header.version, "1.2.3");
-    Sandbox::WriteFile(Board::PLUGINS_DIR + "/file.crp",
-                       std::string(reinterpret_cast<const char*>(&header), sizeof(header)));
+    InstallPlugin("sensors");
     QxCContainer& service = Service();
 
     EXPECT_EQ(service.addPluginToConfig("sensors", "1.2.3"), 3) << "nothing was scanned yet";
@@ -395,6 +508,7 @@ TEST(Forwarding, PassesPluginOperationsOnAsTheyAre) {
     ASSERT_EQ(listing["plugins"].size(), 1U);
     EXPECT_EQ(listing["plugins"][0]["fileName"], "file.crp");
     EXPECT_EQ(service.addPluginToConfig("sensors", "1.2.3"), 0);
+    EXPECT_THAT(Sandbox::ReadFile(Board::PLUGIN_CONFIG_FILE), HasSubstr("sensors"));
     EXPECT_EQ(service.removePluginFromConfig("sensors", "1.2.3"), 0);
     EXPECT_EQ(service.addPluginToConfig("sensors", "1.2.3"), 0);
     EXPECT_EQ(service.removePluginFromConfigByFileName("file.crp"), 0);

@@ -1,9 +1,13 @@
 #include "QxCRTELog.h"
 #include "Recording.h"
+#include "support/Log.h"
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <string>
+#include <thread>
+#include <vector>
 
 using Recording::TheScript;
 using testing::ElementsAre;
@@ -103,6 +107,41 @@ TEST(Log, ReadsTheThresholdOnceAndWithTheDefaultInfo) {
     EXPECT_FALSE(QxCRTE_LOG_IsLevelEnabled(RteLogLevel::Debug));
 
     EXPECT_THAT(Recording::Events(), ElementsAre("getOption(ContainerRuntime, LogLevel, INFO, 0)"));
+}
+
+TEST(Log, DebugArgumentsAreComputedOnlyWhenTheLevelIsOn) {
+    TheScript().logLevel = "DEBUG";
+    int computed = 0;
+
+    QX_LOG_IF_ENABLED(RteLogLevel::DebugVerbose, "%d", ++computed);
+    EXPECT_EQ(computed, 0);
+    QX_LOG_IF_ENABLED(RteLogLevel::Debug, "%d", ++computed);
+    EXPECT_EQ(computed, 1);
+
+    EXPECT_THAT(Recording::Logs(), ElementsAre("[DEBUG] 1"));
+}
+
+TEST(Log, KeepsTheMessagesOfManyThreadsApart) {
+    const auto log = [](char letter) {
+        const std::string text(1000, letter);
+        for (int i = 0; i < 1000; ++i) {
+            QxCRTE_LOG_Impl(RteLogLevel::Info, "%s", text.c_str());
+        }
+    };
+    std::vector<std::thread> threads;
+    for (const char letter : {'a', 'b', 'c', 'd'}) {
+        threads.emplace_back(log, letter);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    std::vector<std::string> lines = Recording::Logs();
+    std::sort(lines.begin(), lines.end());
+    ASSERT_EQ(lines.size(), 4000U);
+    for (size_t i = 0; i < lines.size(); ++i) {
+        ASSERT_EQ(lines[i], "[INFO] " + std::string(1000, "abcd"[i / 1000]));
+    }
 }
 
 TEST(Log, DoesNotAskForTheThresholdWhenWriting) {

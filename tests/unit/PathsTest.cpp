@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <type_traits>
+
 using namespace QxNContainer::QxNContainerPaths;
 
 namespace {
@@ -28,6 +30,13 @@ TEST(Paths, AreThoseOfTheBoard) {
     EXPECT_EQ(PLUGIN_CONFIG_FILE, "/userstorage1/container_rte/plugins/config.json");
     EXPECT_STREQ(QxNComposeFileHandler::ComposeTool::Exe, "docker-compose");
     EXPECT_STREQ(QxNComposeFileHandler::ComposeTool::Path, "/bin/docker-compose");
+}
+
+TEST(Paths, AreReadOnly) {
+    EXPECT_TRUE(std::is_const_v<decltype(CONTAINER_TOOLS)>);
+    EXPECT_TRUE(std::is_const_v<decltype(PODMAN_LIBS)>);
+    EXPECT_TRUE(std::is_const_v<decltype(SETTINGS_FILE)>);
+    EXPECT_TRUE((std::is_same_v<decltype(QxNComposeFileHandler::ComposeTool::Path), const char* const>));
 }
 
 }  // namespace

@@ -50,6 +50,20 @@ TEST(Settings, AMissingFileIsADebugLine) {
                     "'/mnt/cfdrive/containers/container_rte_settings.json' not found, using defaults"));
 }
 
+TEST(Settings, AFileThatIsGoneLeavesTheValuesInMemory) {
+    QxCCTESettings* settings = QxCCTESettings::GetInstance();
+    settings->setEnabled(true);
+    settings->setServiceUserSettings({8080, 3});
+    settings->setState(2);
+    std::filesystem::remove(Board::SETTINGS_FILE);
+
+    EXPECT_TRUE(settings->getEnabled(true));
+    EXPECT_EQ(settings->getServiceUserSettings(true).tcpPort, 8080U);
+    EXPECT_EQ(settings->getServiceUserSettings(true).coresNum, 3U);
+    EXPECT_EQ(settings->getState(true), 2);
+    EXPECT_FALSE(std::filesystem::exists(Board::SETTINGS_FILE)) << "reading does not write";
+}
+
 TEST(Settings, LoadKeepsTheUsersChoicesAndResetsTheState) {
     Board::WriteSettings(R"({"enabled": true, "tcp_port": 8080, "cores_num": 3, "state": 2})");
 
@@ -72,6 +86,15 @@ TEST(Settings, LogWhatWasParsedAndTheCoreFiguresInVerboseDebug) {
                 ElementsAre(std::string(ParsePrefix) + R"({"enabled":true,"name":"Zürich"})",
                             "[DEBUG_VERBOSE] Quolex Container Utils: Hypervisor Cpus: 2",
                             "[DEBUG_VERBOSE] Quolex Container Utils: Unused physical cores available: 2"));
+}
+
+TEST(Settings, OfAFileThatIsThereAreNotLoggedInDebug) {
+    TheScript().logLevel = "DEBUG";
+    Board::WriteSettings(R"({"enabled": true})");
+
+    QxCCTESettings::GetInstance();
+
+    EXPECT_THAT(Recording::Logs(), IsEmpty());
 }
 
 struct MismatchCase {
@@ -139,6 +162,7 @@ TEST_P(SettingsBadText, IsAWarningAndLeavesTheValuesInMemory) {
     EXPECT_THAT(Recording::Logs(),
                 ElementsAre("[WARNING] Quolex Container Service: QxCCTESettings::Read: failed to parse "
                             "'/mnt/cfdrive/containers/container_rte_settings.json', using defaults"));
+    EXPECT_THAT(Recording::Messages(), IsEmpty());
     EXPECT_EQ(Board::Settings(), GetParam()) << "reading does not write";
 }
 
@@ -177,6 +201,7 @@ TEST(Settings, AFileThatCannotBeOpenedIsAWarning) {
               0);
 
     EXPECT_TRUE(settings->getEnabled(true));
+    EXPECT_THAT(Recording::Messages(), IsEmpty());
     EXPECT_FALSE(settings->setEnabled(false)) << "it cannot be written either";
 
     EXPECT_FALSE(settings->getEnabled(false)) << "the value in memory is changed all the same";
@@ -196,6 +221,24 @@ TEST(Settings, EveryChangeIsWrittenAtOnce) {
     EXPECT_EQ(Board::Settings(), SettingsText("true", 0, 1, 2, 5));
     EXPECT_TRUE(settings->setServiceUserSettings({8443, 3}));
     EXPECT_EQ(Board::Settings(), SettingsText("true", 8443, 3, 2, 5));
+}
+
+TEST(Settings, AChangeThatCannotBeWrittenStaysInMemory) {
+    QxCCTESettings* settings = QxCCTESettings::GetInstance();
+    std::filesystem::remove(Board::SETTINGS_FILE);
+    std::filesystem::create_directories(Board::SETTINGS_FILE);
+
+    EXPECT_FALSE(settings->setEnabled(true));
+    EXPECT_FALSE(settings->setState(2));
+    EXPECT_FALSE(settings->setServiceUserSettings({8443, 3}));
+    TheScript().totalCores = 16;
+    EXPECT_FALSE(settings->ExtractCpuCoreCounts());
+
+    EXPECT_TRUE(settings->getEnabled(false));
+    EXPECT_EQ(settings->getState(false), 2);
+    EXPECT_EQ(settings->getServiceUserSettings(false).tcpPort, 8443U);
+    EXPECT_EQ(settings->getServiceUserSettings(false).coresNum, 3U);
+    EXPECT_EQ(settings->getMaxCpuCoreCount(), 13U);
 }
 
 TEST(Settings, ExtraMembersAreLostAtTheNextWrite) {
@@ -266,9 +309,11 @@ TEST(Settings, AFailedCoreCountIsAnErrorAndLeavesTheFigures) {
 
     QxCCTESettings* settings = QxCCTESettings::GetInstance();
 
-    EXPECT_FALSE(settings->ExtractCpuCoreCounts());
-    EXPECT_EQ(settings->getMaxCpuCoreCount(), 0U);
     EXPECT_EQ(Board::Settings(), SettingsText("false", 0, 1, 0, 0));
+    std::filesystem::remove(Board::SETTINGS_FILE);
+    EXPECT_FALSE(settings->ExtractCpuCoreCounts());
+    EXPECT_FALSE(std::filesystem::exists(Board::SETTINGS_FILE)) << "there is nothing new to write";
+    EXPECT_EQ(settings->getMaxCpuCoreCount(), 0U);
     EXPECT_THAT(Recording::Logs(),
                 testing::Each("[ERROR] Quolex Container Utils: Failed to get CPU core count"));
     EXPECT_EQ(Recording::LiveLists(), 0) << "the temporary list is deleted";

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -98,6 +99,41 @@ TEST(Supervision, ServicesGetTheToolsEnvironment) {
     EXPECT_EQ(call.Variable("DOCKER_HOST"), "unix:///run/podman/podman.sock");
 }
 
+TEST(Supervision, SpawningAServiceSetsTheToolsEnvironmentForGood) {
+    Sandbox::InstallProgram("/bin/podman");
+    setenv("LD_LIBRARY_PATH", "/old", 1);
+    setenv("PODMAN_IGNORE_CGROUPSV1_WARNING", "0", 1);
+
+    waitpid(Service(0).SpawnPodmanService(0), nullptr, 0);
+
+    const Sandbox::ProgramCall call = Sandbox::Calls().at(0);
+    EXPECT_EQ(call.Variable("LD_LIBRARY_PATH"), "/mnt/containers_tools/lib/");
+    EXPECT_EQ(call.Variable("PODMAN_IGNORE_CGROUPSV1_WARNING"), "1");
+    EXPECT_STREQ(getenv("LD_LIBRARY_PATH"), "/mnt/containers_tools/lib/");
+    EXPECT_STREQ(getenv("PODMAN_IGNORE_CGROUPSV1_WARNING"), "1");
+}
+
+TEST(Supervision, ThePortIsTakenFromMemory) {
+    FakePodman{.unixService = "exit 0"}.Install();
+    QxCContainer& service = Service(0);
+    Board::WriteSettings(R"({"tcp_port": 8080})");
+
+    RunMonitor(service);
+
+    EXPECT_THAT(FakePodman::CommandLines(), ElementsAre(StartCall, UnixCall));
+}
+
+TEST(Supervision, TheSocketsDirectoryIsMadeWithAllItsParents) {
+    Sandbox::InstallProgram("/bin/podman");
+    QxCContainer& service = Service(0);
+    ASSERT_EQ(umount2("/run", MNT_DETACH), 0);
+    std::filesystem::remove_all("/run");
+
+    waitpid(service.SpawnPodmanService(0), nullptr, 0);
+
+    EXPECT_TRUE(std::filesystem::is_directory("/run/podman"));
+}
+
 TEST(Supervision, AttachesToTheCpuSetFirstAndCollectsErrorsUntilItsEnd) {
     FakePodman{.unixService = "exit 0"}.Install();
     QxCContainer& service = Service(0);
@@ -184,7 +220,19 @@ TEST_P(AcceptedPort, IsPassedOnAsItIs) {
         << "only the Unix service needs the socket's directory";
 }
 
-INSTANTIATE_TEST_SUITE_P(Any, AcceptedPort, testing::Values(1U, 79U, 443U, 65536U, 4294967295U));
+TEST_P(AcceptedPort, GetsAServiceFromTheMonitorThread) {
+    FakePodman{.unixService = "exit 0", .tcpService = "exit 0"}.Install();
+    QxCContainer& service = Service(GetParam());
+
+    RunMonitor(service);
+    service.Stop();
+
+    EXPECT_THAT(FakePodman::CommandLines(),
+                Contains("podman system service --time=0 tcp:0.0.0.0:" + std::to_string(GetParam())));
+}
+
+INSTANTIATE_TEST_SUITE_P(Any, AcceptedPort,
+                         testing::Values(1U, 79U, 81U, 110U, 112U, 443U, 65536U, 4294967295U));
 
 // --- TLS ---
 
@@ -202,6 +250,7 @@ TEST(SupervisionTls, IsEnabledWhenAllThreeFilesAreThere) {
     EXPECT_THAT(
         Recording::Logs(),
         ElementsAre("[INFO] Quolex Container Utils: Certificates found, enabling TLS for Podman service."));
+    EXPECT_THAT(Recording::Messages(), IsEmpty());
 }
 
 class IncompleteCertificates : public testing::TestWithParam<std::vector<const char*>> {};
@@ -245,6 +294,7 @@ TEST_P(NoCertificates, GiveNoTlsAndAnInfoLine) {
     waitpid(Service(0).SpawnPodmanService(8080), nullptr, 0);
 
     EXPECT_THAT(Recording::Logs(), ElementsAre(NoCertificatesLine));
+    EXPECT_THAT(Recording::Messages(), IsEmpty());
     EXPECT_THAT(FakePodman::CommandLines(), ElementsAre("podman system service --time=0 tcp:0.0.0.0:8080"));
 }
 
@@ -265,7 +315,23 @@ TEST(SupervisionTls, IsNotLookedForOnTheUnixSocket) {
     EXPECT_THAT(Recording::Logs(), IsEmpty());
 }
 
+TEST(SupervisionTls, CertificatesThatCannotBeLookedAtReachTheCaller) {
+    std::filesystem::create_directories("/mnt/cfdrive/containers");
+    std::filesystem::create_symlink(Board::CONTAINER_CERTS_DIR, Board::CONTAINER_CERTS_DIR);
+
+    EXPECT_THROW(Service(0).SpawnPodmanService(8080), std::filesystem::filesystem_error);
+}
+
 // --- Services that do not start ---
+
+TEST(Supervision, AServiceThatCannotBeSpawnedHasNoId) {
+    QxCContainer& service = Service(0);
+
+    EXPECT_EQ(service.SpawnPodmanService(0), -1);
+
+    EXPECT_THAT(Recording::Logs(), ElementsAre("[ERROR] Quolex Container Utils: posix_spawn failed to "
+                                               "execute: No such file or directory"));
+}
 
 TEST(Supervision, AMissingPodmanIsReportedByEveryStep) {
     QxCContainer& service = Service(8080);
@@ -285,6 +351,7 @@ TEST(Supervision, AMissingPodmanIsReportedByEveryStep) {
             spawn, NoCertificatesLine, spawn, "[ERROR] " + summary));
     EXPECT_THAT(Recording::Messages(), Contains("3 " + summary));
     EXPECT_THAT(Recording::Events("sendErrorList"), ElementsAre("sendErrorList(0)"));
+    EXPECT_EQ(Recording::Events("createErrorList").size(), 1U) << "errors are collected in the thread's list";
 }
 
 TEST(Supervision, AUnixServiceThatCannotBeSpawnedIsReportedAlone) {
@@ -343,6 +410,8 @@ TEST(Supervision, ANormalExitSaysNothingUnlessDebugIsOn) {
     RunMonitor(service);
 
     EXPECT_EQ(Recording::Logs().back(), SpawnedLine);
+    EXPECT_THAT(Sandbox::Children(), IsEmpty()) << "nothing is started again";
+    EXPECT_THAT(FakePodman::CommandLines(), ElementsAre(StartCall, UnixCall));
 }
 
 TEST(Supervision, AnErrorCodeOfTheTcpServiceIsAnErrorWithItsLabel) {
@@ -508,7 +577,23 @@ TEST(Supervision, StopEndsBothServicesAndTheThread) {
                             "[INFO] Quolex Container Utils: Shutting down TCP Podman service...",
                             "[INFO] Quolex Container Utils: Stopping all running containers...",
                             "[INFO] Quolex Container Utils: All containers stopped successfully."));
+    EXPECT_THAT(Recording::Messages(), IsEmpty());
     EXPECT_THAT(Sandbox::Children(), IsEmpty());
+}
+
+TEST(Supervision, AServiceThatStopEndedIsADebugLine) {
+    FakePodman{}.Install();
+    QxCContainer& service = Service(0, "DEBUG");
+    ASSERT_TRUE(service.Start());
+    ASSERT_TRUE(FakePodman::IsWatched());
+    const std::string id = std::to_string(Sandbox::Children().at(0));
+
+    service.Stop();
+
+    EXPECT_THAT(Recording::Logs(),
+                Contains("[DEBUG] Quolex Container Utils: Unix socket Podman service (PID: " + id +
+                         ") terminated by signal 15"));
+    EXPECT_THAT(Recording::Messages(), IsEmpty());
 }
 
 TEST(Supervision, StopSignalsBeforeItStopsContainersBeforeItJoins) {
@@ -548,6 +633,7 @@ TEST(Supervision, AServiceIsSignalledOnceHoweverOftenStopIsCalled) {
 
     EXPECT_EQ(Sandbox::ReadFile("/terminations"), "TERM\n");
     EXPECT_EQ(Recording::Events("joinThread").size(), 1U);
+    EXPECT_THAT(FakePodman::CommandLines(), ElementsAre(StartCall, UnixCall, "podman stop --all --time 10"));
 }
 
 TEST(Supervision, AServiceIsClaimedOnceUnderContention) {

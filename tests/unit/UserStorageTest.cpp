@@ -83,10 +83,15 @@ TEST(UserStorage, MissingMountInformationIsAnError) {
     Board::MountUserStorage();
     TheScript().mountInfoFails = true;
     const QxCContainer& service = QxCContainer::GetInstance();
+    Recording::Forget();
     std::string reason;
 
     EXPECT_FALSE(service.HasValidUserStorage(&reason));
 
+    const auto events = Recording::Events();
+    EXPECT_THAT(std::vector(events.begin(), events.begin() + 4),
+                ElementsAre("createErrorList(0, 1, 20, 5, 300)", "getBlockDeviceMountInfo", "deleteErrorList",
+                            testing::StartsWith("log [ERROR] ")));
     EXPECT_EQ(reason, "Container service could not determine the mounted block devices");
     EXPECT_EQ(Recording::LiveLists(), 0);
     EXPECT_THAT(
@@ -173,6 +178,37 @@ TEST(WriteThroughGuard, SwitchesTheDiskForItsLifetime) {
     EXPECT_EQ(Recording::LiveLists(), 0);
 }
 
+TEST(WriteThroughGuard, SaysWhatItDidOnceItIsDone) {
+    Board::ProvideUserStorage();
+    TheScript().logLevel = "DEBUG";
+    std::vector<std::string> modes;
+    TheScript().onEvent = [&](const std::string& event) {
+        if (event.starts_with("log ")) {
+            modes.push_back(CacheMode());
+        }
+    };
+    { const QxCWriteThroughCacheGuard guard; }
+    EXPECT_THAT(modes, ElementsAre("write through", "write back"));
+}
+
+TEST(WriteThroughGuard, AsksWithTheMasterListWhereThereIsOne) {
+    Board::ProvideUserStorage();
+    const Recording::MasterErrorList master;
+    Recording::Forget();
+
+    { const QxCWriteThroughCacheGuard guard; }
+    QxCWriteThroughCacheGuard::ForceRestoreWriteBackMode();
+
+    EXPECT_THAT(Recording::Events("createErrorList"), IsEmpty());
+    EXPECT_THAT(Recording::Events("deleteErrorList"), IsEmpty());
+    EXPECT_EQ(Recording::Events("getBlockDeviceMountInfo").size(), 2U);
+}
+
+TEST(WriteThroughGuard, CannotBeCopied) {
+    EXPECT_FALSE(std::is_copy_constructible_v<QxCWriteThroughCacheGuard>);
+    EXPECT_FALSE(std::is_copy_assignable_v<QxCWriteThroughCacheGuard>);
+}
+
 TEST(WriteThroughGuard, SaysNothingUnlessDebugIsOn) {
     Board::ProvideUserStorage();
     { const QxCWriteThroughCacheGuard guard; }
@@ -242,7 +278,9 @@ TEST(WriteThroughGuard, TriesToSwitchBackAlsoWhenTheSwitchFailed) {
                             "'/sys/block/sda/queue/write_cache'\n",
                             "[WARNING] Quolex Container Utils:Failed to set 'write back' on "
                             "'/sys/block/sda/queue/write_cache'\n"));
+    EXPECT_THAT(Recording::Messages(), IsEmpty());
     EXPECT_FALSE(std::filesystem::exists(Board::WriteCache));
+    EXPECT_EQ(Recording::Events("sync").size(), 1U) << "file systems are synced all the same";
 }
 
 TEST(WriteCache, AnEmptyPathDoesNothing) {
@@ -259,6 +297,11 @@ TEST(WriteCache, FileSystemsAreSyncedBeforeWriteBackReachesTheAttributeAndOnlyTh
     // Opening the attribute empties a plain file; what is new is not there yet.
     EXPECT_THAT(Recording::Events("sync"), ElementsAre("sync, the attribute holds ''"));
     EXPECT_EQ(CacheMode(), "write back");
+}
+
+TEST(WriteCache, AnErrorThatShowsAtClosingIsNotReported) {
+    QxCWriteThroughCacheGuard::SetBlockDeviceWriteCache("/dev/full", "write through");
+    EXPECT_THAT(Recording::Logs(), IsEmpty());
 }
 
 TEST(WriteCache, ModeIsWrittenWithoutALineFeed) {
@@ -284,6 +327,7 @@ TEST(ForceRestore, SwitchesBackAlsoWithARealtimeApplicationAndSaysNothing) {
 TEST(ForceRestore, DoesNothingWithoutUserStorage) {
     QxCWriteThroughCacheGuard::ForceRestoreWriteBackMode();
     EXPECT_THAT(Recording::Logs(), IsEmpty());
+    EXPECT_THAT(Recording::Events("sync"), IsEmpty());
 }
 
 TEST(RealtimeApplication, IsLoadedWhenTheBoardSaysAnythingButZero) {

@@ -1,4 +1,4 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154  # root is set by qx
 # Running the tests.
 
 test_help() {
@@ -81,12 +81,15 @@ task_test() {
         step "Test the virtual board itself" board/tests/run.sh
     fi
     mkdir -p build/logs
-    run_tests release ${only:+-L "$only"} 2>&1 | tee build/logs/tests.log
+    run_tests release --output-junit "$root/build/logs/tests.xml" ${only:+-L "$only"} 2>&1 | tee build/logs/tests.log
     if gaps release build/logs/tests.log; then
         grep '\*\*\*Skipped' build/logs/tests.log >&2
         die 1 "tests were skipped that this machine can run"
     fi
-    [ -n "$only" ] || run_fuzzers 5
+    if [ -z "$only" ]; then
+        step "Compare with the promises" tests/checks/behaviour.py docs/behaviour.md build/release build/logs/tests.xml
+        run_fuzzers 5
+    fi
     [ -z "$deep" ] || deep_tests "$only"
     say "All tests passed."
 }

@@ -1,0 +1,69 @@
+#!/usr/bin/env python3
+"""Holds docs/behaviour.md to its word: every promise there names a test that exists and, after a run, that has run.
+
+Usage: behaviour.py TABLE BUILD [REPORT]
+TABLE   the Markdown file; the last column of its tables names tests, each in backticks
+BUILD   the built tree, whose tests CTest lists
+REPORT  what ctest --output-junit wrote of a run of all tests
+"""
+
+import json
+import pathlib
+import re
+import subprocess
+import sys
+import xml.etree.ElementTree as xml
+
+CELLS = re.compile(r"(?<!\\)\|")
+NAME = re.compile(r"`([^`]+)`")
+
+
+def promises(table: pathlib.Path):
+    """Gives (line number, promise, names of tests) of every row."""
+    lines = table.read_text().splitlines()
+    for number, line in enumerate(lines, 1):
+        if not line.startswith("|") or set(line) <= set("|-: "):
+            continue
+        if number < len(lines) and set(lines[number]) <= set("|-: ") and lines[number]:
+            continue  # the heading
+        cells = CELLS.split(line)[1:-1]
+        yield number, cells[0].strip(), NAME.findall(cells[-1])
+
+
+def known_tests(build: str) -> set[str]:
+    listing = subprocess.run(
+        ["ctest", "--test-dir", build, "--show-only=json-v1"], check=True, capture_output=True, text=True
+    ).stdout
+    return {test["name"] for test in json.loads(listing)["tests"]}
+
+
+def run_tests(report: str) -> set[str]:
+    return {case.get("name") for case in xml.parse(report).iter("testcase") if case.get("status") == "run"}
+
+
+def main() -> int:
+    table = pathlib.Path(sys.argv[1])
+    known = known_tests(sys.argv[2])
+    ran = run_tests(sys.argv[3]) if len(sys.argv) > 3 else None
+    problems = []
+    rows = 0
+    named = set()
+    for number, promise, tests in promises(table):
+        rows += 1
+        if not tests:
+            problems.append(f"{table.name}:{number}: nothing holds this: {promise[:80]}")
+        for test in tests:
+            # A test with parameters counts with all of them.
+            instances = {name for name in known if name == test or name.startswith(test + "/")}
+            named |= instances
+            if not instances:
+                problems.append(f"{table.name}:{number}: there is no test {test}")
+            elif ran is not None and not instances & ran:
+                problems.append(f"{table.name}:{number}: {test} did not run")
+    print("\n".join(problems))
+    print(f"{rows} promises, held by {len(named)} of {len(known)} tests")
+    return 1 if problems or rows == 0 else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
