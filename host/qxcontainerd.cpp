@@ -1,6 +1,5 @@
 // The daemon: takes the container library through its life and makes it usable over HTTP.
 
-#include "LogServer.h"
 #include "QxCContainer.h"
 #include "QxCErrorList.h"
 #include "api/Interface.h"
@@ -34,6 +33,7 @@ enum ExitCode : int {
 };
 
 constexpr size_t Workers = 8;
+constexpr size_t LogStreams = 32;
 constexpr std::chrono::milliseconds ReadyCheck{50};
 
 void Tell(const std::string& text) {
@@ -77,16 +77,19 @@ private:
             _exitCode = SettingsNotWritten;
             co_return;
         }
-        Ground ground{
-            _keeper, _messages, *logs, _tokens, _workers, _options.server.page, _options.largestUpload};
+        std::optional<StreamThreads> streams(std::in_place, LogStreams);
+        Ground ground{_keeper,
+                      _messages,
+                      *logs,
+                      *streams,
+                      _tokens,
+                      _workers,
+                      _options.server.page,
+                      _options.largestUpload};
         const QxNHttp::Router router = MakeRouter(ground);
         // Before anything is started: an address that cannot be had must leave nothing behind.
         std::optional<QxNHttp::Server> server;
-        std::optional<LogServer> logServer;
         try {
-            if (_options.logPort) {
-                logServer.emplace(_keeper.Service(), *_options.logPort);
-            }
             server.emplace(_io, _options.server, router, _tokens);
         } catch (const std::exception& error) {
             std::fprintf(stderr, "qxcontainerd: %s\n", error.what());
@@ -94,9 +97,6 @@ private:
         }
         if (!server) {
             co_return;
-        }
-        if (logServer) {
-            Tell("logs at ws://127.0.0.1:" + std::to_string(logServer->Port()) + "/logs/NAME");
         }
         for (const std::string& url : server->Urls()) {
             Tell("serving " + url);
@@ -110,8 +110,9 @@ private:
         Tell(signal == SIGINT ? "interrupted, stopping" : "asked to stop, stopping");
         server->Stop();
         co_await _keeper.Shutdown();
-        // Only now: without Podman no stream waits for anything any more.
-        logServer.reset();
+        // Only now: without Podman no stream waits for anything any more. And not here: what a stream still sends fails
+        // on this thread.
+        co_await QxNHttp::InBackground(_workers, [&] { streams.reset(); });
         logs.reset();
         Tell("stopped");
     }

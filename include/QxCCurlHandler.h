@@ -37,8 +37,8 @@ public:
     /// Sends the request to a Unix domain socket, whatever host the URL names; replaces SetTcpSocket.
     void SetUnixSocket(const std::string& path);
     /// Sends the request to 127.0.0.1 on a port, whatever host the URL names; replaces SetUnixSocket.
-    /// When the environment names a proxy (http_proxy), the request goes there instead, unless no_proxy
-    /// excepts the URL's host.
+    /// When the environment names a proxy (http_proxy), that is asked for a tunnel to the port, unless no_proxy excepts
+    /// the URL's host.
     void SetTcpSocket(unsigned short port);
     /// Replaces all custom header lines; an empty vector clears them.
     void SetHeaders(const std::vector<std::string>& headers);

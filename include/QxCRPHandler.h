@@ -16,8 +16,8 @@ namespace CRP {
 /// Result codes of the editing operations: 0 the file was changed, 1 nothing to do, 2 empty name or version,
 /// 3 no such plugin in the last scan, 4 the file could not be read, parsed or written, or, when adding, holds
 /// something else than an object, which is not overwritten. A file that is not regular or larger than 16 MiB
-/// counts as one that cannot be parsed. Edits take effect when the list is read again, at the next start. Thread safety: none of its own; callers serialise. Blocks for
-/// file access; loadPlugins() for the init commands.
+/// counts as one that cannot be parsed. Edits take effect when the list is read again, at the next start.
+/// Thread safety: none of its own; callers serialise. Blocks for file access; loadPlugins() for the init commands.
 class QX_EXPORT QxCRPHandler {
 public:
     /// @param pluginDir   directory of the plugins that the user installed

@@ -23,6 +23,7 @@ A throw-away board: a Linux system of its own, on which every absolute path of t
   up        start a board that stays
   exec      run a command on a board that is up
   shell     a shell on a board
+  forward   make a TCP port of a board reachable on this machine
   list      the boards there are
   down      end a board
   sweep     remove what boards left behind whose owner was killed
@@ -56,6 +57,9 @@ Runs COMMAND on a board that is up. Exit status as with "board run".' ;;
 A shell on the board NAME, on the only one that is up, or, if there is none, on a throw-away one (OPTIONS for that):'
             help_start_options
             ;;
+        forward) echo 'usage: board forward [--listen LOCALPORT] NAME PORT
+Makes PORT of the board'"'"'s loopback reachable on this machine'"'"'s loopback until the board ends, and prints the local
+port: LOCALPORT, or a free one when that is taken or not given.' ;;
         list) echo 'usage: board list
 All boards: name, kind, status, process id of the first process, cache entry.' ;;
         down) echo 'usage: board down NAME... | --all

@@ -42,6 +42,21 @@ same 'a board stays as it was left' 'kept 1' \
     "$(board exec "$name" sh -c "cat /tmp/file; pgrep -c -fx 'sleep 1000'" | xargs)"
 same 'shell reads commands' 5 "$(echo 'echo $((2+3))' | board shell "$name")"
 holds 'list shows it' grep -q "^$name .* up " <(board list)
+board exec "$name" sh -c "perl -MIO::Socket::INET -e '
+    \$s = IO::Socket::INET->new(LocalAddr => \"127.0.0.1\", LocalPort => 81, Listen => 5) or die;
+    while (\$c = \$s->accept) { \$l = <\$c>; print \$c \"heard \$l\"; close \$c }' </dev/null >/dev/null 2>&1 &"
+"$BOARD" forward "$name" 81 >"$SCRATCH/port" &
+forward=$!
+for _ in {1..100}; do [[ ! -s $SCRATCH/port ]] || break; sleep 0.1; done
+say_through() { (exec 3<>"/dev/tcp/127.0.0.1/$(<"$SCRATCH/port")" && echo "$1" >&3 && cat <&3); }
+same 'forward' 'heard hello' "$(say_through hello)"
+same 'forward again' 'heard you' "$(say_through you)"
+same 'forward is for this machine alone' '127.0.0.1' \
+    "$(ss -Hltn "sport = :$(<"$SCRATCH/port")" | awk '{ sub(/:[0-9]*$/, "", $4); print $4 }')"
+second=$(timeout 5 "$BOARD" forward --listen "$(<"$SCRATCH/port")" "$name" 81 || true)
+holds 'forward takes another port when one is taken' test "${second:-0}" -gt 0 -a "$second" != "$(<"$SCRATCH/port")"
+board forward "$name" http 2>/dev/null
+same 'forward wants a port' 64 $?
 board up --quiet --name "$name" >/dev/null 2>&1
 same 'name taken' 74 $?
 board exec "$name" sh -c 'exec sleep 300' &
@@ -51,9 +66,11 @@ board down "$name"
 same 'down' 0 $?
 wait "$front"
 same 'exec ends with its board' 137 $?
+wait "$forward"
+same 'forward ends with its board' 0 $?
 board down "$name" >/dev/null 2>&1
 same 'down twice' 72 $?
-for command in fetch run up exec shell list down sweep; do
+for command in fetch run up exec shell forward list down sweep; do
     holds "help of $command" grep -q usage <(board "$command" --help)
 done
 finish

@@ -2,6 +2,7 @@
 
 #include "QxCCurlHandler.h"
 #include "QxNJson.h"
+#include "api/StreamThreads.h"
 #include "daemon/MessageFollower.h"
 #include "daemon/ServiceKeeper.h"
 #include "http/Background.h"
@@ -21,6 +22,7 @@ struct Ground {
     ServiceKeeper& keeper;
     MessageFollower& messages;
     LogHub& logs;
+    StreamThreads& streams;
     QxNHttp::Tokens& tokens;
     boost::asio::thread_pool& workers;  ///< for what blocks but need not be on the control thread
     std::string page;                   ///< the page's directory

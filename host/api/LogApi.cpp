@@ -1,7 +1,9 @@
 #include "QxCContainer.h"
 #include "api/Interface.h"
 #include "api/LogDownload.h"
+#include "api/LogSocket.h"
 #include "api/Names.h"
+#include "support/ErrorListScope.h"
 
 #include <boost/asio/this_coro.hpp>
 
@@ -21,6 +23,14 @@ constexpr std::uint64_t MostTail = 1000000;
 constexpr size_t LargestMessage = 64 << 10;
 
 bool WantsAll(const Request& request) { return request.Parameter("tail") == "all"; }
+
+std::string TailText(const Request& request, const std::string& fallback) {
+    if (WantsAll(request)) {
+        return "all";
+    }
+    return request.Parameter("tail").empty() ? fallback
+                                             : std::to_string(request.Number("tail", DefaultTail, MostTail));
+}
 
 Problem ProblemOf(const LogError& error) {
     switch (error.kind) {
@@ -65,12 +75,12 @@ Task<QxNHttp::Router::Stream> OpenLog(Ground& ground, Request& request) {
 
 Task<Reply> Download(Ground& ground, Request& request) {
     const std::string container = ContainerName(request.segments[3]);
-    const std::string tail = WantsAll(request) || request.Parameter("tail").empty()
-                                 ? "all"
-                                 : std::to_string(request.Number("tail", DefaultTail, MostTail));
+    const std::string tail = TailText(request, "all");
     const auto download = std::make_shared<LogDownload>(co_await boost::asio::this_coro::executor,
                                                         request.Flag("timestamps", false));
-    download->Start(ground.workers, ground.keeper.Service(), container, tail);
+    if (!download->Start(ground.streams, ground.keeper.Service(), container, tail)) {
+        throw Problem(Status::service_unavailable, "There are too many streams of logs; try again later.");
+    }
     const auto first = std::make_shared<std::string>(co_await download->Next());
     Reply reply;
     reply.type = "text/plain; charset=utf-8";
@@ -82,12 +92,67 @@ Task<Reply> Download(Ground& ground, Request& request) {
     co_return reply;
 }
 
+// --- As it comes ---
+
+/// Until the log has ended or the client has gone.
+void StreamTo(LogSocket& socket, QxNContainer::QxCContainer& service, const std::string& container,
+              const std::string& endpoint) {
+    PodmanResponse response;
+    try {
+        QxNSupport::ErrorListScope errors;
+        const auto session = service.RegisterLogStreamSession(&socket, container);
+        // Not earlier: a close before there is a session would be lost.
+        socket.SetCloseHandler(QxNContainer::QxCContainer::LogStreamCloseHandler);
+        response =
+            service.StreamPodmanRequest(endpoint, QxCCurlHandler::Get, {}, errors.List(), session, &socket);
+    } catch (const std::exception&) {
+        response.httpCode = 0;
+    }
+    service.UnregisterLogStreamSession(&socket);
+    if (response.httpCode == 200) {
+        socket.End(LogSocket::CloseCode::normal, "end of the log");
+    } else if (response.httpCode == 404) {
+        socket.End(LogSocket::CloseCode::policy_error, "no such container");
+    } else {
+        socket.End(LogSocket::CloseCode::internal_error, "no answer from Podman");
+    }
+}
+
+Task<void> ServeRawLog(Ground& ground, std::string container, std::string endpoint, WebSocket& socket) {
+    const auto log = std::make_shared<LogSocket>(co_await boost::asio::this_coro::executor);
+    auto& service = ground.keeper.Service();
+    const auto stream = [log, &service, container, endpoint] {
+        StreamTo(*log, service, container, endpoint);
+    };
+    if (ground.streams.Run(stream)) {
+        co_await log->Serve(socket);
+    } else {
+        co_await socket.Close("too many streams", WebSocket::CloseCode::try_again_later);
+    }
+}
+
+Task<QxNHttp::Router::Stream> OpenRawLog(Ground& ground, Request& request) {
+    const std::string container = ContainerName(request.segments[3]);
+    const std::string endpoint = "/containers/" + container +
+                                 "/logs?follow=true&stdout=true&stderr=true&timestamps=false&tail=" +
+                                 TailText(request, std::to_string(DefaultTail));
+    const PodmanAsk inspection("/containers/" + container + "/json");
+    co_await AskPodman(ground, inspection);
+    co_return [&ground, container, endpoint](WebSocket& socket) {
+        return ServeRawLog(ground, container, endpoint, socket);
+    };
+}
+
 }  // namespace
 
 void AddLogRequests(QxNHttp::Router& router, Ground& ground) {
     router.AddStream("/containers/{container}/logs", Right::Look,
                      [&ground](Request& request) -> Task<QxNHttp::Router::Stream> {
                          co_return co_await OpenLog(ground, request);
+                     });
+    router.AddStream("/containers/{container}/logs/raw", Right::Look,
+                     [&ground](Request& request) -> Task<QxNHttp::Router::Stream> {
+                         co_return co_await OpenRawLog(ground, request);
                      });
     router.Add(Verb::get, "/containers/{container}/logs", Right::Look,
                [&ground](Request& request) -> Task<Reply> { co_return co_await Download(ground, request); });

@@ -89,10 +89,9 @@ LogDownload::~LogDownload() {
     QxCContainer::LogStreamCloseHandler(nullptr, 0, _pipe.get());
 }
 
-void LogDownload::Start(boost::asio::thread_pool& workers, QxCContainer& service,
-                        const std::string& container, const std::string& tail) {
-    boost::asio::post(workers,
-                      [pipe = _pipe, &service, container, tail] { pipe->Run(service, container, tail); });
+bool LogDownload::Start(StreamThreads& threads, QxCContainer& service, const std::string& container,
+                        const std::string& tail) {
+    return threads.Run([pipe = _pipe, &service, container, tail] { pipe->Run(service, container, tail); });
 }
 
 QxNHttp::Task<std::string> LogDownload::Next() {

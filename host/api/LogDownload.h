@@ -1,5 +1,6 @@
 #pragma once
 
+#include "api/StreamThreads.h"
 #include "http/Background.h"
 #include "http/Message.h"
 
@@ -20,11 +21,12 @@ public:
     /// Ends the reading.
     ~LogDownload();
 
-    /// Begins to read, on one of the workers.
+    /// Begins to read, on a thread of its own.
     /// @param container  a name or id that was checked
     /// @param tail       how many lines, or "all"
-    void Start(boost::asio::thread_pool& workers, QxNContainer::QxCContainer& service,
-               const std::string& container, const std::string& tail);
+    /// @return false when there are too many streams
+    bool Start(StreamThreads& threads, QxNContainer::QxCContainer& service, const std::string& container,
+               const std::string& tail);
 
     /// @return the next piece; empty at the end
     /// @throws Problem when Podman does not give the log; only before the first piece

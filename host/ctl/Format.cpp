@@ -1,7 +1,7 @@
 #include "Format.h"
 
 #include "Text.h"
-#include "host/LogLineTime.h"
+#include "LogLineTime.h"
 
 #include <array>
 #include <cstdio>

@@ -1,7 +1,7 @@
 #include "LogPrinter.h"
 
 #include "Text.h"
-#include "host/LogLineTime.h"
+#include "LogLineTime.h"
 
 #include <cstdio>
 

@@ -6,7 +6,7 @@
 #include "LogPrinter.h"
 #include "Text.h"
 #include "Tool.h"
-#include "host/LogLineTime.h"
+#include "LogLineTime.h"
 
 #include <algorithm>
 #include <optional>

@@ -5,7 +5,7 @@
 #include "Table.h"
 #include "Text.h"
 #include "Tool.h"
-#include "host/LogLineTime.h"
+#include "LogLineTime.h"
 
 #include <optional>
 

@@ -3,7 +3,7 @@
 #include "Format.h"
 #include "Table.h"
 #include "Text.h"
-#include "host/LogLineTime.h"
+#include "LogLineTime.h"
 
 #include <array>
 #include <chrono>

@@ -21,6 +21,13 @@ Exit codes:
   5  the settings that options ask for cannot be written
   6  an error of the board's file system)";
 
+constexpr const char* SampleHead =
+    R"(# Configuration of the container service's daemon, read from /etc/qxcontainerd/qxcontainerd.ini.
+# Each option of the command line may stand here; the command line goes before this file. Values that are commented out
+# are the defaults. An option that is unknown here is an error: it may be a misspelt one.
+# After a change: systemctl restart qxcontainerd. Containers stop and start with it.
+)";
+
 constexpr const char* Configuration = "/etc/qxcontainerd/qxcontainerd.ini";
 
 /// The page lies beside the program, as the installation puts it.
@@ -28,6 +35,37 @@ std::string DefaultPage() {
     std::error_code error;
     const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
     return (program.parent_path().parent_path() / "share/qxcontainerd/page").string();
+}
+
+/// @return the text as lines of a comment
+std::string Comment(std::string text) {
+    constexpr size_t LineLength = 116;
+    std::string lines;
+    while (text.size() > LineLength) {
+        const size_t blank = text.rfind(' ', LineLength);
+        lines += "# " + text.substr(0, blank) + "\n";
+        text.erase(0, blank + 1);
+    }
+    return lines + "# " + text + "\n";
+}
+
+/// @return a configuration file with every option and what it is for
+std::string SampleConfiguration(const CLI::App& app) {
+    std::string sample = SampleHead;
+    for (const CLI::Option* const option : app.get_options()) {
+        if (!option->get_configurable()) {
+            continue;
+        }
+        std::string value = option->get_default_str();
+        if (option->get_expected_min() == 0) {
+            value = "false";
+        } else if (value.size() > 2 && value.starts_with('[')) {
+            value = value.substr(1, value.size() - 2);
+        }
+        sample +=
+            "\n" + Comment(option->get_description()) + "#" + option->get_single_name() + "=" + value + "\n";
+    }
+    return sample;
 }
 
 std::string RefusePort(std::string& text) {
@@ -72,7 +110,9 @@ void AddServerOptions(CLI::App& app, Options& options) {
     app.add_option("--key", server.key, "PEM file with the certificate's key");
     app.add_option("--tokens", options.tokens, "File in which the tokens are kept, hashed")
         ->capture_default_str();
-    app.add_option("--page", server.page, "Directory of the web page; empty for none")->capture_default_str();
+    app.add_option("--page", server.page,
+                   "Directory of the web page, by default beside the program; empty for none")
+        ->default_str("/usr/share/qxcontainerd/page");
     app.add_option("--max-clients", server.clients, "Connections at a time")
         ->check(CLI::Range(1, 10000))
         ->capture_default_str();
@@ -115,17 +155,20 @@ std::optional<int> ReadOptions(int argc, char** argv, Options& options) {
 
     CLI::App app{Help, "qxcontainerd"};
     app.set_config("--config", Configuration, "INI file with any of these options, without their hyphens");
+    // Brackets belong to addresses, not to lists.
+    app.get_config_formatter_base()->arrayBounds('\x02', '\x03');
     app.allow_config_extras(CLI::config_extras_mode::error);
-    app.set_version_flag("--version", QX_DAEMON_VERSION);
+    app.get_config_ptr()->configurable(false);
+    app.get_help_ptr()->configurable(false);
+    app.set_version_flag("--version", QX_DAEMON_VERSION)->configurable(false);
+    bool printsSample = false;
+    app.add_flag("--print-config", printsSample, "Print a configuration file with every option, and end")
+        ->configurable(false);
     app.add_flag("--enable", options.enable, "Switch the container service on, also for later starts");
     app.add_option("--tcp-port", options.tcpPort,
                    "TCP port of Podman's own REST service; 0 for none. Kept in the settings.")
         ->check(CLI::Validator(RefusePort, "PORT"));
     app.add_option("--cores", options.cores, "Number of CPU cores for containers. Kept in the settings.");
-    app.add_option(
-        "--log-port", options.logPort,
-        "Also serve raw logs, frame by frame as Podman sends them, to WebSocket clients of this machine on "
-        "that TCP port; 0 takes a free one and tells which");
     app.add_option("--messages", options.messages, "The message manager's file")->capture_default_str();
     AddServerOptions(app, options);
     AddKeeperOptions(app, options);
@@ -133,6 +176,10 @@ std::optional<int> ReadOptions(int argc, char** argv, Options& options) {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? 0 : BadUsage;
+    }
+    if (printsSample) {
+        std::fputs(SampleConfiguration(app).c_str(), stdout);
+        return 0;
     }
     std::erase(options.server.listen, "none");
     return std::nullopt;

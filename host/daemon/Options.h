@@ -17,7 +17,6 @@ struct Options {
     bool enable = false;
     std::optional<unsigned> tcpPort;
     std::optional<unsigned> cores;
-    std::optional<unsigned short> logPort;  ///< of the raw log endpoint
 };
 
 /// Reads the command line and the configuration file.

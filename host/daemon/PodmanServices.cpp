@@ -4,6 +4,7 @@
 
 #include <signal.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <filesystem>
 #include <fstream>
@@ -57,6 +58,14 @@ int ForEachPodmanService(Function function) {
 int KillPodmanServices() {
     return ForEachPodmanService(
         [](int process) { return syscall(SYS_pidfd_send_signal, process, SIGKILL, nullptr, 0) == 0; });
+}
+
+int EndPodmanServices() {
+    return ForEachPodmanService([](int process) {
+        siginfo_t end{};
+        return syscall(SYS_pidfd_send_signal, process, SIGKILL, nullptr, 0) == 0 &&
+               waitid(P_PIDFD, static_cast<id_t>(process), &end, WEXITED) == 0;
+    });
 }
 
 int CountPodmanServices() {

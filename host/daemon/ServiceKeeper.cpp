@@ -21,6 +21,7 @@ namespace {
 constexpr std::chrono::milliseconds FirstQuestions{100};
 constexpr std::chrono::milliseconds TimeForMessages{
     200};  ///< between an end and the library's message about it
+constexpr std::chrono::seconds KillPause{1};
 constexpr unsigned HighestPort = 65535;
 
 std::string WhyNotInitialised(const QxCContainer& service) {
@@ -213,22 +214,30 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
 }
 
 Task<void> ServiceKeeper::StopLibrary() {
-    // A Podman that hangs does not hear the library's SIGTERM, and the library waits for its end.
-    const auto timer = std::make_shared<asio::steady_timer>(_io, _options.termGrace);
-    timer->async_wait([timer](const boost::system::error_code& error) {
-        if (!error) {
-            KillPodmanServices();
-        }
-    });
+    const auto stopping = std::make_shared<Stopping>();
+    asio::co_spawn(_io, KillWhatHangs(stopping), asio::detached);
     co_await OnControlThread([this] {
         if (_isStarted) {
             _service->Stop();
             _isStarted = false;
+            // The library does not wait for long for a service that it has not begun to watch.
+            EndPodmanServices();
         }
     });
-    timer->cancel();
     _isAnswering = false;
     _startedAt.reset();
+}
+
+/// A Podman that hangs does not hear the library's SIGTERM, and the library waits for its end.
+Task<void> ServiceKeeper::KillWhatHangs(std::weak_ptr<Stopping> stopping) {
+    asio::steady_timer timer(_io, _options.termGrace);
+    co_await timer.async_wait(asio::use_awaitable);
+    // More than once: the kernel's list of children may miss one while another ends.
+    while (!stopping.expired()) {
+        KillPodmanServices();
+        timer.expires_after(KillPause);
+        co_await timer.async_wait(asio::use_awaitable);
+    }
 }
 
 Task<void> ServiceKeeper::AwaitFirstAnswer() {

@@ -11,6 +11,7 @@
 #include <boost/asio/thread_pool.hpp>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -96,6 +97,8 @@ private:
     void CheckIdle() const;
     QxNHttp::Task<void> StartLibrary(bool isRestart);
     QxNHttp::Task<void> StopLibrary();
+    struct Stopping {};  ///< lives while the library's Stop() is going on
+    QxNHttp::Task<void> KillWhatHangs(std::weak_ptr<Stopping> stopping);
     std::string PrepareAndStart(bool isRestart);
     QxNHttp::Task<void> AwaitFirstAnswer();
     QxNHttp::Task<Answer> Ask();

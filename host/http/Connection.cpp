@@ -105,10 +105,12 @@ public:
             auto& body = parser->get().body();
             body.data = piece.data();
             body.size = piece.size();
-            Deadline(_ground.options.idleTimeout);
             beast::error_code error;
-            co_await http::async_read(_stream, _input, *parser,
-                                      asio::redirect_error(asio::use_awaitable, error));
+            while (!error && !parser->is_done()) {
+                Deadline(_ground.options.idleTimeout);
+                co_await http::async_read_some(_stream, _input, *parser,
+                                               asio::redirect_error(asio::use_awaitable, error));
+            }
             if (error && error != http::error::need_buffer) {
                 FailBody(error, limit);
             }
@@ -135,6 +137,7 @@ private:
         try {
             TakeHeader(request);
             if (!IsForApi(request)) {
+                allow = "GET, HEAD";
                 reply = PageFile(_ground.options.page, request);
             } else {
                 co_await Handle(Admit(request, allow), request, reply, stream);
@@ -195,13 +198,16 @@ private:
                                       std::to_string(_ground.options.largestTarget) + " bytes.")),
                 false);
         }
-        const bool isMalformed = error.category() == beast::error_code(http::error::bad_method).category() &&
-                                 error != http::error::end_of_stream && error != http::error::partial_message;
-        if (isMalformed) {
+        if (IsMalformed(error)) {
             co_return co_await Send(Reply::Of(Problem(Status::bad_request, "This is no HTTP request.")),
                                     false);
         }
         co_return false;
+    }
+
+    static bool IsMalformed(const beast::error_code& error) {
+        return error.category() == beast::error_code(http::error::bad_method).category() &&
+               error != http::error::end_of_stream && error != http::error::partial_message;
     }
 
     void TakeHeader(Request& request) {
@@ -210,15 +216,26 @@ private:
         _contentLength = _header->content_length() ? std::optional<std::uint64_t>(*_header->content_length())
                                                    : std::nullopt;
         _isBodyRead = _header->is_done();
-        _expectsContinue = beast::iequals(header[http::field::expect], "100-continue");
+        _knowsChunks = header.version() >= 11;
+        _expectsContinue = _knowsChunks && beast::iequals(header[http::field::expect], "100-continue");
         request.method = header.method();
         request.body = this;
         request.wantsWebSocket = websocket::is_upgrade(header);
+        CheckCoding(header);
         CheckSender(header);
         if (!ParseTarget(View(header.target()), request)) {
             throw Problem(Status::bad_request, "The request's address is malformed.");
         }
         request.client = ClientOf(header);
+    }
+
+    /// Refuses bodies whose end nobody can tell: what follows would be taken for the next request.
+    void CheckCoding(const http::request<http::empty_body>& header) {
+        if (header.count(http::field::transfer_encoding) > 0 &&
+            !beast::iequals(header[http::field::transfer_encoding], "chunked")) {
+            _isKeptAlive = false;
+            throw Problem(Status::bad_request, "The only transfer coding known here is 'chunked'.");
+        }
     }
 
     /// Refuses what came through another site's page or another host's name. Browsers attach our cookie to both.
@@ -241,9 +258,10 @@ private:
     }
 
     bool IsOurName(std::string_view host) const {
-        return IsLoopbackName(host) || host == _origin.address ||
-               std::find(_ground.options.hosts.begin(), _ground.options.hosts.end(), host) !=
-                   _ground.options.hosts.end();
+        const auto& hosts = _ground.options.hosts;
+        return IsLoopbackName(host) || IsSameHost(host, _origin.address) ||
+               std::any_of(hosts.begin(), hosts.end(),
+                           [&](const std::string& name) { return IsSameHost(host, name); });
     }
 
     Client ClientOf(const http::request<http::empty_body>& header) const {
@@ -304,6 +322,9 @@ private:
         if (error == http::error::body_limit) {
             throw TooLong(limit);
         }
+        if (IsMalformed(error)) {
+            throw Problem(Status::bad_request, "The request's body is malformed.");
+        }
         throw boost::system::system_error(error);
     }
 
@@ -315,6 +336,8 @@ private:
             reply.headers.emplace_back("Allow", allow);
         } else if (problem.status == Status::unauthorized) {
             reply.headers.emplace_back("WWW-Authenticate", "Bearer");
+        } else if (problem.status == Status::upgrade_required) {
+            reply.headers.emplace_back("Upgrade", "websocket");
         }
         return reply;
     }
@@ -348,7 +371,7 @@ private:
         _isKeptAlive = _isKeptAlive && _isBodyRead;
         beast::error_code error;
         if (reply.producer) {
-            co_await SendProduced(reply, error);
+            co_await SendProduced(reply, isHead, error);
         } else if (reply.file.IsOpen()) {
             auto message = Begin<http::file_body>(reply);
             http::file_body::file_type file;
@@ -386,8 +409,12 @@ private:
         Task<void> Write(std::string piece) override {
             if (!piece.empty()) {
                 _session.Deadline(_session._ground.options.idleTimeout);
-                co_await asio::async_write(_session._stream, http::make_chunk(asio::buffer(piece)),
-                                           asio::use_awaitable);
+                if (_session._knowsChunks) {
+                    co_await asio::async_write(_session._stream, http::make_chunk(asio::buffer(piece)),
+                                               asio::use_awaitable);
+                } else {
+                    co_await asio::async_write(_session._stream, asio::buffer(piece), asio::use_awaitable);
+                }
             }
         }
 
@@ -395,14 +422,16 @@ private:
         Session& _session;
     };
 
-    Task<void> SendProduced(const Reply& reply, beast::error_code& error) {
+    Task<void> SendProduced(const Reply& reply, bool isHead, beast::error_code& error) {
+        // For clients of HTTP/1.0 the body ends with the connection.
+        _isKeptAlive = _isKeptAlive && _knowsChunks;
         auto message = Begin<http::empty_body>(reply);
-        message.chunked(true);
+        message.chunked(_knowsChunks);
         http::response_serializer<http::empty_body> serializer(message);
         Deadline(_ground.options.idleTimeout);
         co_await http::async_write_header(_stream, serializer,
                                           asio::redirect_error(asio::use_awaitable, error));
-        if (error) {
+        if (error || isHead) {
             co_return;
         }
         ChunkWriter writer(*this);
@@ -413,8 +442,11 @@ private:
             error = asio::error::connection_aborted;
             co_return;
         }
-        co_await asio::async_write(_stream, http::make_chunk_last(),
-                                   asio::redirect_error(asio::use_awaitable, error));
+        if (_knowsChunks) {
+            Deadline(_ground.options.idleTimeout);
+            co_await asio::async_write(_stream, http::make_chunk_last(),
+                                       asio::redirect_error(asio::use_awaitable, error));
+        }
     }
 
     /// A connection that is closed with unread input may take the answer along.
@@ -437,14 +469,31 @@ private:
         explicit Socket(Stream& stream) : ws(stream) {}
 
         Task<void> Send(std::string text) override {
+            ws.text(true);
             co_await ws.async_write(asio::buffer(text), asio::use_awaitable);
         }
 
-        Task<void> Close(std::string reason) override {
-            constexpr size_t LongestReason = 123;
-            websocket::close_reason why(websocket::close_code::normal);
-            why.reason = reason.substr(0, LongestReason);
+        Task<void> SendBinary(std::string_view bytes, bool isLast) override {
+            ws.binary(true);
+            co_await ws.async_write_some(isLast, asio::buffer(bytes), asio::use_awaitable);
+        }
+
+        void Drop() override { ws.next_layer().close(); }
+
+        Task<void> Close(std::string reason, CloseCode code) override {
+            websocket::close_reason why(code);
+            why.reason = reason.substr(0, LengthOfReason(reason));
             co_await ws.async_close(why, asio::use_awaitable);
+        }
+
+        /// A close frame has room for 123 bytes, which must be whole characters.
+        static size_t LengthOfReason(const std::string& reason) {
+            constexpr size_t LongestReason = 123;
+            size_t length = std::min(reason.size(), LongestReason);
+            while (length > 0 && length < reason.size() && (reason[length] & 0xC0) == 0x80) {
+                --length;
+            }
+            return length;
         }
 
         /// What clients send is dropped; reading answers pings and notices the end.
@@ -469,7 +518,8 @@ private:
         socket.ws.set_option(
             websocket::stream_base::decorator([](auto& message) { SetCommonHeaders(message); }));
         socket.ws.read_message_max(LargestClientMessage);
-        socket.ws.text(true);
+        // Each message goes as one frame.
+        socket.ws.auto_fragment(false);
         beast::error_code error;
         co_await socket.ws.async_accept(_header->get(), asio::redirect_error(asio::use_awaitable, error));
         if (!error) {
@@ -496,6 +546,7 @@ private:
     bool _isBodyRead = true;
     bool _isKeptAlive = false;
     bool _expectsContinue = false;
+    bool _knowsChunks = true;
 };
 
 }  // namespace
@@ -515,6 +566,7 @@ Task<void> RefuseConnection(Stream& stream) {
     http::response<http::string_body> message(reply.status, 11);
     message.set(http::field::content_type, reply.type);
     message.set(http::field::retry_after, "1");
+    SetCommonHeaders(message);
     message.keep_alive(false);
     message.body() = std::move(reply.body);
     message.prepare_payload();

@@ -6,6 +6,7 @@
 #include <boost/beast/http/fields.hpp>
 #include <boost/beast/http/status.hpp>
 #include <boost/beast/http/verb.hpp>
+#include <boost/beast/websocket/rfc6455.hpp>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -126,9 +127,15 @@ struct Reply {
 class WebSocket {
 public:
     virtual ~WebSocket() = default;
+    using CloseCode = boost::beast::websocket::close_code;
+
     virtual Task<void> Send(std::string text) = 0;
+    /// @param isLast  whether the message is complete with these bytes
+    virtual Task<void> SendBinary(std::string_view bytes, bool isLast) = 0;
     /// Says goodbye; nothing can be sent afterwards.
-    virtual Task<void> Close(std::string reason) = 0;
+    virtual Task<void> Close(std::string reason, CloseCode code = CloseCode::normal) = 0;
+    /// Ends the connection at once.
+    virtual void Drop() = 0;
 };
 
 /// Decodes percent-encoding.

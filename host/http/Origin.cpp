@@ -9,10 +9,6 @@ namespace {
 
 constexpr size_t LongestPort = 5;
 
-bool IsSame(std::string_view left, std::string_view right) {
-    return left.size() == right.size() && strncasecmp(left.data(), right.data(), left.size()) == 0;
-}
-
 bool IsPort(std::string_view text) {
     return text.empty() ||
            (text.size() > 1 && text.size() <= LongestPort + 1 && text[0] == ':' &&
@@ -31,13 +27,17 @@ std::string_view HostOf(std::string_view authority) {
     return IsPort(authority.substr(host.size())) ? host : std::string_view();
 }
 
+bool IsSameHost(std::string_view left, std::string_view right) {
+    return left.size() == right.size() && strncasecmp(left.data(), right.data(), left.size()) == 0;
+}
+
 bool IsLoopbackName(std::string_view host) {
-    return IsSame(host, "localhost") || host == "127.0.0.1" || host == "[::1]";
+    return IsSameHost(host, "localhost") || host == "127.0.0.1" || host == "[::1]";
 }
 
 bool IsSameOrigin(std::string_view origin, std::string_view authority, bool isTls) {
     const std::string_view scheme = isTls ? "https://" : "http://";
-    return origin.starts_with(scheme) && IsSame(origin.substr(scheme.size()), authority);
+    return origin.starts_with(scheme) && IsSameHost(origin.substr(scheme.size()), authority);
 }
 
 }  // namespace QxNHttp

@@ -8,6 +8,9 @@ namespace QxNHttp {
 /// @return the host without the port; empty when it is malformed
 std::string_view HostOf(std::string_view authority);
 
+/// @return whether two names of hosts are the same; letters of either case are
+bool IsSameHost(std::string_view left, std::string_view right);
+
 /// @return whether the host is this machine by one of its loopback names
 bool IsLoopbackName(std::string_view host);
 

@@ -32,6 +32,7 @@ void Router::AddStream(const std::string& pattern, Right right, StreamHandler ha
 
 const Router::Route& Router::Find(Verb method, const std::vector<std::string>& segments, bool wantsWebSocket,
                                   std::string& allow) const {
+    bool isWebSocket = false;
     for (const Route& route : _routes) {
         if (!Matches(route.pattern, segments)) {
             continue;
@@ -39,10 +40,14 @@ const Router::Route& Router::Find(Verb method, const std::vector<std::string>& s
         if (route.method == method && (route.stream != nullptr) == wantsWebSocket) {
             return route;
         }
+        isWebSocket = isWebSocket || route.stream != nullptr;
         const std::string name(boost::beast::http::to_string(route.method));
         if (route.stream == nullptr && allow.find(name) == std::string::npos) {
             allow += (allow.empty() ? "" : ", ") + name;
         }
+    }
+    if (allow.empty() && isWebSocket) {
+        throw Problem(Status::upgrade_required, "This address is a WebSocket.");
     }
     if (allow.empty()) {
         throw Problem(Status::not_found,

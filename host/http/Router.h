@@ -33,7 +33,7 @@ public:
     };
 
     /// @param segments  of the path behind "/api/v1"
-    /// @throws Problem not found, or method not allowed with `allow` set to the methods that are
+    /// @throws Problem not found, upgrade required, or method not allowed with `allow` set to the methods that are
     const Route& Find(Verb method, const std::vector<std::string>& segments, bool wantsWebSocket,
                       std::string& allow) const;
 

@@ -37,6 +37,7 @@ using QxNSupport::UniqueFd;
 constexpr int Backlog = 128;
 constexpr std::chrono::milliseconds AcceptPause{100};
 constexpr mode_t SocketMode = 0660;
+constexpr unsigned long HighestPort = 65535;
 
 struct Listener {
     UniqueFd socket;
@@ -114,7 +115,8 @@ std::string PortOf(int socket) {
 
 Listener ListenOnTcp(const std::string& wanted, bool isTls, bool mayBeRemote) {
     const std::string host(HostOf(wanted));
-    if (host.empty() || host.size() + 1 >= wanted.size()) {
+    if (host.empty() || host.size() + 1 >= wanted.size() ||
+        std::stoul(wanted.substr(host.size() + 1)) > HighestPort) {
         Fail("'" + wanted + "'", "an address looks like 127.0.0.1:8089 or [::1]:8089");
     }
     const std::string plain = host.front() == '[' ? host.substr(1, host.size() - 2) : host;
@@ -162,8 +164,13 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         if (!options.socket.empty()) {
             listeners.push_back(ListenLocally(options.socket, options.socketGroup));
         }
-        for (const std::string& address : options.listen) {
-            listeners.push_back(ListenOnTcp(address, isTls, isTls && !tokens.List().empty()));
+        try {
+            for (const std::string& address : options.listen) {
+                listeners.push_back(ListenOnTcp(address, isTls, isTls && !tokens.List().empty()));
+            }
+        } catch (...) {
+            RemoveSocket();
+            throw;
         }
     }
 
@@ -250,7 +257,7 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         Stream served{asio::any_io_executor(io.get_executor())};
         if (Assign(bridged, first, AF_UNIX) && Assign(served, second, AF_UNIX)) {
             using namespace asio::experimental::awaitable_operators;
-            co_await (BridgeTls(outside, bridged, tls, options.headerTimeout) &&
+            co_await (BridgeTls(outside, bridged, tls, options.headerTimeout, options.idleTimeout) &&
                       ServeAndClose(served, origin));
         }
     }
@@ -280,6 +287,10 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
             boost::system::error_code ignored;
             stream->socket().shutdown(asio::socket_base::shutdown_both, ignored);
         }
+        RemoveSocket();
+    }
+
+    void RemoveSocket() {
         if (!options.socket.empty() && !isRemoved) {
             isRemoved = true;
             unlink(options.socket.c_str());

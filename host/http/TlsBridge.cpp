@@ -16,16 +16,34 @@ namespace {
 constexpr size_t Piece = 16 << 10;  // a record of TLS
 constexpr std::chrono::seconds GoodbyeTimeout{2};
 
-/// Passes bytes on until one side ends or fails.
-template <typename From, typename To>
-Task<void> Pump(From& from, To& to) {
+using Tls = asio::ssl::stream<Stream&>;
+
+/// Passes on what the client sends until one side ends or fails. May last: the connection knows how long it waits.
+Task<void> PumpIn(Tls& tls, Stream& inside) {
     std::vector<char> piece(Piece);
     boost::system::error_code error;
     while (!error) {
-        const size_t count = co_await from.async_read_some(asio::buffer(piece),
-                                                           asio::redirect_error(asio::use_awaitable, error));
+        tls.next_layer().expires_never();
+        const size_t count = co_await tls.async_read_some(asio::buffer(piece),
+                                                          asio::redirect_error(asio::use_awaitable, error));
         if (!error) {
-            co_await asio::async_write(to, asio::buffer(piece.data(), count),
+            co_await asio::async_write(inside, asio::buffer(piece.data(), count),
+                                       asio::redirect_error(asio::use_awaitable, error));
+        }
+    }
+}
+
+/// Passes on what the client is sent until one side ends or fails. A client that takes nothing must not last: the
+/// connection has long done when the bridge still waits.
+Task<void> PumpOut(Stream& inside, Tls& tls, std::chrono::milliseconds patience) {
+    std::vector<char> piece(Piece);
+    boost::system::error_code error;
+    while (!error) {
+        const size_t count = co_await inside.async_read_some(
+            asio::buffer(piece), asio::redirect_error(asio::use_awaitable, error));
+        if (!error) {
+            tls.next_layer().expires_after(patience);
+            co_await asio::async_write(tls, asio::buffer(piece.data(), count),
                                        asio::redirect_error(asio::use_awaitable, error));
         }
     }
@@ -34,16 +52,14 @@ Task<void> Pump(From& from, To& to) {
 }  // namespace
 
 Task<void> BridgeTls(Stream& outside, Stream& inside, asio::ssl::context& context,
-                     std::chrono::milliseconds handshake) {
+                     std::chrono::milliseconds handshake, std::chrono::milliseconds patience) {
     using namespace asio::experimental::awaitable_operators;
-    using Tls = asio::ssl::stream<Stream&>;
     Tls tls(outside, context);
     boost::system::error_code error;
     outside.expires_after(handshake);
     co_await tls.async_handshake(Tls::server, asio::redirect_error(asio::use_awaitable, error));
-    outside.expires_never();
     if (!error) {
-        co_await (Pump(tls, inside) || Pump(inside, tls));
+        co_await (PumpIn(tls, inside) || PumpOut(inside, tls, patience));
         outside.expires_after(GoodbyeTimeout);
         co_await tls.async_shutdown(asio::redirect_error(asio::use_awaitable, error));
     }

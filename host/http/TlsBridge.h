@@ -11,7 +11,8 @@ namespace QxNHttp {
 /// @param outside    connection to the client
 /// @param inside     the other end of it
 /// @param handshake  longest time for the handshake
+/// @param patience   longest time for the client to take a piece of what it is sent
 Task<void> BridgeTls(Stream& outside, Stream& inside, boost::asio::ssl::context& context,
-                     std::chrono::milliseconds handshake);
+                     std::chrono::milliseconds handshake, std::chrono::milliseconds patience);
 
 }  // namespace QxNHttp

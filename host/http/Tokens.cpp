@@ -7,6 +7,7 @@
 #include <openssl/crypto.h>
 #include <openssl/rand.h>
 #include <openssl/sha.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <algorithm>
 #include <array>
@@ -147,7 +148,7 @@ void Tokens::_Write(const std::vector<Entry>& entries) const {
     std::filesystem::create_directories(std::filesystem::path(_path).parent_path(), ignored);
     UploadedFile fresh(_path + ".new", text.size());
     QxNSupport::UniqueFd output(open(fresh.Path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    if (!output.IsOpen() ||
+    if (!output.IsOpen() || fchmod(output.Get(), 0600) != 0 ||
         write(output.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
         fsync(output.Get()) != 0) {
         FailToWrite(_path, errno);

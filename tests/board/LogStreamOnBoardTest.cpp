@@ -1,5 +1,3 @@
-#include "LogClient.h"
-#include "LogServer.h"
 #include "LogStreamClient.h"
 #include "PodmanOnBoard.h"
 
@@ -215,47 +213,6 @@ TEST_F(LogStreams, LeaveNothingAfterTwoHundred) {
     EXPECT_EQ(Children(), children);
     EXPECT_EQ(Threads(), threads);
     EXPECT_LT(ResidentKilobytes(), memory + 2048);
-}
-
-// --- To a real WebSocket ---
-
-TEST_F(LogStreams, ReachAWebSocketClientAndEndWithIt) {
-    Run("ticker", "while :; do echo tick; sleep 1; done");
-    LogServer server(service, 0);
-    LogClient client(server.Port(), "/logs/ticker?tail=0");
-    LogClient other(server.Port(), "/logs/ticker");
-
-    EXPECT_EQ(client.Next(), "tick\n");
-    EXPECT_EQ(client.Next(), "tick\n");
-    EXPECT_EQ(other.Next(), "tick\n");
-
-    const auto gone = steady_clock::now();
-    client.Vanish();
-    EXPECT_TRUE(Eventually([&] { return server.Clients() == 1; }));
-    EXPECT_THAT(steady_clock::now() - gone, Lt(Soon));
-    EXPECT_EQ(other.Next(), "tick\n");
-}
-
-TEST_F(LogStreams, TellAWebSocketClientThatThereIsNoSuchContainer) {
-    LogServer server(service, 0);
-    LogClient client(server.Port(), "/logs/ghost");
-    EXPECT_EQ(client.Next(), "");
-    EXPECT_EQ(client.Reason(), "no such container");
-}
-
-TEST_F(LogStreams, AreShownByTheCommandLineClientWithTheirDelay) {
-    Run("clock", "while :; do date +%s; sleep 0.2; done");
-    LogServer server(service, 0);
-    const std::string tool = "/opt/qx/bin/qxlogs --port " + std::to_string(server.Port());
-
-    const Outcome shown = Shell(tool + " clock --lines 3 --tail 0 --delay");
-    const Outcome missing = Shell(tool + " ghost");
-
-    EXPECT_EQ(shown.status, 0) << shown.output;
-    EXPECT_THAT(shown.output, testing::MatchesRegex("( *[0-9.]+ ms  [0-9]+\n)+"));
-    EXPECT_EQ(std::count(shown.output.begin(), shown.output.end(), '\n'), 3);
-    EXPECT_EQ(missing.status, 1);
-    EXPECT_EQ(missing.output, "qxlogs: ghost: no such container\n");
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ MAY_INCLUDE = {
     "tools": {"include", "platform/include", "support", "crp"},
     "host/http": {"include", "platform/include", "support"},
     "host/logs": {"include", "platform/include", "support"},
-    "host/ctl": {"include", "platform/include", "support", "host"},
+    "host/ctl": {"include", "platform/include", "support"},
     "host/daemon": {"include", "platform/include", "support", "host/http"},
     "host/api": {"include", "platform/include", "support", "host/http", "host/logs", "host/daemon"},
     "host": {"include", "platform/include", "support", "host/http", "host/logs", "host/daemon", "host/api"},

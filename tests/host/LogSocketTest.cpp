@@ -1,16 +1,16 @@
-#include "LogClient.h"
-#include "LogSocket.h"
 #include "LogStreamClient.h"
-#include "Sandbox.h"
+#include "TestServer.h"
+#include "api/LogSocket.h"
 
 #include <gmock/gmock.h>
 #include <atomic>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/post.hpp>
-#include <boost/beast/http/read.hpp>
-#include <future>
+#include <chrono>
 #include <thread>
 
+using QxNHttp::Request;
+using QxNHttp::Right;
+using QxNHttp::Task;
+using QxNHttp::WebSocket;
 using testing::HasSubstr;
 
 namespace {
@@ -25,31 +25,20 @@ void CountClose(const void* data, unsigned int length, QxNSmartWebApi::QxCWebSoc
     ++closes;
 }
 
-/// A LogSocket with its client; the socket's thread is the fixture's.
+/// A LogSocket with its client.
 class LogSockets : public testing::Test {
 protected:
-    LogSockets() : _work(_io.get_executor()), _acceptor(_io, {boost::asio::ip::address_v4::loopback(), 0}) {
-        std::thread connecting(
-            [this] { client = std::make_unique<LogClient>(_acceptor.local_endpoint().port(), "/"); });
-        boost::beast::tcp_stream connection(_acceptor.accept());
-        boost::beast::flat_buffer input;
-        LogSocket::Request request;
-        boost::beast::http::read(connection, input, request);
-        LogSocket::Timeouts timeouts;
-        timeouts.close = std::chrono::milliseconds(300);
-        socket = std::make_shared<LogSocket>(std::move(connection), timeouts);
-        std::promise<bool> isAccepted;
-        boost::asio::post(
-            _io, [&] { socket->Accept(request, [&](bool accepted) { isAccepted.set_value(accepted); }); });
-        _thread = std::thread([this] { _io.run(); });
-        EXPECT_TRUE(isAccepted.get_future().get());
-        connecting.join();
+    LogSockets() {
+        Route("/log", socket);
+        Route("/early", early);
+        server.Serve();
+        client = std::make_unique<WebSocketClient>(server.port, "/api/v1/log");
     }
-    ~LogSockets() override {
-        client.reset();
-        socket.reset();
-        _work.reset();
-        _thread.join();
+
+    void Route(const std::string& path, const std::shared_ptr<LogSocket>& served) {
+        server.router.AddStream(path, Right::None, [served](Request&) -> Task<QxNHttp::Router::Stream> {
+            co_return [served](WebSocket& ws) -> Task<void> { co_await served->Serve(ws); };
+        });
     }
 
     int Send(const std::string& text, int timeoutMs = -1, bool fragment = false) {
@@ -61,16 +50,14 @@ protected:
         return Sandbox::Eventually([] { return closes > 0; });
     }
 
+    TestServer server;
     LogStreamErrors errors;
-    std::unique_ptr<LogClient> client;
-    std::shared_ptr<LogSocket> socket;
-
-private:
-    boost::asio::io_context _io;
-    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> _work;
-    boost::asio::ip::tcp::acceptor _acceptor;
-    std::thread _thread;
+    std::shared_ptr<LogSocket> socket = std::make_shared<LogSocket>(server.io.get_executor());
+    std::shared_ptr<LogSocket> early = std::make_shared<LogSocket>(server.io.get_executor());
+    std::unique_ptr<WebSocketClient> client;
 };
+
+const std::string Large(50000000, 'x');
 
 TEST_F(LogSockets, SendABinaryMessageFromAnyThread) {
     std::thread sender([&] { EXPECT_EQ(Send("hello"), 0); });
@@ -86,33 +73,51 @@ TEST_F(LogSockets, SendOneMessageInParts) {
     EXPECT_EQ(client->Next(), "one message");
 }
 
-TEST_F(LogSockets, TakeMessagesFromSeveralThreadsOneByOne) {
-    std::vector<std::thread> senders;
-    for (int i = 0; i < 4; ++i) {
-        senders.emplace_back([&] {
-            for (int j = 0; j < 50; ++j) {
-                EXPECT_EQ(Send(std::string(1000, 'a')), 0);
-            }
-        });
-    }
-    for (int i = 0; i < 200; ++i) {
-        EXPECT_EQ(client->Next().size(), 1000U);
-    }
-    for (std::thread& sender : senders) {
-        sender.join();
-    }
+TEST_F(LogSockets, SendMessagesLargerThanEveryBuffer) {
+    std::thread sender([&] { EXPECT_EQ(Send(std::string(3000000, 'z')), 0); });
+    EXPECT_TRUE(client->Next() == std::string(3000000, 'z'));
+    sender.join();
+}
+
+TEST_F(LogSockets, BlockUntilTheMessageIsWritten) {
+    std::atomic<bool> isSent{false};
+    std::thread sender([&] {
+        EXPECT_EQ(Send(Large), 0);
+        isSent = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    EXPECT_FALSE(isSent);
+    EXPECT_EQ(client->Next().size(), Large.size());
+    sender.join();
+}
+
+TEST_F(LogSockets, AreWaitedForByMessagesThatComeEarlier) {
+    std::thread sender([&] {
+        EXPECT_EQ(
+            early->sendBinary(errors.list, reinterpret_cast<const unsigned char*>("early"), 5, -1, false), 0);
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    WebSocketClient late(server.port, "/api/v1/early");
+    EXPECT_EQ(late.Next(), "early");
+    sender.join();
 }
 
 TEST_F(LogSockets, FailToSendWhenTheTimeIsOverAndAreClosedThen) {
     socket->SetCloseHandler(CountClose);
-    const std::string large(50000000, 'x');
 
-    EXPECT_NE(Send(large, 200), 0);
+    EXPECT_NE(Send(Large, 200), 0);
 
     EXPECT_EQ(errors.list.getErrorCount(), 1U);
-    EXPECT_THAT(errors.list.getMessages().at(0).text, HasSubstr("The message was not sent"));
+    EXPECT_THAT(errors.list.getMessages().at(0).text,
+                HasSubstr("The message was not sent: the client takes too long"));
     EXPECT_TRUE(IsClosed());
     EXPECT_NE(Send("more"), 0);
+}
+
+TEST_F(LogSockets, FailToSendWhenNobodyWritesInTime) {
+    const auto nobody = std::make_shared<LogSocket>(server.io.get_executor());
+    EXPECT_NE(nobody->sendBinary(errors.list, reinterpret_cast<const unsigned char*>("a"), 1, 50, false), 0);
+    EXPECT_EQ(errors.list.getErrorCount(), 1U);
 }
 
 TEST_F(LogSockets, FailToSendWhenTheClientVanishesMeanwhile) {
@@ -122,10 +127,20 @@ TEST_F(LogSockets, FailToSendWhenTheClientVanishesMeanwhile) {
         client->Vanish();
     });
 
-    EXPECT_NE(Send(std::string(50000000, 'x')), 0);
+    EXPECT_NE(Send(Large), 0);
 
     vanishing.join();
     EXPECT_TRUE(IsClosed());
+    EXPECT_THAT(errors.list.getMessages().at(0).text, HasSubstr("the client has gone"));
+}
+
+TEST_F(LogSockets, FailToSendWhenTheServerEndsMeanwhile) {
+    std::thread ending([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        server.Stop();
+    });
+    EXPECT_NE(Send(Large), 0);
+    ending.join();
 }
 
 TEST_F(LogSockets, TellTheirEndExactlyOnce) {
@@ -133,7 +148,7 @@ TEST_F(LogSockets, TellTheirEndExactlyOnce) {
     client->Close();
     ASSERT_TRUE(IsClosed());
 
-    socket->Close(LogSocket::CloseCode::normal, "again");
+    socket->End(LogSocket::CloseCode::normal, "again");
     EXPECT_NE(Send("late"), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
 
@@ -141,34 +156,29 @@ TEST_F(LogSockets, TellTheirEndExactlyOnce) {
     EXPECT_EQ(closedSocket, socket.get());
 }
 
+TEST_F(LogSockets, TellTheirEndInSilence) {
+    socket->SetCloseHandler(CountClose);
+    client->Vanish();
+    EXPECT_TRUE(IsClosed());
+}
+
 TEST_F(LogSockets, TellTheirEndAlsoToWhoAsksLater) {
     client->Vanish();
     ASSERT_TRUE(Sandbox::Eventually([&] { return Send("probe") != 0; }));
     socket->SetCloseHandler(CountClose);
-    EXPECT_TRUE(IsClosed());
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(closes, 1);
+    server.Stop();
     EXPECT_EQ(closes, 1);
 }
 
 TEST_F(LogSockets, CloseWithCodeAndReason) {
     socket->SetCloseHandler(CountClose);
-    socket->Close(LogSocket::CloseCode::going_away, "bye");
+    socket->End(LogSocket::CloseCode::internal_error, "bye");
     EXPECT_EQ(client->Next(), "");
-    EXPECT_EQ(client->Code(), LogClient::CloseCode::going_away);
+    EXPECT_EQ(client->Code(), WebSocketClient::CloseCode::internal_error);
     EXPECT_EQ(client->Reason(), "bye");
     EXPECT_TRUE(IsClosed());
     EXPECT_NE(Send("late"), 0);
-}
-
-TEST_F(LogSockets, CloseAlsoWhenTheClientDoesNotAnswer) {
-    socket->SetCloseHandler(CountClose);
-    const auto begin = std::chrono::steady_clock::now();
-
-    socket->Close(LogSocket::CloseCode::normal, "bye");
-
-    EXPECT_TRUE(IsClosed());
-    EXPECT_TRUE(Sandbox::Eventually([&] { return socket.use_count() == 1; })) << "nothing waits any more";
-    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
 }
 
 }  // namespace

@@ -140,6 +140,18 @@ TEST_F(ComposeHandler, RemoveReportsTheStoppedOnesOfAProjectThatPartlyRuns) {
               ResultObject("Success", "Containers removed successfully.", "a:removing").dump());
 }
 
+TEST_F(ComposeHandler, CommandsHaveTheirNumbers) {
+    const std::pair<int, const char*> expected[] = {{1, "start"}, {2, "stop"}, {3, "create"}, {4, "rm -f"}};
+    for (const auto& [type, words] : expected) {
+        ComposeStandIn{}.Install();
+        std::filesystem::remove("/programs.log");
+
+        Execute(ComposeStandIn::FilePath("web.yaml"), type, result);
+
+        EXPECT_EQ(ComposeStandIn::CommandLines().at(1), Web + "--progress quiet " + words);
+    }
+}
+
 TEST_F(ComposeHandler, RejectsUnknownCommandsWithoutRunningAProgram) {
     ComposeStandIn{}.Install();
     for (const int type : {9, 0, 5, -1}) {

@@ -9,13 +9,16 @@
 
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 #include <cerrno>
+#include <filesystem>
 #include <fstream>
 
 using PluginMaker::Trailer;
 using testing::ElementsAre;
 using testing::IsEmpty;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -43,6 +46,33 @@ TEST_F(CrpScanner, ReadsOnlyTheLastBytesOfAFile) {
     EXPECT_TRUE(_scanner.readHeader("/t/two", header));
     EXPECT_STREQ(header.name, "b");
     EXPECT_FALSE(_scanner.readHeader("/t/behind", header));
+}
+
+TEST_F(CrpScanner, ReadsEveryFieldFromItsPlaceAndNothingElse) {
+    std::string bytes(2048, '\xEE');
+    const auto put = [&](std::size_t offset, const std::string& field) {
+        bytes.replace(offset, field.size(), field);
+    };
+    put(0, std::string("\0PRC", 4));
+    put(8, std::string("\0\x08\0\0", 4));
+    put(16, std::string("tool", 5));
+    put(80, std::string("1.2.3", 6));
+    put(112, std::string("os", 3));
+    put(784, std::string("./run", 6));
+    put(1168, "\x04\x03\x02\x81");
+    put(1176, "\x08\x07\x06\x05\x04\x03\x02\x81");
+    put(1184, std::string("\1\0\0\0", 4));
+    Sandbox::WriteFile("/t/a", bytes);
+    CrpPluginHeader header{};
+
+    ASSERT_TRUE(_scanner.readHeader("/t/a", header));
+    EXPECT_STREQ(header.name, "tool");
+    EXPECT_STREQ(header.version, "1.2.3");
+    EXPECT_STREQ(header.compatibleOs, "os");
+    EXPECT_STREQ(header.initCommand, "./run");
+    EXPECT_EQ(header.initPriority, 0x81020304U);
+    EXPECT_EQ(header.imageSize, 0x8102030405060708U);
+    EXPECT_EQ(header.pluginType, CRP_PLUGIN_TYPE_SQUASHFS);
 }
 
 TEST_F(CrpScanner, SkipsFilesShorterThanATrailerWithoutAWord) {
@@ -139,6 +169,28 @@ TEST_F(CrpScanner, OpensAFileForReadingAndForNoProgramItStarts) {
 
     EXPECT_THAT(RecordedOpens::During([&] { isRead = Reads("/t/a"); }), ElementsAre("/t/a read"));
     EXPECT_TRUE(isRead);
+}
+
+TEST_F(CrpScanner, OpensEveryFileOnceInAScan) {
+    PluginMaker::Write(InUserDir("a.crp"), Trailer("a", "1.0.0"));
+    PluginMaker::Write(InSystemDir("b.crp"), Trailer("a", "2.0.0"));
+    _scanner.scan();  // what is set up once does not count
+
+    EXPECT_THAT(RecordedOpens::During([&] { _scanner.scan(); }),
+                ElementsAre(std::string(UserDir) + " read", InUserDir("a.crp") + " read",
+                            std::string(SystemDir) + " read", InSystemDir("b.crp") + " read"));
+}
+
+TEST_F(CrpScanner, OpensNothingButRegularFiles) {
+    PluginMaker::Write(InUserDir("a.crp"), Trailer("a", "1.0.0"));
+    fs::create_directories(InUserDir("directory"));
+    fs::create_symlink("/dev/zero", InUserDir("device-link"));
+    mknod(InUserDir("device").c_str(), S_IFCHR | 0600, makedev(1, 5));
+    mkfifo(InUserDir("fifo").c_str(), 0600);
+    ScanUserDir();  // what is set up once does not count
+
+    EXPECT_THAT(RecordedOpens::During([&] { ScanUserDir(); }),
+                ElementsAre(std::string(UserDir) + " read", InUserDir("a.crp") + " read"));
 }
 
 TEST_F(CrpScanner, SkipsFilesInWhichItCannotSeek) {

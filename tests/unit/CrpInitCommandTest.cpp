@@ -83,7 +83,7 @@ TEST_F(CrpLoaderInit, RunsInTheMountPointWithThisProcesssEnvironment) {
 }
 
 TEST_F(CrpLoaderInit, PassesTheCommandToTheShellAsItIs) {
-    EXPECT_TRUE(Run("echo 'a  b' \"$0\" > /ran && true # comment"));
+    EXPECT_TRUE(Run("echo 'a  b' \"$0\" > /ran && [ /proc/$$/exe -ef /bin/sh ] # comment"));
 
     EXPECT_EQ(Sandbox::ReadFile("/ran"), "a  b sh\n");
 }

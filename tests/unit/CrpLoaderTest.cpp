@@ -414,6 +414,14 @@ TEST_F(CrpLoader, InitialisesInTheGivenOrderOneAfterTheOther) {
     EXPECT_THAT(LoopDevices::Mounts(), ElementsAre("/mnt/crp_slow", "/mnt/crp_quick", "/mnt/crp_last"));
 }
 
+TEST_F(CrpLoader, MountsAPluginOnlyWhenTheOneBeforeItIsInitialised) {
+    _loader.loadPlugins(
+        {Plugin("first", "sleep 0.1; [ ! -e /mnt/crp_second ] && echo alone > /ran"), Plugin("second")});
+
+    EXPECT_EQ(Sandbox::ReadFile("/ran"), "alone\n");
+    EXPECT_THAT(LoopDevices::Mounts(), ElementsAre("/mnt/crp_first", "/mnt/crp_second"));
+}
+
 TEST_F(CrpLoader, MountsAndInitialisesOnceMoreWhenCalledAgain) {
     const PluginInfo plugin = Plugin("x", "order.sh again");
 

@@ -16,6 +16,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <sstream>
 #include <thread>
@@ -451,6 +452,20 @@ TEST_F(CrpScanner, AnswersQueriesDuringAScan) {
         _scanner.scan();
     }
     reader.join();
+}
+
+TEST_F(CrpScanner, LocksTheListOnceForEachCallAndWithoutATimeLimit) {
+    PluginMaker::Write(InUserDir("a"), Trailer("a", "1.0.0"));
+    std::string name;
+    std::string version;
+    const std::function<void()> calls[] = {[&] { _scanner.scan(); }, [&] { _scanner.getAllPlugins(); },
+                                           [&] { _scanner.pluginExists("a", "1.0.0"); },
+                                           [&] { _scanner.findPluginByFileName("a", name, version); }};
+    for (const auto& call : calls) {
+        Recording::Forget();
+        call();
+        EXPECT_THAT(Recording::MutexCalls(), ElementsAre("lock(-1)", "unlock"));
+    }
 }
 
 // --- Queries ---

@@ -5,6 +5,7 @@
 
 #include <gmock/gmock.h>
 #include <stdexcept>
+#include <utility>
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -97,6 +98,16 @@ TEST_F(CurlHandlerOptions, OfMethodsAreResetBeforeOneIsSet) {
     EXPECT_THAT(Set(), ElementsAre("CUSTOMREQUEST=null", "POST=0", "HTTPGET=0", "POST=1"));
 }
 
+TEST_F(CurlHandlerOptions, OfMethodsBelongToTheirNumbers) {
+    static_assert(sizeof(QxCCurlHandler::MethodType) == 4);
+    const std::pair<int, const char*> expected[] = {
+        {0, "HTTPGET=1"}, {1, "POST=1"}, {2, "CUSTOMREQUEST=DELETE"}};
+    for (const auto& [number, option] : expected) {
+        curl.SetMethodType(static_cast<QxCCurlHandler::MethodType>(number));
+        EXPECT_THAT(Set(), Contains(option));
+    }
+}
+
 TEST_F(CurlHandlerOptions, OfAPostWithoutABodySayThatItIsEmpty) {
     curl.SetMethodType(QxCCurlHandler::Post);
     EXPECT_THAT(Set(), ElementsAre("CUSTOMREQUEST=null", "POST=0", "HTTPGET=0", "POST=1", "POSTFIELDSIZE=0"));
@@ -122,6 +133,28 @@ TEST_F(CurlHandlerOptions, OfTheTransferDependOnCallbackAndFlag) {
     curl.SetAbortFlag(nullptr);
     curl.Execute();
     EXPECT_THAT(Set(), ElementsAre("WRITEFUNCTION=set", "WRITEDATA=set", "perform"));
+}
+
+TEST_F(CurlHandlerOptions, AreAllSetWhenTheRequestIsAnnouncedAndNothingIsSentBefore) {
+    Recording::TheScript().logLevel = "DEBUG_VERBOSE";
+    curl.SetUrl("http://d/x");
+    curl.SetUnixSocket("/run/nobody.sock");
+    const std::atomic<bool> abort{false};
+    curl.SetAbortFlag(&abort);
+    Set();
+    int announced = 0;
+    Recording::TheScript().onEvent = [&](const std::string& event) {
+        if (event.find("Executing request") != std::string::npos) {
+            ++announced;
+            EXPECT_THAT(Set(), ElementsAre("WRITEFUNCTION=set", "WRITEDATA=set", "NOPROGRESS=0",
+                                           "XFERINFOFUNCTION=set", "XFERINFODATA=set"));
+        }
+    };
+
+    curl.Execute();
+
+    EXPECT_EQ(announced, 1);
+    EXPECT_THAT(Set(), ElementsAre("perform"));
 }
 
 TEST(CurlHandlerEnd, ClosesTheUploadFileBeforeTheHandleGoes) {

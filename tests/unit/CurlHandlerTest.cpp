@@ -45,6 +45,36 @@ TEST(CurlHandler, SendsTheRequestToTheTcpPortWhateverHostTheUrlNames) {
     EXPECT_EQ(server.Requests().at(0).Header("Host"), "board.example:8080");
 }
 
+TEST(CurlHandler, SendsTheRequestToTheUnixSocketAlsoWhenTheEnvironmentNamesAProxy) {
+    const UnixServer server;
+    setenv("http_proxy", "http://127.0.0.1:1", 1);
+    QxCCurlHandler curl;
+    curl.SetUnixSocket(SocketPath);
+    curl.SetUrl(Url);
+
+    EXPECT_EQ(curl.Execute(), "unix");
+    EXPECT_EQ(server.Requests().at(0).Target(), "/v1/things?all=true");
+}
+
+TEST(CurlHandler, AsksAProxyOfTheEnvironmentForTheTcpPortUnlessTheHostIsExcepted) {
+    const ScriptedServer proxy(ScriptedServer::Answer(403));
+    const ScriptedServer server(ScriptedServer::Answer(200, "tcp"));
+    setenv("http_proxy", ("http://127.0.0.1:" + std::to_string(proxy.Port())).c_str(), 1);
+    unsetenv("no_proxy");
+    unsetenv("NO_PROXY");
+    QxCCurlHandler curl;
+    curl.SetTcpSocket(server.Port());
+    curl.SetUrl(Url);
+
+    EXPECT_EQ(curl.Execute(), "");
+    EXPECT_EQ(proxy.Requests().at(0).line,
+              "CONNECT 127.0.0.1:" + std::to_string(server.Port()) + " HTTP/1.1");
+    EXPECT_THAT(server.Requests(), IsEmpty());
+
+    setenv("no_proxy", "board.example", 1);
+    EXPECT_EQ(curl.Execute(), "tcp");
+}
+
 TEST(CurlHandler, OfTheSocketsTheLastOneWins) {
     const UnixServer unixServer;
     const ScriptedServer tcpServer(ScriptedServer::Answer(200, "tcp"));
@@ -188,6 +218,22 @@ TEST(CurlHandler, ThePayloadStaysWhenTheMethodIsSetAfterIt) {
     curl.SetMethodType(QxCCurlHandler::Post);
 
     EXPECT_EQ(curl.Execute(), "second");
+}
+
+TEST(CurlHandler, ThePayloadWaitsWhileAnotherMethodIsSet) {
+    const ScriptedServer server(SocketPath, ScriptedServer::Echo());
+    QxCCurlHandler curl;
+    curl.SetUnixSocket(SocketPath);
+    curl.SetUrl("http://d/x");
+
+    curl.SetPayload("payload");
+    curl.SetMethodType(QxCCurlHandler::Get);
+    EXPECT_EQ(curl.Execute(), "");
+    curl.SetMethodType(QxCCurlHandler::Post);
+    EXPECT_EQ(curl.Execute(), "payload");
+
+    EXPECT_EQ(server.Requests().at(0).line, "GET /x HTTP/1.1");
+    EXPECT_EQ(server.Requests().at(1).line, "POST /x HTTP/1.1");
 }
 
 TEST(CurlHandler, APostWithoutABodySendsNoneAndLeavesStandardInputAlone) {

@@ -255,9 +255,11 @@ TEST_F(Upload, OfAFileWithoutASizeNeverReadsFromTheOneBefore) {
     Sandbox::WriteFile("/tmp/second", "7654321");
     curl.UploadFile("/tmp/first");
     CurlOptions::FailFstatAfter(0);
+    CurlOptions::Record();
 
     curl.UploadFile("/tmp/second");
 
+    EXPECT_THAT(CurlOptions::Recorded(), ElementsAre("fclose", "READDATA=set", "POSTFIELDSIZE_LARGE=0"));
     EXPECT_EQ(curl.Execute(), "");
     EXPECT_EQ(Asked().Header("Content-Length"), "0");
 }

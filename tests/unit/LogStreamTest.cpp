@@ -290,6 +290,11 @@ TEST(LogSession, OfAContainerThatCannotBeAskedReadsFrames) {
     EXPECT_FALSE(QxCContainer::GetInstance().RegisterLogStreamSession(&client, "ghost")->tty);
 }
 
+TEST(LogSession, CloseOfNoWebSocketDoesNotEvenMakeTheService) {
+    QxCContainer::LogStreamCloseHandler("ignored", 7, nullptr);
+    EXPECT_THAT(Recording::Events(), IsEmpty());
+}
+
 TEST(LogSession, TableIsFreeWhilePodmanIsAsked) {
     std::atomic<bool> mayAnswer{false};
     const ScriptedServer podman(Board::PODMAN_SOCKET, [&](ScriptedServer::Connection& connection) {

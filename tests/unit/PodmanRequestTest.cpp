@@ -290,6 +290,7 @@ INSTANTIATE_TEST_SUITE_P(
                     TtyCase{"Malformed", 200, R"({"Config": {"Tty": true})", false, ParseFailure},
                     TtyCase{"NotUtf8", 200, "{\"Config\": \"\xff\"}", false, ParseFailure},
                     TtyCase{"Empty", 200, "", false, ParseFailure},
+                    TtyCase{"Interim", 199, "", false, FailedWith("199")},
                     TtyCase{"NotFound", 404, R"({"Config": {"Tty": true}})", false, FailedWith("404")},
                     TtyCase{"Redirected", 300, R"({"Config": {"Tty": true}})", false, FailedWith("300")},
                     TtyCase{"ServerError", 500, "", false, FailedWith("500")}),

@@ -15,7 +15,7 @@ namespace {
 
 pid_t Start(const std::string& path, const std::vector<std::string>& arguments,
             const QxNSupport::SpawnActions& actions) {
-    const QxNSupport::SpawnResult program = QxNSupport::Spawn(path.c_str(), arguments, actions.Get());
+    const QxNSupport::SpawnResult program = QxNSupport::Spawn(path.c_str(), arguments, &actions);
     if (program.error != 0) {
         errno = program.error;
         ThrowSystemError("cannot start '" + path + "'");

@@ -95,7 +95,7 @@ first_life() {
 second_life() {
     headline "The service starts again${tls:+, now with certificates and a TCP port}"
     # shellcheck disable=SC2086  # no option at all without TLS
-    start_daemon --log-port 8090 ${tls:+--tcp-port 8443}
+    start_daemon ${tls:+--tcp-port 8443}
     wait_for is_watched 2
     expect "service state" running "$(state)"
     expect "came up by itself (restart=always)" "clock running" "$(podman ps --format '{{.Names}} {{.State}}')"
@@ -132,7 +132,7 @@ YAML
 
 live_log() {
     headline "The container's log, live at a WebSocket client, with the time from the container to the client"
-    LD_LIBRARY_PATH='' /opt/qx/bin/qxlogs --port 8090 --tail 0 --lines 5 --delay clock 2>&1 | sed 's/^/  /'
+    LD_LIBRARY_PATH='' /opt/qx/bin/qxctl logs --delay --tail 0 --lines 5 clock 2>&1 | sed 's/^/  /'
     expect "log came" 0 "${PIPESTATUS[0]}"
 }
 

@@ -1,11 +1,32 @@
 # shellcheck shell=bash disable=SC2154  # root is set by qx
 # Building.
 
+# The page is built by Node 18 or newer, wherever that comes from.
+has_node() {
+    command -v npm >/dev/null && node -e 'process.exit(Number(process.versions.node.split(".")[0]) >= 18 ? 0 : 1)' 2>/dev/null
+}
+
+# build_page: makes host/page/dist where sources are newer. Without a package registry the rest goes on without the page.
+build_page() {
+    local page=$root/host/page
+    has_node || install_packages host/page/packages.txt
+    if [ ! "$page/node_modules/.package-lock.json" -nt "$page/package-lock.json" ]; then
+        (step "Install what the page is built with" npm ci --prefix "$page" --no-audit --no-fund) || return 1
+    fi
+    if [ -z "$(find "$page" -path "$page/node_modules" -prune -o -path "$page/dist" -prune -o -type f -newer "$page/dist/index.html" -print 2>&1 | head -n 1)" ]; then
+        return 0
+    fi
+    (step "Build the web page" npm run --prefix "$page" build)
+}
+
 # build PRESET [TARGET...]
 build() {
     local preset=$1
     shift
     install_packages packages.txt
+    if [ "$preset" = release ]; then
+        build_page || say "The web page could not be built; everything else goes on without it."
+    fi
     step "Configure $preset" cmake --preset "$preset"
     step "Build $preset" cmake --build --preset "$preset" ${1:+--target "$@"}
 }

@@ -27,6 +27,16 @@ network 10
 LIST
 }
 
+# show_page BOARD: makes the page of the daemon there reachable on this machine, and says where.
+show_page() {
+    local port token
+    coproc FORWARD { exec setsid board/board forward --listen 8089 "$1" 8089 2>/dev/null; }
+    read -r port <&"${FORWARD[0]}" || return 0
+    token=$(board/board exec "$1" -- /opt/qx/bin/qxctl token create --act demo)
+    say "The web page, with a token that may act:"
+    say "  http://127.0.0.1:$port/#token=$token"
+}
+
 task_demo() {
     local stay='' suite=auto name="demo-$$" status=0
     while [ $# -gt 0 ]; do
@@ -56,6 +66,7 @@ task_demo() {
     [ -n "$stay" ] || trap "board/board down '$name' >/dev/null 2>&1" EXIT
     board/board exec "$name" -- /opt/qx/share/demo/on-board.sh "$stay" || status=$?
     if [ -n "$stay" ]; then
+        show_page "$name"
         say "The board stays up. Look around with:  ./qx board shell $name"
         say "Remove it with:                        ./qx board down $name"
     fi

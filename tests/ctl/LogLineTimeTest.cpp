@@ -1,4 +1,4 @@
-#include "host/LogLineTime.h"
+#include "LogLineTime.h"
 
 #include <gtest/gtest.h>
 

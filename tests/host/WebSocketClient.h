@@ -9,14 +9,20 @@
 #include <string>
 
 /// A WebSocket client of a test; everything blocks.
-class LogClient {
+class WebSocketClient {
 public:
     using Socket = boost::asio::ip::tcp::socket;
     using CloseCode = boost::beast::websocket::close_code;
 
     /// Connects; throws when the server refuses.
-    LogClient(unsigned short port, const std::string& target) : _stream(_io) {
+    WebSocketClient(unsigned short port, const std::string& target, const std::string& token = {})
+        : _stream(_io) {
+        if (!token.empty()) {
+            _stream.set_option(boost::beast::websocket::stream_base::decorator(
+                [token](auto& request) { request.set("Authorization", "Bearer " + token); }));
+        }
         Tcp().connect({boost::asio::ip::address_v4::loopback(), port});
+        _stream.read_message_max(0);
         _stream.handshake("127.0.0.1:" + std::to_string(port), target);
     }
 
@@ -57,7 +63,7 @@ private:
 /// @return the answer to bytes sent over a plain connection
 inline std::string AskPlainly(unsigned short port, const std::string& request) {
     boost::asio::io_context io;
-    LogClient::Socket socket(io);
+    WebSocketClient::Socket socket(io);
     socket.connect({boost::asio::ip::address_v4::loopback(), port});
     boost::system::error_code error;
     boost::asio::write(socket, boost::asio::buffer(request), error);
