@@ -86,7 +86,7 @@ QxNSupport::SpawnResult Start(const char* path, char* const* argv, const OutputP
     actions.Duplicate(standardError.writeEnd.Get(), STDERR_FILENO);
     actions.Close(standardOutput.readEnd.Get());
     actions.Close(standardError.readEnd.Get());
-    return QxNSupport::Spawn(path, argv, actions.Get());
+    return QxNSupport::Spawn(path, argv, &actions);
 }
 
 std::string CommandLine(const char* path, char* const* argv) {

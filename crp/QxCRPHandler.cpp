@@ -4,11 +4,11 @@
 #include "crp/PluginHeader.h"
 #include "crp/PluginSelection.h"
 #include "support/Log.h"
+#include "support/OutputFile.h"
 #include "support/Text.h"
 
 #include <sys/stat.h>
 #include <filesystem>
-#include <fstream>
 
 namespace CRP {
 
@@ -127,13 +127,15 @@ bool QxCRPHandler::writeConfig(const json& config) const {
                         error.message().c_str());
         return false;
     }
-    std::ofstream file(_configFile, std::ios::trunc);
+    // Before the file is emptied: when memory runs out here, the configuration stays as it was.
+    const std::string text = config.dump(4, ' ', false, json::Utf8ErrorMode::Replace);
+    QxNSupport::OutputFile file(_configFile);
     if (!file) {
         QxCRTE_LOG_Impl(RteLogLevel::Error, "%s Failed to open config file '%s' for writing", Tag,
                         _configFile.c_str());
         return false;
     }
-    file << config.dump(4, ' ', false, json::Utf8ErrorMode::Replace);
+    file << text;
     // Without the flush a full drive would only show when the stream closes, which reports to nobody.
     file.flush();
     if (!file) {
@@ -187,7 +189,10 @@ int QxCRPHandler::addPluginToConfig(const std::string& name, const std::string& 
             return NothingToDo;
         }
     }
-    list.push_back({{"name", trimmedName}, {"version", version}});
+    json entry = json::object();
+    entry["name"] = trimmedName;
+    entry["version"] = version;
+    list.push_back(std::move(entry));
     if (!_writeEdited(config)) {
         return FileFailed;
     }

@@ -4,10 +4,10 @@
 #include "podman/UserStorage.h"
 #include "support/ErrorListScope.h"
 #include "support/Log.h"
+#include "support/OutputFile.h"
 
 #include <unistd.h>
 #include <cstring>
-#include <fstream>
 #include <utility>
 
 namespace QxNContainer {
@@ -80,7 +80,8 @@ void QxCWriteThroughCacheGuard::SetBlockDeviceWriteCache(const std::string& sysf
     if (sysfsPath.empty()) {
         return;
     }
-    std::ofstream attribute(sysfsPath);
+    // Takes no memory, so that nothing is thrown: the guard's destructor must not.
+    QxNSupport::OutputFile attribute(sysfsPath);
     attribute << mode;
     if (attribute.fail()) {
         QxCRTE_LOG_Impl(RteLogLevel::Warning, "Quolex Container Utils:Failed to set '%s' on '%s'\n", mode,

@@ -1,12 +1,13 @@
 #include "QxCContainer.h"
 #include "QxNContainerPaths.h"
 #include "support/ChildProcess.h"
+#include "support/Directory.h"
 #include "support/Log.h"
+#include "support/OutputFile.h"
 
 #include <unistd.h>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 
 namespace QxNContainer {
 
@@ -60,9 +61,9 @@ int QxCContainer::SymlinkContainerTools() {
     Link("/bin/docker-compose", DOCKER_COMPOSE);
 
     CreateIfMissing(CniPluginLinks);
-    for (const fs::directory_entry& plugin : fs::directory_iterator(CNI_PLUGINS)) {
-        Link(std::string(CniPluginLinks) + "/" + plugin.path().filename().string(), plugin.path().string());
-    }
+    QxNSupport::VisitDirectory(CNI_PLUGINS, [](const std::string& plugin) {
+        Link(std::string(CniPluginLinks) + "/" + plugin, CNI_PLUGINS + "/" + plugin);
+    });
 
     CreateIfMissing("/var/lib");
     CreateIfMissing("/userstorage1/container_rte/containers");
@@ -83,7 +84,7 @@ int QxCContainer::SymlinkContainerTools() {
 void QxCContainer::ConfigureDockerHost() {
     const std::string address = "unix://" + PODMAN_SOCKET;
     QxNSupport::SetEnvironment("DOCKER_HOST", address);
-    std::ofstream("/run/QxContainerRTE.docker_host") << address;
+    QxNSupport::OutputFile("/run/QxContainerRTE.docker_host") << address;
 }
 
 }  // namespace QxNContainer

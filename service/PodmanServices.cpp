@@ -4,6 +4,7 @@
 #include "QxNContainerPaths.h"
 #include "service/PodmanProgram.h"
 #include "support/ChildProcess.h"
+#include "support/Directory.h"
 #include "support/ErrorListScope.h"
 #include "support/Log.h"
 #include "support/UniqueFd.h"
@@ -13,9 +14,12 @@
 #include <unistd.h>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
 #include <filesystem>
+#include <new>
+#include <thread>
 
 namespace QxNContainer {
 
@@ -27,7 +31,7 @@ std::atomic<std::int32_t> QxCContainer::s_TcpPodmanPid{-1};
 namespace {
 
 constexpr unsigned int UnixSocketPort = 0;
-constexpr unsigned int SettleSeconds = 2;  // what a service gets to fail at once before it is watched
+constexpr std::chrono::seconds SettleTime{2};  // what a service gets to fail at once before it is watched
 
 struct TlsFiles {
     std::string ca;
@@ -42,7 +46,7 @@ bool IsTlsWanted(const fs::path& certificates, const TlsFiles& files) {
                         "Quolex Container Utils: Certificates found, enabling TLS for Podman service.");
         return true;
     }
-    if (fs::is_directory(certificates) && !fs::is_empty(certificates)) {
+    if (fs::is_directory(certificates) && !QxNSupport::IsEmptyDirectory(certificates)) {
         QxCRTE_LOG_Impl(
             RteLogLevel::WarningNotify,
             "Quolex Container Utils: Certificates directory exists but not all required files (ca.crt, "
@@ -179,8 +183,14 @@ void* QxCContainer::ThreadHandler(void* container) {
     QxCErrorListPool* errors = manager.createErrorList(0, 1, 20, 5, 300);
     manager.setMasterErrorList(errors, -1, false);
 
-    service.StartAllContainers();
-    service.RunPodmanServices(port);
+    try {
+        service.StartAllContainers();
+        service.RunPodmanServices(port);
+    } catch (const std::bad_alloc&) {
+        // Above a thread nobody could catch it.
+        QxCRTE_LOG_Impl(RteLogLevel::Error,
+                        "Quolex Container Utils: Not enough memory for the Podman services");
+    }
 
     manager.sendErrorList(errors, 0);
     manager.clearMasterErrorList(-1);
@@ -196,7 +206,7 @@ void QxCContainer::RunPodmanServices(unsigned int port) {
     if (!StartPodmanServices(port)) {
         return;
     }
-    sleep(SettleSeconds);
+    std::this_thread::sleep_for(SettleTime);  // signals do not shorten it
 
     const pid_t unixService = s_UnixPodmanPid;
     const pid_t tcpService = s_TcpPodmanPid;

@@ -14,21 +14,43 @@ namespace QxNContainer {
 
 namespace {
 
-/// Ends a Podman service that the caller has claimed; ids that are none are passed over.
-void Terminate(pid_t service, const char* label) {
-    if (service <= 0) {
-        return;
+/// A Podman service that is claimed and told to end. The end of the scope collects it, since the monitor
+/// thread did not see it ending, also when an exception leaves the scope; ids that are none are passed over.
+class EndingService {
+public:
+    EndingService(std::atomic<std::int32_t>& id, const char* label) : _pid(id.exchange(-1)) {
+        if (_pid > 0) {
+            QxCRTE_LOG_Impl(RteLogLevel::Info, "Quolex Container Utils: Shutting down %s Podman service...",
+                            label);
+            kill(_pid, SIGTERM);
+        }
     }
-    QxCRTE_LOG_Impl(RteLogLevel::Info, "Quolex Container Utils: Shutting down %s Podman service...", label);
-    kill(service, SIGTERM);
-}
+    EndingService(const EndingService&) = delete;
+    EndingService& operator=(const EndingService&) = delete;
+    ~EndingService() {
+        if (_pid > 0) {
+            QxNSupport::ReapWithin(_pid, ReapTimeoutMs);
+        }
+    }
 
-/// Collects a service that was told to end and that the monitor thread did not see ending.
-void Reap(pid_t service) {
-    if (service > 0) {
-        QxNSupport::ReapWithin(service, ReapTimeoutMs);
+private:
+    const pid_t _pid;
+};
+
+/// Joins a thread at the end of the scope.
+class ThreadJoin {
+public:
+    explicit ThreadJoin(QxNRtosAbstraction::QxTThreadHandle& thread) : _thread(thread) {}
+    ThreadJoin(const ThreadJoin&) = delete;
+    ThreadJoin& operator=(const ThreadJoin&) = delete;
+    ~ThreadJoin() {
+        QxNRtosAbstraction::joinThread(_thread, nullptr, -1);
+        _thread = 0;
     }
-}
+
+private:
+    QxNRtosAbstraction::QxTThreadHandle& _thread;
+};
 
 }  // namespace
 
@@ -84,19 +106,14 @@ bool QxCContainer::Stop() {
     _stopRequested = true;
     QxCScannerBoardHw::setContainerRteCoresCount(0);
 
-    const pid_t unixService = s_UnixPodmanPid.exchange(-1);
-    Terminate(unixService, "Unix");
-    const pid_t tcpService = s_TcpPodmanPid.exchange(-1);
-    Terminate(tcpService, "TCP");
-
-    if (_monitorThread != 0) {
-        StopAllContainers();
-        QxNRtosAbstraction::joinThread(_monitorThread, nullptr, -1);
-        _monitorThread = 0;
+    {
+        const EndingService unixService(s_UnixPodmanPid, "Unix");
+        const EndingService tcpService(s_TcpPodmanPid, "TCP");
+        if (_monitorThread != 0) {
+            const ThreadJoin join(_monitorThread);
+            StopAllContainers();
+        }
     }
-    Reap(unixService);
-    Reap(tcpService);
-
     _settings->setState(ContainerServiceState::Stopped);
     QxCWriteThroughCacheGuard::ForceRestoreWriteBackMode();
     return true;

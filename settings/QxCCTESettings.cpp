@@ -6,6 +6,7 @@
 #include "QxNContainerPaths.h"
 #include "support/ErrorListScope.h"
 #include "support/Log.h"
+#include "support/OutputFile.h"
 
 #include <filesystem>
 #include <fstream>
@@ -152,14 +153,16 @@ void QxCCTESettings::_Read() {
 
 bool QxCCTESettings::_Write() const {
     std::filesystem::create_directories(std::filesystem::path(_filePath).parent_path());
-    std::ofstream file(_filePath, std::ios::trunc);
+    // Before the file is emptied: when memory runs out here, the settings stay as they were.
+    const std::string text = _ToJson().dump(4);
+    QxNSupport::OutputFile file(_filePath);
     if (!file) {
         QxCRTE_LOG_Impl(RteLogLevel::Error,
                         "Quolex Container Service: QxCCTESettings::Write: cannot open '%s' for writing",
                         _filePath.c_str());
         return false;
     }
-    file << _ToJson().dump(4);
+    file << text;
     // Without the flush a full drive would only show when the stream closes, which reports to nobody.
     file.flush();
     return file.good();

@@ -6,6 +6,8 @@
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <mutex>
 #include <optional>
@@ -55,7 +57,7 @@ void SetEnvironment(const char* name, const std::string& value) {
 }
 
 void SpawnActions::Discard(int descriptor) {
-    posix_spawn_file_actions_addopen(&_actions, descriptor, "/dev/null", O_WRONLY, 0);
+    Keep(posix_spawn_file_actions_addopen(&_actions, descriptor, "/dev/null", O_WRONLY, 0));
 }
 
 std::vector<char*> ArgumentVector(const std::vector<std::string>& words) {
@@ -68,16 +70,20 @@ std::vector<char*> ArgumentVector(const std::vector<std::string>& words) {
     return arguments;
 }
 
-SpawnResult Spawn(const char* path, const std::vector<std::string>& arguments,
-                  const posix_spawn_file_actions_t* actions) {
+SpawnResult Spawn(const char* path, const std::vector<std::string>& arguments, const SpawnActions* actions) {
     return Spawn(path, ArgumentVector(arguments).data(), actions);
 }
 
-SpawnResult Spawn(const char* path, char* const* arguments, const posix_spawn_file_actions_t* actions) {
+SpawnResult Spawn(const char* path, char* const* arguments, const SpawnActions* actions) {
+    SpawnResult result;
+    if (actions != nullptr && actions->Error() != 0) {
+        result.error = actions->Error();
+        return result;
+    }
     const SpawnAttributes attributes;
     const std::lock_guard lock(environmentMutex);
-    SpawnResult result;
-    result.error = posix_spawn(&result.pid, path, actions, attributes.Get(), arguments, environ);
+    result.error = posix_spawn(&result.pid, path, actions != nullptr ? actions->Get() : nullptr,
+                               attributes.Get(), arguments, environ);
     if (result.error != 0) {
         result.pid = -1;
     }
@@ -87,12 +93,16 @@ SpawnResult Spawn(const char* path, char* const* arguments, const posix_spawn_fi
 UniqueFd OpenPidfd(pid_t pid) { return UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))); }
 
 void ReapWithin(pid_t pid, int timeoutMs) {
+    using Clock = std::chrono::steady_clock;
+    const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeoutMs);
     const UniqueFd pidfd = OpenPidfd(pid);
-    if (pidfd.IsOpen()) {
+    for (Clock::time_point now = Clock::now(); waitpid(pid, nullptr, WNOHANG) == 0 && now < deadline;
+         now = Clock::now()) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - now).count();
+        // Without a descriptor this only waits a while; a signal ends it early.
         pollfd ended{pidfd.Get(), POLLIN, 0};
-        poll(&ended, 1, timeoutMs);
+        poll(&ended, 1, static_cast<int>(pidfd.IsOpen() ? left : std::min<decltype(left)>(left, 10)));
     }
-    waitpid(pid, nullptr, WNOHANG);
 }
 
 }  // namespace QxNSupport

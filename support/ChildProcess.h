@@ -22,15 +22,20 @@ public:
     SpawnActions& operator=(const SpawnActions&) = delete;
     ~SpawnActions() { posix_spawn_file_actions_destroy(&_actions); }
 
-    void Duplicate(int from, int to) { posix_spawn_file_actions_adddup2(&_actions, from, to); }
-    void Close(int descriptor) { posix_spawn_file_actions_addclose(&_actions, descriptor); }
+    void Duplicate(int from, int to) { Keep(posix_spawn_file_actions_adddup2(&_actions, from, to)); }
+    void Close(int descriptor) { Keep(posix_spawn_file_actions_addclose(&_actions, descriptor)); }
     /// Lets go of everything that the child writes there.
     void Discard(int descriptor);
 
     const posix_spawn_file_actions_t* Get() const { return &_actions; }
+    /// @return error number of the first action for which there was no memory, 0 when all are there
+    int Error() const { return _error; }
 
 private:
+    void Keep(int error) { _error = _error != 0 ? _error : error; }
+
     posix_spawn_file_actions_t _actions;
+    int _error = 0;
 };
 
 /// @return an argument vector as exec(2) wants it; the words must outlive it
@@ -45,13 +50,13 @@ struct SpawnResult {
 /// Starts a program without a shell, with this process's environment, and does not wait for it.
 /// @param path       file to execute
 /// @param arguments  argument words; the first is the program name
-/// @param actions    what happens to descriptors in the child; null for nothing
+/// @param actions    what happens to descriptors in the child; null for nothing. When one of them is missing,
+///                   the program is not started.
 SpawnResult Spawn(const char* path, const std::vector<std::string>& arguments,
-                  const posix_spawn_file_actions_t* actions = nullptr);
+                  const SpawnActions* actions = nullptr);
 
 /// The same with an argument vector that ends in a null pointer.
-SpawnResult Spawn(const char* path, char* const* arguments,
-                  const posix_spawn_file_actions_t* actions = nullptr);
+SpawnResult Spawn(const char* path, char* const* arguments, const SpawnActions* actions = nullptr);
 
 /// Opens a descriptor that becomes readable when the process ends (pidfd_open(2), Linux 5.3).
 /// @return an owner that is not open, with errno set, when that is not possible

@@ -270,7 +270,11 @@ bool createThread(QxCErrorListPool* errors, QxTThreadHandle* handle, int priorit
     if (TheScript().createThreadFails) {
         return false;
     }
-    *handle = reinterpret_cast<QxTThreadHandle>(new Thread{std::thread(function, argument)});
+    try {
+        *handle = reinterpret_cast<QxTThreadHandle>(new Thread{std::thread(function, argument)});
+    } catch (const std::system_error&) {
+        return false;
+    }
     return true;
 }
 
