@@ -55,7 +55,7 @@ void AddAdd(CLI::App& group, Tool& tool) {
     const auto options = std::make_shared<Options>();
     CLI::App* const command = AddCommand(
         group, "add",
-        "Put a plugin file onto the board, or replace it; it is loaded at the next start of the service",
+        "Put a plugin file onto the board, or replace it; it is loaded at the next start of the daemon",
         "qxctl plugin add network.crp\n"
         "qxctl plugin add --as network.crp build/network-1.2.crp");
     AddArgument(command, "FILE", options->file, "Plugin file here");
@@ -71,7 +71,7 @@ void AddAdd(CLI::App& group, Tool& tool) {
                                              .progress = &progress});
         if (!tool.json) {
             tool.Print(Printable(name) + (answer.status == 201 ? " added" : " replaced") +
-                       "; it is loaded at the next start of the service\n");
+                       "; it is loaded at the next start of the daemon\n");
         }
         return ExitCode::Fine;
     });
@@ -95,7 +95,7 @@ void AddSwitch(CLI::App& group, Tool& tool, const char* action, const char* desc
     AddArgument(command, "PLUGIN", *name, "Name of the file");
     OnCommand(command, tool, [&tool, name, action] {
         return tool.Do({.method = "POST", .target = ApiPath({"plugins", *name, action})},
-                       *name + " " + action + "d; in effect after the next start of the service");
+                       *name + " " + action + "d; in effect after the next start of the daemon");
     });
 }
 
@@ -121,8 +121,8 @@ void AddPluginCommands(CLI::App& app, Tool& tool) {
     CLI::App* const group = AddGroup(app, "plugin", "Add, remove or switch runtime plugins");
     AddAdd(*group, tool);
     AddRemove(*group, tool);
-    AddSwitch(*group, tool, "activate", "Let a plugin be loaded at the next start of the service");
+    AddSwitch(*group, tool, "activate", "Let a plugin be loaded at the next start of the daemon");
     AddSwitch(*group, tool, "deactivate",
-              "Let a plugin not be loaded any more at the next start of the service");
+              "Let a plugin not be loaded any more at the next start of the daemon");
     AddRescan(*group, tool);
 }

@@ -1,9 +1,9 @@
 #include "ServiceText.h"
 
 #include "Format.h"
+#include "LogLineTime.h"
 #include "Table.h"
 #include "Text.h"
-#include "LogLineTime.h"
 
 #include <array>
 #include <chrono>
@@ -43,12 +43,13 @@ std::string RestartsText(const Value& restarts) {
     return text;
 }
 
-Table::Cell PodmanCell(const Value& podman) {
+/// @param known  the service's problem, which need not be told twice
+Table::Cell PodmanCell(const Value& podman, const std::string& known) {
     if (Answers::Flag(podman, "answering")) {
         return {Answers::Text(podman, "version") + ", answers"};
     }
     const std::string problem = Answers::TextOrNone(podman, "problem");
-    return {"does not answer" + (problem.empty() ? "" : ": " + problem), Style::Warning};
+    return {"does not answer" + (problem.empty() || problem == known ? "" : ": " + problem), Style::Warning};
 }
 
 struct Verdict {
@@ -76,17 +77,21 @@ size_t IndexOf(const std::string& word) {
 
 std::string ServiceText(const Value& service, const Console& console) {
     const std::string state = Answers::Text(service, "state");
+    const std::string problem = Answers::TextOrNone(service, "problem");
     const std::string startedAt = Answers::TextOrNone(service, "startedAt");
     const Value& settings = Answers::Member(service, "settings");
     const Value& restarts = Answers::Member(service, "restarts");
     const long long port = Answers::Number(settings, "tcpPort");
     Table table({{}, {}});
     table.Add({{"service"}, {state, StyleOfState(state)}});
+    if (!problem.empty()) {
+        table.Add({{"problem"}, {problem, StyleOfState(state)}});
+    }
     if (!startedAt.empty()) {
         table.Add({{"started"}, {LocalTimeText(startedAt) + AgeText(startedAt)}});
     }
     table.Add({{"enabled"}, {Answers::Flag(service, "enabled") ? "yes" : "no"}});
-    table.Add({{"Podman"}, PodmanCell(Answers::Member(service, "podman"))});
+    table.Add({{"Podman"}, PodmanCell(Answers::Member(service, "podman"), problem)});
     table.Add({{"TCP port"}, {port == 0 ? "none" : std::to_string(port)}});
     table.Add({{"cores"},
                {std::to_string(Answers::Number(settings, "cores")) + " of at most " +

@@ -59,11 +59,11 @@ TEST_F(CtlPlugins, AddsOne) {
     const Result result = RunCtl({"plugin", "add", "/run/n.crp"});
 
     EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(result.output, "n.crp added; it is loaded at the next start of the service\n");
+    EXPECT_EQ(result.output, "n.crp added; it is loaded at the next start of the daemon\n");
     EXPECT_EQ(daemon.Log(), "PUT /plugins/n.crp content\n");
     EXPECT_EQ(daemon.Requests().at(0).contentType, "application/octet-stream");
     EXPECT_EQ(RunCtl({"plugin", "add", "--as", "other.crp", "/run/n.crp"}).output,
-              "other.crp replaced; it is loaded at the next start of the service\n");
+              "other.crp replaced; it is loaded at the next start of the daemon\n");
     EXPECT_EQ(RunCtl({"plugin", "add", "/run/none.crp"}).exitCode, 1);
 }
 
@@ -91,9 +91,9 @@ TEST_F(CtlPlugins, RemovesAndSwitchesThem) {
 
     EXPECT_EQ(RunCtl({"plugin", "rm", "n.crp"}).output, "n.crp deleted\n");
     EXPECT_EQ(RunCtl({"plugin", "activate", "n.crp"}).output,
-              "n.crp activated; in effect after the next start of the service\n");
+              "n.crp activated; in effect after the next start of the daemon\n");
     EXPECT_EQ(RunCtl({"plugin", "deactivate", "n.crp"}).output,
-              "n.crp deactivated; in effect after the next start of the service\n");
+              "n.crp deactivated; in effect after the next start of the daemon\n");
     EXPECT_EQ(daemon.Log(),
               "DELETE /plugins/n.crp\nPOST /plugins/n.crp/activate\nPOST /plugins/n.crp/deactivate\n");
 }

@@ -12,13 +12,13 @@ using testing::Not;
 namespace {
 
 constexpr const char* Running =
-    R"({"version":"1.2.3","enabled":true,"state":"running","startedAt":"2021-11-21T19:00:00.000Z",)"
+    R"({"version":"1.2.3","enabled":true,"state":"running","problem":"","startedAt":"2021-11-21T19:00:00.000Z",)"
     R"("settings":{"tcpPort":0,"cores":1,"maximumCores":3},)"
     R"("podman":{"answering":true,"version":"5.8.6","askedAt":"2021-11-21T19:04:00.000Z","problem":""},)"
     R"("restarts":{"policy":"on-failure","limit":5,"inARow":0,"nextAt":null,"history":[]}})";
 
 constexpr const char* Waiting =
-    R"({"version":"1.2.3","enabled":false,"state":"waiting","startedAt":null,)"
+    R"({"version":"1.2.3","enabled":false,"state":"waiting","problem":"Podman\u001b[31m is gone","startedAt":null,)"
     R"("settings":{"tcpPort":8443,"cores":0,"maximumCores":3},)"
     R"("podman":{"answering":false,"version":"","askedAt":null,"problem":"no socket"},)"
     R"("restarts":{"policy":"always","limit":5,"inARow":2,"nextAt":"2021-11-21T19:05:00Z",)"
@@ -52,6 +52,7 @@ TEST_F(CtlService, TellsWhatIsWrongWithTheService) {
 
     EXPECT_EQ(RunCtl({"status"}).output,
               "service   waiting\n"
+              "problem   Podman\uFFFD[31m is gone\n"
               "enabled   no\n"
               "Podman    does not answer: no socket\n"
               "TCP port  8443\n"
@@ -61,6 +62,18 @@ TEST_F(CtlService, TellsWhatIsWrongWithTheService) {
               "\n"
               "RESTARTED            CAUSE\n"
               "2021-11-21 19:04:00  Podman \uFFFD[31mended\n");
+}
+
+TEST_F(CtlService, TellsOnceWhatIsWrongWithServiceAndPodman) {
+    std::string service = Waiting;
+    service.replace(service.find("no socket"), std::string("no socket").size(),
+                    R"(Podman\u001b[31m is gone)");
+    daemon.On("GET /service", {200, service});
+
+    const std::string output = RunCtl({"status"}).output;
+
+    EXPECT_THAT(output, HasSubstr("problem   Podman\uFFFD[31m is gone\n"));
+    EXPECT_THAT(output, HasSubstr("Podman    does not answer\n"));
 }
 
 TEST_F(CtlService, TellsTheStatusAsItCame) {

@@ -59,6 +59,7 @@ const firstState = () => ({
         version: "1.0.0",
         enabled: true,
         state: "running",
+        problem: "",
         startedAt: new Date(Date.now() - 4_000_000).toISOString(),
         settings: { tcpPort: 0, cores: 1, maximumCores: 2 },
         podman: { answering: true, version: "5.8.6", askedAt: new Date().toISOString(), problem: "" },
@@ -687,6 +688,7 @@ export class MockDaemon {
                         throw new Answer(409, "The service is disabled. Enable it first.");
                     }
                     state.service.state = "running";
+                    state.service.problem = "";
                     state.service.startedAt = new Date().toISOString();
                     state.service.podman = { ...state.service.podman, answering: true, problem: "" };
                 } else if (second === "stop") {
@@ -694,11 +696,12 @@ export class MockDaemon {
                         this.become(container, "exited", 137);
                     }
                     state.service.state = "stopped";
+                    state.service.problem = "Somebody stopped the service.";
                     state.service.startedAt = null;
                     state.service.podman = {
                         ...state.service.podman,
                         answering: false,
-                        problem: "the service is stopped",
+                        problem: state.service.problem,
                     };
                 } else {
                     throw new Answer(404, "There is no such action.");

@@ -9,6 +9,7 @@ export const service = record({
     version: text,
     enabled: yesNo,
     state: oneOf("starting", "running", "stopping", "stopped", "waiting", "failed"),
+    problem: text,
     startedAt: orNull(text),
     settings: record({ tcpPort: whole, cores: whole, maximumCores: whole }),
     podman: record({ answering: yesNo, version: text, askedAt: orNull(text), problem: text }),

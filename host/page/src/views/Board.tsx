@@ -58,6 +58,7 @@ function ServicePart({ service }: { service: Polled<types.Service> }) {
                                 <State word={data.state} />
                             </span>
                             {data.startedAt ? <span class="aside"> for {age(data.startedAt)}</span> : null}
+                            {data.problem ? <div class="aside">{data.problem}</div> : null}
                         </dd>
                         <dt>At boot</dt>
                         <dd>{data.enabled ? "enabled" : "disabled"}</dd>
@@ -71,7 +72,7 @@ function ServicePart({ service }: { service: Polled<types.Service> }) {
                                         word={data.state === "stopped" ? "stopped" : "error"}
                                         say="does not answer"
                                     />
-                                    {data.podman.problem ? (
+                                    {data.podman.problem && data.podman.problem !== data.problem ? (
                                         <div class="aside">{data.podman.problem}</div>
                                     ) : null}
                                 </>

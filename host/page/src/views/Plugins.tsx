@@ -20,10 +20,8 @@ export function Plugins() {
         );
     const turn = (plugin: types.Plugin) => {
         const action = plugin.isDeactivated ? "activate" : "deactivate";
-        return act(
-            plugin.fileName,
-            `${plugin.fileName} ${action}d, from the next start of the service.`,
-            () => api.act(`/plugins/${segment(plugin.fileName)}/${action}`),
+        return act(plugin.fileName, `${plugin.fileName} ${action}d, from the next start of the daemon.`, () =>
+            api.act(`/plugins/${segment(plugin.fileName)}/${action}`),
         );
     };
     const remove = async (plugin: types.Plugin) => {
@@ -49,7 +47,7 @@ export function Plugins() {
                 <Upload
                     label="Upload a plugin …"
                     accept=".crp"
-                    help="It is loaded at the next start of the service."
+                    help="It is loaded at the next start of the daemon."
                     send={async (file, onProgress, signal) => {
                         if (!types.fileName.test(file.name)) {
                             throw new Problem(
@@ -112,7 +110,9 @@ export function Plugins() {
                                     />
                                     {plugin.isDeactivated ? (
                                         <div class="aside">
-                                            {plugin.isLoaded ? "off from the next start" : "deactivated"}
+                                            {plugin.isLoaded
+                                                ? "off from the daemon's next start"
+                                                : "deactivated"}
                                         </div>
                                     ) : null}
                                 </>

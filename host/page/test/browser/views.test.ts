@@ -58,6 +58,8 @@ describe("the board", () => {
         await dialog.getByRole("button", { name: "Stop the service" }).click();
         await page.getByText("Service stopped.").waitFor();
         await service.getByText("does not answer").waitFor();
+        // of the service and of Podman, but told once
+        expect(await service.getByText("Somebody stopped the service.").count()).toBe(1);
         await service.getByRole("button", { name: "Disable" }).click();
         await page.getByText("Service disabled.").waitFor();
         expectFaults(away);
@@ -66,6 +68,18 @@ describe("the board", () => {
         await service.getByRole("button", { name: "Enable" }).click();
         await service.getByRole("button", { name: "Start" }).click();
         await page.getByText("Service started.").waitFor();
+    });
+
+    mockIt("says why the service does not run, and why Podman does not answer", async () => {
+        const podman = { answering: false, version: "", askedAt: null, problem: "nobody listens" };
+        await script("set", {
+            part: "service",
+            values: { state: "failed", problem: "No <b>room</b>", podman },
+        });
+        const page = await enter("/board");
+        const service = page.getByRole("region", { name: "Service" });
+        await service.getByText("No <b>room</b>").waitFor();
+        await service.getByText("nobody listens").waitFor();
     });
 
     mockIt("says when what it shows is old, and recovers", async () => {
@@ -230,7 +244,7 @@ describe("plugins and images", () => {
     mockIt("are switched, uploaded, rescanned and deleted", async () => {
         const page = await enter("/plugins");
         await page.getByRole("button", { name: "Deactivate network.crp" }).click();
-        await page.getByText("network.crp deactivated, from the next start of the service.").waitFor();
+        await page.getByText("network.crp deactivated, from the next start of the daemon.").waitFor();
         await page.getByRole("button", { name: "Activate network.crp" }).waitFor();
         const upload = page.getByLabel("Upload a plugin");
         await upload.setInputFiles({

@@ -1,0 +1,82 @@
+#include "BoardTest.h"
+#include "QxNJson.h"
+
+#include <gmock/gmock.h>
+#include <algorithm>
+#include <sstream>
+
+using namespace OnBoard;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+namespace {
+
+/// What the daemon is installed with.
+const std::string Unit = "/opt/qx/lib/systemd/system/qxcontainerd.service";
+
+/// @return the values of a directive, of all its lines
+std::vector<std::string> Directive(const std::string& name) {
+    std::vector<std::string> values;
+    std::istringstream lines(ReadFile(Unit));
+    for (std::string line; std::getline(lines, line);) {
+        if (line.starts_with(name + "=")) {
+            std::istringstream words(line.substr(name.size() + 1));
+            values.insert(values.end(), std::istream_iterator<std::string>(words), {});
+        }
+    }
+    return values;
+}
+
+std::string Post(const std::string& endpoint, const std::string& body) {
+    return Output(
+        "curl -s -m 30 --unix-socket /run/podman/podman.sock -H 'Content-Type: application/json' -d '" +
+        body + "' http://d/v5.8.1/libpod/" + endpoint);
+}
+
+TEST(Packaging, ContainersRunWithTheUnitsCapabilities) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    std::string dropped;
+    for (std::string name : Directive("CapabilityBoundingSet")) {
+        std::erase(name, '~');
+        std::transform(name.begin(), name.end(), name.begin(), [](unsigned char c) { return tolower(c); });
+        ASSERT_TRUE(name.starts_with("cap_")) << name;
+        dropped += (dropped.empty() ? "-" : ",-") + name.substr(4);
+    }
+    ASSERT_THAT(dropped, HasSubstr("-sys_module"));
+    Shell("setpriv --bounding-set=" + dropped +
+          " -- /opt/qx/bin/qxcontainerd --enable --cores 1 >/dev/null 2>&1 & echo $! >/run/daemon.pid");
+    ASSERT_TRUE(PodmanAnswers());
+    ImportBusybox();
+
+    for (const std::string privileged : {"false", "true"}) {
+        const std::string name = "with-" + privileged;
+        Post("containers/create", R"({"image":"localhost/busybox:1","name":")" + name + R"(","privileged":)" +
+                                      privileged + R"(,"netns":{"nsmode":"none"},"command":["sh","-c",)" +
+                                      R"("grep CapBnd /proc/self/status; sleep 100"]})");
+        EXPECT_THAT(Post("containers/" + name + "/start", ""), IsEmpty());
+        EXPECT_TRUE(Eventually([&] { return !Output("podman logs " + name).empty(); }));
+        EXPECT_EQ(Output("podman inspect --format '{{.State.Status}}' " + name), "running");
+        const auto bounds = std::stoull(Output("podman logs " + name).substr(7), nullptr, 16);
+        EXPECT_EQ(bounds >> 16 & 1, 0U) << "no container loads kernel modules";
+    }
+
+    Output("kill -TERM $(cat /run/daemon.pid)");
+    EXPECT_TRUE(Eventually([] { return Processes("qxcontainerd --enable").empty(); }));
+}
+
+TEST(Packaging, TheUnitSaysWhatTheDaemonDoes) {
+    EXPECT_THAT(Directive("Type"), testing::ElementsAre("notify"));
+    EXPECT_THAT(Directive("WatchdogSec"), SizeIs(1));
+    const auto start = Directive("ExecStart");
+    ASSERT_THAT(start, Not(IsEmpty()));
+    EXPECT_EQ(start[0], "/usr/bin/qxcontainerd");
+    EXPECT_THAT(Directive("NoNewPrivileges"), IsEmpty()) << "sudo in containers";
+    for (const std::string ownFileSystem :
+         {"ProtectSystem", "PrivateTmp", "ProtectKernelModules", "PrivateMounts"}) {
+        EXPECT_THAT(Directive(ownFileSystem), IsEmpty()) << "mounts have to reach the whole board";
+    }
+}
+
+}  // namespace
