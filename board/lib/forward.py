@@ -54,8 +54,12 @@ async def forward(init: int, port: int, local: int) -> None:
     listener = listen(local)
     enter_network(init)
     places = asyncio.Semaphore(MOST_CONNECTIONS)
+    connections = set()  # the event loop itself holds tasks only weakly
 
     async def serve(reader: asyncio.StreamReader, writer: asyncio.StreamWriter) -> None:
+        task = asyncio.current_task()
+        connections.add(task)
+        task.add_done_callback(connections.discard)
         async with places:
             try:
                 there, back = await asyncio.open_connection("127.0.0.1", port)

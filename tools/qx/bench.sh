@@ -1,5 +1,10 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154  # root is set by qx
 # Benchmarks.
+
+measure_idle_daemon() { # RESULT
+    board/board run --quiet --bind "$root/build/release/stage:/opt/qx:ro" --bind "$root/bench/idle-daemon.sh:/idle-daemon:ro" -- \
+        /idle-daemon >"$1"
+}
 
 task_bench() {
     case ${1:-} in
@@ -21,6 +26,12 @@ task_bench() {
             --benchmark_filter="${1:-.}" --benchmark_out="$result" --benchmark_out_format=json
         results+=("$result")
     done
+    if [ -z "${1:-}" ]; then
+        board/board fetch --suite auto
+        step "Stage the product for the board" stage_for_board release
+        step "Measure the daemon at rest" measure_idle_daemon build/bench/idle_daemon.json
+        results+=(build/bench/idle_daemon.json)
+    fi
     python3 tools/qx/bench_table.py bench/targets.json "${results[@]}" || status=$?
     [ $status = 0 ] || die 1 "a target was missed; this machine may be busy, run it again alone before you look further"
 }

@@ -6,7 +6,8 @@ Usage: bench_table.py TARGETS RESULT...
 RESULT files are Google Benchmark's JSON with repetitions; the median counts. Benchmarks "NAME/ours..." and
 "NAME/bare..." with the same rest of the name make one row. TARGETS maps NAME, or NAME and the rest, to the greatest
 ratio allowed ("max_ratio"), the greatest time of ours ("max_ns"), or how much longer than bare ours may take
-("max_extra_ns"). Exit status 1 when a target is missed. When no filter left benchmarks out, a target without a row is
+("max_extra_ns"). A benchmark with a counter "bytes" or "count" is about that instead of time ("max_bytes",
+"max_count"). Exit status 1 when a target is missed. When no filter left benchmarks out, a target without a row is
 missed too.
 """
 
@@ -28,20 +29,35 @@ def is_filtered(results: list[dict]) -> bool:
     return any(result["context"].get("filter", ".") != "." for result in results)
 
 
-def medians(results: list[dict]) -> dict[str, float]:
-    times: dict[str, list[float]] = {}
+def measured(run: dict) -> tuple[str, float]:
+    """Returns the unit and the value of what a run is about."""
+    for unit in ("bytes", "count"):
+        if unit in run:
+            return unit, run[unit]
+    return "ns", run["real_time"] * NANOSECONDS[run["time_unit"]]
+
+
+def medians(results: list[dict]) -> dict[str, tuple[str, float]]:
+    """Unit and value of every benchmark, by its name without what the framework adds."""
+    values: dict[str, list[tuple[str, float]]] = {}
     for result in results:
         for run in result["benchmarks"]:
             if run.get("run_type") == "iteration" and not run.get("error_occurred"):
-                times.setdefault(run["run_name"], []).append(run["real_time"] * NANOSECONDS[run["time_unit"]])
-    return {name: sorted(values)[len(values) // 2] for name, values in times.items()}
+                name = re.sub(r"/(iterations:\d+|manual_time|real_time)(?=/|$)", "", run["run_name"])
+                values.setdefault(name, []).append(measured(run))
+    return {name: sorted(runs)[len(runs) // 2] for name, runs in values.items()}
 
 
-def readable(ns: float) -> str:
-    for unit, size in (("s", 1e9), ("ms", 1e6), ("us", 1e3)):
-        if ns >= size:
-            return f"{ns / size:.3g} {unit}"
-    return f"{ns:.3g} ns"
+def readable(value: float, unit: str = "ns") -> str:
+    steps = {
+        "ns": (("s", 1e9), ("ms", 1e6), ("us", 1e3), ("ns", 1)),
+        "bytes": (("MiB", 2**20), ("KiB", 2**10), ("B", 1)),
+        "count": (("", 1),),
+    }[unit]
+    for name, size in steps:
+        if value >= size or size == 1:
+            return f"{value / size:.3g} {name}".rstrip()
+    return ""
 
 
 def judge(target: dict, ours: float, bare: float | None) -> tuple[str, bool]:
@@ -49,8 +65,10 @@ def judge(target: dict, ours: float, bare: float | None) -> tuple[str, bool]:
     wanted = []
     if "max_ratio" in target:
         wanted.append((f"<= {target['max_ratio']:g}", bare and ours / bare <= target["max_ratio"]))
-    if "max_ns" in target:
-        wanted.append((f"<= {readable(target['max_ns'])}", ours <= target["max_ns"]))
+    for unit in ("ns", "bytes", "count"):
+        if f"max_{unit}" in target:
+            most = target[f"max_{unit}"]
+            wanted.append((f"<= {readable(most, unit)}", ours <= most))
     if "max_extra_ns" in target:
         wanted.append((f"<= bare + {readable(target['max_extra_ns'])}", bare and ours - bare <= target["max_extra_ns"]))
     return ", ".join(text for text, _ in wanted), all(holds for _, holds in wanted)
@@ -63,16 +81,16 @@ def main() -> int:
     missed = 0
     without_row = set(targets)
     print(f"{'what':<44} {'ours':>10} {'bare':>10} {'ratio':>7}  target")
-    for name, ours in times.items():
+    for name, (unit, ours) in times.items():
         if not re.search("/ours(?=/|$)", name):
             continue
         row = re.sub("/ours(?=/|$)", "", name, count=1)
-        bare = times.get(re.sub("/ours(?=/|$)", "/bare", name, count=1))
+        _, bare = times.get(re.sub("/ours(?=/|$)", "/bare", name, count=1), (unit, None))
         key = row if row in targets else row.split("/")[0]
         without_row.discard(key)
         wanted, holds = judge(targets.get(key, {}), ours, bare)
         missed += not holds
-        print(f"{row:<44} {readable(ours):>10} {readable(bare) if bare else '':>10} "
+        print(f"{row:<44} {readable(ours, unit):>10} {readable(bare, unit) if bare else '':>10} "
               f"{f'{ours / bare:.2f}' if bare else '':>7}  {wanted}{'' if holds else '  MISSED'}".rstrip())
     if not is_filtered(results):
         missed += len(without_row)

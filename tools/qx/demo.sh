@@ -27,14 +27,19 @@ network 10
 LIST
 }
 
-# show_page BOARD: makes the page of the daemon there reachable on this machine, and says where.
-show_page() {
-    local port token
+# reach_page BOARD: makes the page of the daemon there reachable on this machine; sets page_port.
+reach_page() {
     coproc FORWARD { exec setsid board/board forward --listen 8089 "$1" 8089 2>/dev/null; }
-    read -r port <&"${FORWARD[0]}" || return 0
-    token=$(board/board exec "$1" -- /opt/qx/bin/qxctl token create --act demo)
+    read -r page_port <&"${FORWARD[0]}"
+}
+
+# new_token BOARD NAME [--act]
+new_token() { board/board exec "$1" -- /opt/qx/bin/qxctl token create "${@:3}" "$2"; }
+
+show_page() { # BOARD
+    reach_page "$1" || return 0
     say "The web page, with a token that may act:"
-    say "  http://127.0.0.1:$port/#token=$token"
+    say "  http://127.0.0.1:$page_port/#token=$(new_token "$1" demo --act)"
 }
 
 task_demo() {

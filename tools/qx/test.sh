@@ -6,15 +6,16 @@ test_help() {
 Usage: ./qx test [--deep] [--only LABEL]
 
 Installs what is missing, builds everything and runs every test:
-  checks    layers and exported symbols
+  checks    layers, exported symbols, the promises and the interface's description
   unit      the library with a recording platform, each test in a sandbox
   platform  the Linux platform services
   tools     the command line tools
   board     the library with the real Podman, each test on a virtual board of its own
-and a few seconds of every fuzz target
+the web page's own tests, and a few seconds of every fuzz target
 
-  --deep         also runs the unit, platform and tools tests under the address, undefined behaviour and thread sanitizers,
-                 and the board tests on boards of the other suite
+  --deep         also runs the page in a browser, before a stand-in and before the daemon on a board; the unit, platform and
+                 tools tests under the address, undefined behaviour and thread sanitizers; the tests with failing calls and
+                 killed processes; and the board tests on boards of the other suite
   --only LABEL   only the tests of one label
 
 QX_BOARD_SUITE=forky or trixie in the environment chooses the suite of the boards; board/README.md tells which one is
@@ -58,6 +59,34 @@ gaps() {
     [ "$skipped" -gt "$excused" ]
 }
 
+# test_page: its parts, without a browser.
+test_page() {
+    if [ -d host/page/node_modules ] && has_node; then
+        step "Test the parts of the web page" npm --prefix host/page test
+    else
+        say "The web page is not tested: it could not be built here."
+    fi
+}
+
+# test_page_in_browser: before the stand-in, then before the daemon on a board. Pictures go to build/pictures.
+test_page_in_browser() {
+    local name="page-$$"
+    [ -x "${QX_PAGE_BROWSER:-/usr/bin/chromium}" ] || install_packages host/page/packages.txt
+    export QX_PAGE_SHOTS=$root/build/pictures
+    step "Test the web page before a stand-in" npm --prefix host/page run test:browser
+    install -D tools/demo/on-board.sh build/release/stage/share/demo/on-board.sh
+    board/board up --quiet --name "$name" --bind "$root/build/release/stage:/opt/qx:ro" >/dev/null
+    # shellcheck disable=SC2064
+    trap "board/board down '$name' >/dev/null 2>&1" EXIT
+    step "Start the daemon on a board" board/board exec "$name" -- /opt/qx/share/demo/on-board.sh stay
+    reach_page "$name"
+    QX_PAGE_URL=http://127.0.0.1:$page_port QX_PAGE_TOKEN=$(new_token "$name" act --act) \
+        QX_PAGE_LOOK_TOKEN=$(new_token "$name" look) \
+        step "Test the web page before the daemon" npm --prefix host/page run test:browser
+    board/board down "$name" >/dev/null
+    trap - EXIT
+}
+
 task_test() {
     local deep='' only=''
     while [ $# -gt 0 ]; do
@@ -81,13 +110,14 @@ task_test() {
         step "Test the virtual board itself" board/tests/run.sh
     fi
     mkdir -p build/logs
-    run_tests release --output-junit "$root/build/logs/tests.xml" ${only:+-L "$only"} 2>&1 | tee build/logs/tests.log
+    run_tests release -LE deep --output-junit "$root/build/logs/tests.xml" ${only:+-L "$only"} 2>&1 | tee build/logs/tests.log
     if gaps release build/logs/tests.log; then
         grep '\*\*\*Skipped' build/logs/tests.log >&2
         die 1 "tests were skipped that this machine can run"
     fi
     if [ -z "$only" ]; then
         step "Compare with the promises" tests/checks/behaviour.py docs/behaviour.md build/release build/logs/tests.xml
+        test_page
         run_fuzzers 5
     fi
     [ -z "$deep" ] || deep_tests "$only"
@@ -97,6 +127,10 @@ task_test() {
 # deep_tests [LABEL]
 deep_tests() {
     local preset suite
+    if [ -z "${1:-}" ]; then
+        run_tests release -L deep
+        test_page_in_browser
+    fi
     for preset in asan tsan; do
         build "$preset"
         run_tests "$preset" -L 'unit|platform|tools'

@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Runs on a board: what the daemon costs while nothing happens, in the form of a benchmark's results. Podman is not asked
+# whether it lives meanwhile, so that every wake-up is one too many.
+set -euo pipefail
+quiet_seconds=20
+
+mkdir -p /etc/quolex
+printf '[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n' >/etc/quolex/platform.ini
+/opt/qx/bin/qxcontainerd --enable --cores 1 --liveness-interval 100000 >/tmp/daemon.out 2>&1 &
+daemon=$!
+trap 'kill -TERM $daemon; wait $daemon' EXIT
+
+is_running() { grep -q 'Spawned Podman correctly' /var/log/quolex/container.log 2>/dev/null; }
+for _ in {1..300}; do
+    is_running && break
+    sleep 0.1
+done
+is_running || { cat /tmp/daemon.out >&2; exit 1; }
+sleep 3
+
+wake_ups() { cat /proc/$daemon/task/*/status | awk '/^voluntary_ctxt_switches/ { sum += $2 } END { print sum }'; }
+before=$(wake_ups)
+sleep $quiet_seconds
+count=$(($(wake_ups) - before))
+bytes=$(awk '/^VmRSS/ { print $2 * 1024 }' /proc/$daemon/status)
+cat <<JSON
+{"context": {"filter": "."}, "benchmarks": [
+  {"run_name": "IdleDaemonResident/ours", "run_type": "iteration", "bytes": $bytes},
+  {"run_name": "IdleDaemonWakeUps/ours", "run_type": "iteration", "count": $count}
+]}
+JSON
