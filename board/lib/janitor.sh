@@ -17,6 +17,9 @@ finish() {
     # The shell's "Killed" belongs to nobody.
     [[ -z ${nap:-} ]] || { kill -KILL "$nap" && wait "$nap"; } 2>/dev/null || true
     remove_board "$2" "$1"
+    # Of an owner that was stopped while it claimed the name.
+    rm -rf --one-file-system -- "$STATE_ROOT/.new-$1"
+    rmdir -- "$STATE_ROOT" 2>/dev/null || true
     remove_temp "$1"
     exit 0
 }

@@ -128,7 +128,7 @@ TEST_F(HttpWebSockets, EndWithTheirStream) {
 TEST_F(HttpWebSockets, EndAtOnceWhenDropped) {
     Serve([](WebSocket& ws) -> Task<void> {
         ws.Drop();
-        co_await Pause(milliseconds(1));
+        co_await Pause(milliseconds(100000));
     });
     HttpClient client(server.port);
     EXPECT_EQ(client.Ask(Upgrade(Address)).status, 101);

@@ -16,7 +16,9 @@
 /// The daemon's HTTP server with requests that the test gives, on a thread of its own and a free loopback port.
 class TestServer {
 public:
-    /// To be filled before Serve().
+    boost::asio::io_context io{1};
+
+    /// To be filled before Serve(). What the requests hold may belong to the loop.
     QxNHttp::Router router;
     QxNHttp::ServerOptions options;
     QxNHttp::Tokens tokens{"/tmp/tokens.json"};
@@ -55,7 +57,6 @@ public:
         return clients.get_future().get();
     }
 
-    boost::asio::io_context io{1};
     unsigned short port = 0;
 
 private:

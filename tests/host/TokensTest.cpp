@@ -124,7 +124,8 @@ TEST(TokenFiles, ForgetTokens) {
     EXPECT_FALSE(tokens.Remove("nobody"));
     EXPECT_TRUE(tokens.Remove("gone"));
     EXPECT_FALSE(tokens.Remove("gone"));
-    for (const Tokens* known : {&std::as_const(tokens), std::make_unique<const Tokens>(Path).release()}) {
+    const Tokens readAgain(Path);
+    for (const Tokens* known : {&std::as_const(tokens), &readAgain}) {
         EXPECT_EQ(known->Find(gone).right, Right::None);
         EXPECT_EQ(known->Find(kept).right, Right::Look);
     }

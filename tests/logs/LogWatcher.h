@@ -85,7 +85,7 @@ private:
             signal->condition.notify_one();
         });
         std::unique_lock lock(signal->mutex);
-        return signal->condition.wait_for(lock, std::chrono::seconds(20), [&] { return signal->isSet; });
+        return signal->condition.wait_for(lock, std::chrono::seconds(60), [&] { return signal->isSet; });
     }
 
     std::unique_ptr<LogViewer> _viewer;
