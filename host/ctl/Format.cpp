@@ -1,7 +1,7 @@
 #include "Format.h"
 
-#include "Text.h"
 #include "LogLineTime.h"
+#include "Text.h"
 
 #include <array>
 #include <cstdio>

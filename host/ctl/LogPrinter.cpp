@@ -1,7 +1,7 @@
 #include "LogPrinter.h"
 
-#include "Text.h"
 #include "LogLineTime.h"
+#include "Text.h"
 
 #include <cstdio>
 

@@ -3,10 +3,10 @@
 #include "Interruption.h"
 #include "LineSplitter.h"
 #include "LiveChannel.h"
+#include "LogLineTime.h"
 #include "LogPrinter.h"
 #include "Text.h"
 #include "Tool.h"
-#include "LogLineTime.h"
 
 #include <algorithm>
 #include <optional>

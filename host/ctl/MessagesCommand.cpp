@@ -2,10 +2,10 @@
 #include "Follow.h"
 #include "Format.h"
 #include "Interruption.h"
+#include "LogLineTime.h"
 #include "Table.h"
 #include "Text.h"
 #include "Tool.h"
-#include "LogLineTime.h"
 
 #include <optional>
 
