@@ -2,11 +2,9 @@
 
 #include "QxCComposeFileHandler.h"
 #include "QxNContainerPaths.h"
-#include "RunBenchmarks.h"
-#include "tests/sandbox/Sandbox.h"
+#include "RunInSandbox.h"
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -180,14 +178,9 @@ BENCHMARK(CaptureBare)->Name("ComposeCapture64MiB/bare")->UseRealTime()->Unit(be
 }  // namespace
 
 int main(int argc, char** argv) {
-    // The results are written relative to where the program was started, outside of the sandbox.
-    const int start = open(".", O_RDONLY | O_DIRECTORY);
-    Sandbox::Enter();
-    if (fchdir(start) != 0) {
-        return 1;
-    }
-    close(start);
-    Sandbox::WriteFile(QxNContainer::QxNContainerPaths::COMPOSE_FILES_PATH + "web.yaml", "services: {}\n");
-    Sandbox::WriteFile("/capture", std::string(CaptureSize, 'x'));
-    return RunBenchmarks(argc, argv);
+    return RunBenchmarksInSandbox(argc, argv, [] {
+        Sandbox::WriteFile(QxNContainer::QxNContainerPaths::COMPOSE_FILES_PATH + "web.yaml",
+                           "services: {}\n");
+        Sandbox::WriteFile("/capture", std::string(CaptureSize, 'x'));
+    });
 }

@@ -4,15 +4,13 @@
 #include "QxCContainer.h"
 #include "QxNContainerPaths.h"
 #include "QxNJson.h"
-#include "RunBenchmarks.h"
+#include "RunInSandbox.h"
 #include "host/api/Interface.h"
 #include "tests/host/TestServer.h"
-#include "tests/sandbox/Sandbox.h"
 #include "tests/unit/LogStreamClient.h"
 #include "tests/unit/ScriptedServer.h"
 
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <malloc.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -352,12 +350,5 @@ BENCHMARK(IdleViewers)->Name("IdleViewer/ours")->UseManualTime()->Iterations(1);
 }  // namespace
 
 int main(int argc, char** argv) {
-    // The results are written relative to where the program was started, outside of the sandbox.
-    const int start = open(".", O_RDONLY | O_DIRECTORY);
-    Sandbox::Enter();
-    if (fchdir(start) != 0) {
-        return 1;
-    }
-    close(start);
-    return RunBenchmarks(argc, argv);
+    return RunBenchmarksInSandbox(argc, argv, [] {});
 }

@@ -76,11 +76,11 @@ public:
     const QxCCTESettings::QxSUserSettings& Settings() const { return _settings; }
     bool IsAnswering() const { return _isAnswering; }
     std::string Version() const { return _podmanVersion; }
-    /// @return why the service does not run; empty when it does
     /// @return whether the service is just starting or stopping
     bool IsBusy() const { return _state == State::Starting || _state == State::Stopping; }
     /// @return whether the first start has come to something, good or bad
     bool IsSettled() const { return _state != State::Starting && (_state != State::Stopped || _isEnding); }
+    /// @return why the service does not run; empty when it does
     const std::string& TheProblem() const { return _problem; }
     unsigned Restarts() const { return _restarts; }
     QxNContainer::QxCContainer& Service() { return *_service; }

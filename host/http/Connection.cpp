@@ -39,8 +39,7 @@ constexpr const char* ApiSegments[] = {"api", "v1"};
 
 constexpr const char* ContentPolicy =
     "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; font-src 'self'; "
-    "connect-src "
-    "'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
+    "connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
 std::string_view View(beast::string_view text) { return {text.data(), text.size()}; }
 

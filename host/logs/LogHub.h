@@ -94,7 +94,7 @@ public:
     LogHub(const LogHub&) = delete;
     LogHub& operator=(const LogHub&) = delete;
     /// Ends all logs with the code "stopping" and waits for their streams: about a second. No other operation may be
-    /// going on. To be called while the service's Podman still runs.
+    /// going on. A stream waits for a Podman that hangs; once the service has been stopped there is none.
     ~LogHub();
 
     /// Either a viewer or an error.

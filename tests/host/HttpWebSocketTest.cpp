@@ -40,6 +40,17 @@ protected:
         };
     }
 
+    /// A stream whose client would have to read for long.
+    Stream SendMuch() {
+        return [this](WebSocket& ws) -> Task<void> {
+            try {
+                co_await ws.Send(std::string(100 << 20, 'x'));
+            } catch (const boost::system::system_error&) {
+                hasFailed = true;
+            }
+        };
+    }
+
     static Task<void> Pause(milliseconds time) {
         boost::asio::steady_timer timer(co_await boost::asio::this_coro::executor, time);
         co_await timer.async_wait(boost::asio::use_awaitable);
@@ -153,13 +164,7 @@ TEST_F(HttpWebSockets, EndTheirStreamWhenTheClientVanishes) {
 }
 
 TEST_F(HttpWebSockets, EndASendWhoseClientVanishes) {
-    Serve([this](WebSocket& ws) -> Task<void> {
-        try {
-            co_await ws.Send(std::string(100 << 20, 'x'));
-        } catch (const boost::system::system_error&) {
-            hasFailed = true;
-        }
-    });
+    Serve(SendMuch());
     HttpClient client(server.port);
     EXPECT_EQ(client.Ask(Upgrade(Address)).status, 101);
     std::this_thread::sleep_for(milliseconds(100));
@@ -181,13 +186,7 @@ TEST_F(HttpWebSockets, EndWhenTheClientAnswersNoPings) {
 
 TEST_F(HttpWebSockets, EndASendThatNobodyReads) {
     server.options.pingTimeout = milliseconds(600);
-    Serve([this](WebSocket& ws) -> Task<void> {
-        try {
-            co_await ws.Send(std::string(100 << 20, 'x'));
-        } catch (const boost::system::system_error&) {
-            hasFailed = true;
-        }
-    });
+    Serve(SendMuch());
     HttpClient client(server.port);
     EXPECT_EQ(client.Ask(Upgrade(Address)).status, 101);
     EXPECT_TRUE(IsDeserted());

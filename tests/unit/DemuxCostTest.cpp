@@ -1,10 +1,9 @@
 #include "LogStreamClient.h"
 #include "QxCContainer.h"
+#include "ReplacedNew.h"
 #include "podman/LogDemultiplexer.h"
 
 #include <gmock/gmock.h>
-#include <cstdlib>
-#include <new>
 
 using QxNContainer::QxCContainer;
 using QxNContainer::QxNLogStream::Demultiplex;
@@ -17,20 +16,10 @@ size_t allocatedBytes = 0;
 void* Allocate(size_t size) {
     ++allocations;
     allocatedBytes += size;
-    if (void* memory = std::malloc(size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
+    return AllocateReally(size);
 }
 
 }  // namespace
-
-void* operator new(size_t size) { return Allocate(size); }
-void* operator new[](size_t size) { return Allocate(size); }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory, size_t) noexcept { std::free(memory); }
 
 namespace {
 

@@ -6,6 +6,7 @@
 #include "FakePodman.h"
 #include "QxCContainer.h"
 #include "QxCWriteThroughCacheGuard.h"
+#include "ReplacedNew.h"
 #include "support/ChildProcess.h"
 #include "support/Directory.h"
 #include "tests/crp/FailingSystemCall.h"
@@ -42,20 +43,10 @@ void* Allocate(size_t size) {
         allocationsLeft = 0;
         throw std::bad_alloc();
     }
-    if (void* memory = std::malloc(size)) {
-        return memory;
-    }
-    throw std::bad_alloc();
+    return AllocateReally(size);
 }
 
 }  // namespace
-
-void* operator new(size_t size) { return Allocate(size); }
-void* operator new[](size_t size) { return Allocate(size); }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory, size_t) noexcept { std::free(memory); }
 
 extern "C" {
 
