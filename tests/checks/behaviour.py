@@ -12,6 +12,7 @@ import pathlib
 import re
 import subprocess
 import sys
+import tempfile
 import xml.etree.ElementTree as xml
 
 CELLS = re.compile(r"(?<!\\)\|")
@@ -31,9 +32,13 @@ def promises(table: pathlib.Path):
 
 
 def known_tests(build: str) -> set[str]:
-    listing = subprocess.run(
-        ["ctest", "--test-dir", build, "--show-only=json-v1"], check=True, capture_output=True, text=True
-    ).stdout
+    # Listing, too, begins the log of the directory anew, which may be that of the run that this is a part of; so the
+    # listing is of a directory of its own that has the build directory below it.
+    with tempfile.TemporaryDirectory() as listed:
+        pathlib.Path(listed, "CTestTestfile.cmake").write_text(f'subdirs("{pathlib.Path(build).resolve()}")\n')
+        listing = subprocess.run(
+            ["ctest", "--test-dir", listed, "--show-only=json-v1"], check=True, capture_output=True, text=True
+        ).stdout
     return {test["name"] for test in json.loads(listing)["tests"]}
 
 

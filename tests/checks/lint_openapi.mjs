@@ -15,7 +15,7 @@ try {
     if (error.code !== "MODULE_NOT_FOUND") {
         throw error;
     }
-    console.log("cannot run here: the page's tools are not installed; npm ci --prefix host/page installs them");
+    console.log("cannot run here: the page's tools are not installed; ./qx build installs them");
     process.exit(cannotRun);
 }
 const config = await linter.createConfig({ extends: ["recommended-strict"] });

@@ -10,8 +10,9 @@ has_node() {
 build_page() {
     local page=$root/host/page
     has_node || install_packages host/page/packages.txt
+    # Not "npm ci": it insists on the packages of every other platform as well, which a registry may not have.
     if [ ! "$page/node_modules/.package-lock.json" -nt "$page/package-lock.json" ]; then
-        (step "Install what the page is built with" npm ci --prefix "$page" --no-audit --no-fund) || return 1
+        (step "Install what the page is built with" npm install --no-save --prefix "$page" --no-audit --no-fund) || return 1
     fi
     if [ -z "$(find "$page" -path "$page/node_modules" -prune -o -path "$page/dist" -prune -o -type f -newer "$page/dist/index.html" -print 2>&1 | head -n 1)" ]; then
         return 0
