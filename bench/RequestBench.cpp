@@ -1,5 +1,5 @@
-// One request to Podman's socket beside libcurl doing the same with a fresh handle. Podman is a thread here
-// that gives one answer to everybody.
+// One request to Podman's socket, with a short answer and with a long one, beside libcurl doing the same with a fresh
+// handle. Podman is a thread here.
 
 #include "QxCContainer.h"
 #include "QxNContainerPaths.h"
@@ -23,7 +23,14 @@ namespace {
 using QxNContainer::QxCContainer;
 using QxNContainer::QxNContainerPaths::PODMAN_SOCKET;
 
-constexpr const char* Endpoint = "/containers/json";
+/// A question and how long its answer is.
+struct Question {
+    const char* endpoint;
+    size_t answerSize;
+};
+
+constexpr Question Short{"/containers/json", 2000};
+constexpr Question Long{"/images/export", 64 << 20};
 constexpr const char* Accept = "Accept: application/json";
 
 void Require(bool ok, const char* step) {
@@ -44,7 +51,22 @@ void MakePlaces() {
     std::filesystem::create_directories(std::filesystem::path(PODMAN_SOCKET).parent_path());
 }
 
-void AnswerOne(int client, std::string_view answer) {
+std::string AnswerTo(const Question& question) {
+    return "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(question.answerSize) + "\r\n\r\n" +
+           std::string(question.answerSize, 'x');
+}
+
+void SendAll(int client, std::string_view answer) {
+    while (!answer.empty()) {
+        const ssize_t sent = send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+        if (sent <= 0) {
+            return;
+        }
+        answer.remove_prefix(static_cast<size_t>(sent));
+    }
+}
+
+void AnswerOne(int client, std::string_view shortAnswer, std::string_view longAnswer) {
     std::string request;
     char bytes[4096];
     while (request.find("\r\n\r\n") == std::string::npos) {
@@ -54,7 +76,7 @@ void AnswerOne(int client, std::string_view answer) {
         }
         request.append(bytes, static_cast<size_t>(count));
     }
-    [[maybe_unused]] const ssize_t sent = send(client, answer.data(), answer.size(), MSG_NOSIGNAL);
+    SendAll(client, request.find(Long.endpoint) == std::string::npos ? shortAnswer : longAnswer);
     close(client);
 }
 
@@ -67,11 +89,10 @@ void StartPodman() {
     Require(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0, "bind");
     Require(listen(listener, 16) == 0, "listen");
     std::thread([listener] {
-        const std::string body(2000, 'x');
-        const std::string answer =
-            "HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+        const std::string shortAnswer = AnswerTo(Short);
+        const std::string longAnswer = AnswerTo(Long);
         for (;;) {
-            AnswerOne(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), answer);
+            AnswerOne(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC), shortAnswer, longAnswer);
         }
     }).detach();
 }
@@ -82,12 +103,12 @@ QxCContainer& Service() {
     return service;
 }
 
-void Execute(benchmark::State& state) {
+void Execute(benchmark::State& state, const Question& question) {
     QxCContainer& service = Service();
     for (auto _ : state) {
         const PodmanResponse response =
-            service.ExecutePodmanRequest(Endpoint, QxCCurlHandler::Get, {Accept}, {}, false);
-        if (response.httpCode != 200 || response.body.size() != 2000) {
+            service.ExecutePodmanRequest(question.endpoint, QxCCurlHandler::Get, {Accept}, {}, false);
+        if (response.httpCode != 200 || response.body.size() != question.answerSize) {
             state.SkipWithError("no answer");
         }
     }
@@ -98,15 +119,16 @@ size_t Append(char* data, size_t size, size_t count, void* target) {
     return size * count;
 }
 
-void BareCurl(benchmark::State& state) {
+void BareCurl(benchmark::State& state, const Question& question) {
     Service();
+    const std::string url = std::string("http://localhost/v5.8.1") + question.endpoint;
     for (auto _ : state) {
         std::string body;
         long status = 0;
         CURL* curl = curl_easy_init();
         curl_slist* headers = curl_slist_append(nullptr, Accept);
         curl_easy_setopt(curl, CURLOPT_UNIX_SOCKET_PATH, PODMAN_SOCKET.c_str());
-        curl_easy_setopt(curl, CURLOPT_URL, "http://localhost/v5.8.1/containers/json");
+        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
         curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
         curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, Append);
         curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
@@ -114,14 +136,16 @@ void BareCurl(benchmark::State& state) {
         curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
         curl_slist_free_all(headers);
         curl_easy_cleanup(curl);
-        if (status != 200 || body.size() != 2000) {
+        if (status != 200 || body.size() != question.answerSize) {
             state.SkipWithError("no answer");
         }
     }
 }
 
 // Real time: most of it passes in the other thread.
-BENCHMARK(Execute)->Name("PodmanRequest/ours")->UseRealTime();
-BENCHMARK(BareCurl)->Name("PodmanRequest/bare")->UseRealTime();
+BENCHMARK_CAPTURE(Execute, Short, Short)->Name("PodmanRequest/ours")->UseRealTime();
+BENCHMARK_CAPTURE(BareCurl, Short, Short)->Name("PodmanRequest/bare")->UseRealTime();
+BENCHMARK_CAPTURE(Execute, Long, Long)->Name("PodmanAnswerOf64MiB/ours")->UseRealTime();
+BENCHMARK_CAPTURE(BareCurl, Long, Long)->Name("PodmanAnswerOf64MiB/bare")->UseRealTime();
 
 }  // namespace

@@ -62,8 +62,7 @@ void logDuplicate(const PluginInfo& candidate, const PluginInfo& best, bool isCa
 }  // namespace
 
 QxCRPScanner::QxCRPScanner(std::string userPluginDir)
-    : _userPluginDir(std::move(userPluginDir)), _pluginsMutex(nullptr) {
-    _osRelease = readOsRelease();
+    : _userPluginDir(std::move(userPluginDir)), _osRelease(readOsRelease()), _pluginsMutex(nullptr) {
     QxCRTE_LOG_Impl(RteLogLevel::Info, "Quolex Container Runtime: Running OS release : %s",
                     _osRelease.c_str());
     QxCRTE_LOG_Impl(RteLogLevel::Info, "Quolex Container Runtime: Plugin directory   : %s",

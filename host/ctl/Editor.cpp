@@ -52,8 +52,8 @@ int RunEditor(const std::string& path) {
 
 }  // namespace
 
-EditedText::EditedText(const std::string& text, const std::string& suffix) {
-    _path = (std::filesystem::temp_directory_path() / "qxctl-XXXXXX").string() + suffix;
+EditedText::EditedText(const std::string& text, const std::string& suffix)
+    : _path((std::filesystem::temp_directory_path() / "qxctl-XXXXXX").string() + suffix) {
     const int file = mkostemps(_path.data(), static_cast<int>(suffix.size()), O_CLOEXEC);
     if (file < 0) {
         Fail("cannot make a temporary file");

@@ -149,6 +149,20 @@ Listener ListenOnTcp(const std::string& wanted, bool isTls, bool mayBeRemote) {
     return listener;
 }
 
+/// Keeps a connection in the list of those that a stop closes.
+class Listed {
+public:
+    Listed(std::list<Stream*>& streams, Stream& stream)
+        : _streams(streams), _entry(streams.insert(streams.end(), &stream)) {}
+    Listed(const Listed&) = delete;
+    Listed& operator=(const Listed&) = delete;
+    ~Listed() { _streams.erase(_entry); }
+
+private:
+    std::list<Stream*>& _streams;
+    std::list<Stream*>::iterator _entry;
+};
+
 }  // namespace
 
 /// Lives as long as a coroutine of the server runs.
@@ -236,13 +250,12 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
             co_await RefuseConnection(stream);
             co_return;
         }
-        const auto entry = streams.insert(streams.end(), &stream);
+        const Listed listed(streams, stream);
         if (origin.isTls) {
             co_await ServeWithTls(stream, origin);
         } else {
             co_await ServeConnection(stream, origin, {options, router, tokens});
         }
-        streams.erase(entry);
     }
 
     /// Connections know nothing of TLS: a bridge speaks it for them.

@@ -81,6 +81,18 @@ TEST(Services, AnswerOnTheUnixSocketUntilStop) {
     EXPECT_THAT(LogLines(), Not(Contains(HasSubstr("[ERROR]"))));
 }
 
+TEST(Services, AnswerOnASocketThatIsForRootOnly) {
+    QxCContainer& service = InitialisedService();
+    ASSERT_TRUE(service.Start());
+    ASSERT_TRUE(IsWatched());
+
+    const auto status = std::filesystem::status(PODMAN_SOCKET);
+    EXPECT_EQ(status.type(), std::filesystem::file_type::socket);
+    EXPECT_EQ(status.permissions() & std::filesystem::perms::mask,
+              std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+    service.Stop();
+}
+
 TEST(Services, BringUpContainersWithRestartPolicyAlwaysAndNoOthers) {
     const std::string run = "podman run -d --network=none --name ";
     const std::string loop = " localhost/busybox:1 sh -c 'trap \"exit 0\" TERM; while :; do sleep 1; done'";

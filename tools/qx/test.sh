@@ -116,7 +116,8 @@ task_test() {
         die 1 "tests were skipped that this machine can run"
     fi
     if [ -z "$only" ]; then
-        step "Compare with the promises" tests/checks/behaviour.py docs/behaviour.md build/release build/logs/tests.xml
+        step "Compare with the promises" tests/checks/promises.py build/release docs/behaviour.md docs/security.md \
+            --ran build/logs/tests.xml
         test_page
         run_fuzzers 5
     fi

@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
-"""Holds docs/behaviour.md to its word: every promise there names a test that exists and, after a run, that has run.
+"""Holds tables of promises to their word: every promise names a test that exists and, after a run, that has run.
 
-Usage: behaviour.py TABLE BUILD [REPORT]
-TABLE   the Markdown file; the last column of its tables names tests, each in backticks
+Usage: promises.py BUILD TABLE... [--ran REPORT]
 BUILD   the built tree, whose tests CTest lists
+TABLE   a Markdown file; the last column of its tables names tests, each in backticks
 REPORT  what ctest --output-junit wrote of a run of all tests
 """
 
+import argparse
 import json
 import pathlib
 import re
@@ -47,14 +48,17 @@ def run_tests(report: str) -> set[str]:
 
 
 def main() -> int:
-    table = pathlib.Path(sys.argv[1])
-    known = known_tests(sys.argv[2])
-    ran = run_tests(sys.argv[3]) if len(sys.argv) > 3 else None
+    arguments = argparse.ArgumentParser()
+    arguments.add_argument("build")
+    arguments.add_argument("table", type=pathlib.Path, nargs="+")
+    arguments.add_argument("--ran")
+    given = arguments.parse_args()
+    known = known_tests(given.build)
+    ran = run_tests(given.ran) if given.ran else None
     problems = []
-    rows = 0
     named = set()
-    for number, promise, tests in promises(table):
-        rows += 1
+    rows = [(table, *row) for table in given.table for row in promises(table)]
+    for table, number, promise, tests in rows:
         if not tests:
             problems.append(f"{table.name}:{number}: nothing holds this: {promise[:80]}")
         for test in tests:
@@ -66,8 +70,9 @@ def main() -> int:
             elif ran is not None and not instances & ran:
                 problems.append(f"{table.name}:{number}: {test} did not run")
     print("\n".join(problems))
-    print(f"{rows} promises, held by {len(named)} of {len(known)} tests")
-    return 1 if problems or rows == 0 else 0
+    print(f"{len(rows)} promises, held by {len(named)} of {len(known)} tests")
+    without = {table.name for table in given.table} - {table.name for table, *_ in rows}
+    return 1 if problems or without else 0
 
 
 if __name__ == "__main__":
