@@ -1,11 +1,14 @@
 #include "daemon/PodmanServices.h"
 
+#include "QxNContainerPaths.h"
 #include "support/UniqueFd.h"
 
+#include <poll.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -33,41 +36,103 @@ std::vector<pid_t> Children() {
     return children;
 }
 
-bool IsOurPodmanService(pid_t pid) {
+std::vector<pid_t> AllProcesses() {
+    std::vector<pid_t> processes;
+    std::error_code error;
+    for (fs::directory_iterator entry("/proc", error), end; !error && entry != end; entry.increment(error)) {
+        const std::string name = entry->path().filename();
+        if (name.find_first_not_of("0123456789") == std::string::npos) {
+            processes.push_back(std::stoi(name));
+        }
+    }
+    return processes;
+}
+
+/// @return whether it is a `podman system service` and a child of that process
+bool IsPodmanServiceOf(pid_t parent, pid_t pid) {
     using namespace std::string_literals;
     const std::string directory = "/proc/" + std::to_string(pid);
     return ReadAll(directory + "/cmdline").find("\0system\0service\0"s) != std::string::npos &&
-           ReadAll(directory + "/status").find("\nPPid:\t" + std::to_string(getpid()) + "\n") !=
+           ReadAll(directory + "/status").find("\nPPid:\t" + std::to_string(parent) + "\n") !=
                std::string::npos;
 }
 
-/// Calls the function with a descriptor of each, which stands for the process, whoever gets its number later.
+/// @return whether its last argument is an address that the library gives to Podman
+bool HasOurAddress(pid_t pid) {
+    using namespace std::string_literals;
+    const std::string arguments = ReadAll("/proc/" + std::to_string(pid) + "/cmdline");
+    return arguments.find("\0unix://"s + QxNContainer::QxNContainerPaths::PODMAN_SOCKET + "\0"s) !=
+               std::string::npos ||
+           arguments.find("\0tcp:0.0.0.0:"s) != std::string::npos;
+}
+
+/// @return a descriptor that stands for the process, whoever gets its number later; closed when there is none
+QxNSupport::UniqueFd Open(pid_t pid) {
+    return QxNSupport::UniqueFd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+}
+
+bool Send(int process, int signal) {
+    return syscall(SYS_pidfd_send_signal, process, signal, nullptr, 0) == 0;
+}
+
+/// Calls the function with a descriptor of each.
 /// @return for how many it returned true
 template <typename Function>
 int ForEachPodmanService(Function function) {
     int count = 0;
     for (const pid_t pid : Children()) {
-        const QxNSupport::UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
-        count += process.IsOpen() && IsOurPodmanService(pid) && function(process.Get()) ? 1 : 0;
+        const QxNSupport::UniqueFd process = Open(pid);
+        count += process.IsOpen() && IsPodmanServiceOf(getpid(), pid) && function(process.Get()) ? 1 : 0;
     }
     return count;
+}
+
+/// @return whether all of them ended in time
+bool AwaitEnds(const std::vector<QxNSupport::UniqueFd>& processes, std::chrono::milliseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    for (const QxNSupport::UniqueFd& process : processes) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        pollfd ended{process.Get(), POLLIN, 0};
+        if (poll(&ended, 1, std::max(0, static_cast<int>(left.count()))) != 1) {
+            return false;
+        }
+    }
+    return true;
 }
 
 }  // namespace
 
 int KillPodmanServices() {
-    return ForEachPodmanService(
-        [](int process) { return syscall(SYS_pidfd_send_signal, process, SIGKILL, nullptr, 0) == 0; });
+    return ForEachPodmanService([](int process) { return Send(process, SIGKILL); });
 }
 
 int EndPodmanServices() {
     return ForEachPodmanService([](int process) {
         siginfo_t end{};
-        return syscall(SYS_pidfd_send_signal, process, SIGKILL, nullptr, 0) == 0 &&
-               waitid(P_PIDFD, static_cast<id_t>(process), &end, WEXITED) == 0;
+        return Send(process, SIGKILL) && waitid(P_PIDFD, static_cast<id_t>(process), &end, WEXITED) == 0;
     });
 }
 
 int CountPodmanServices() {
     return ForEachPodmanService([](int) { return true; });
+}
+
+int EndOrphanedPodmanServices(std::chrono::milliseconds grace) {
+    constexpr pid_t FirstProcess = 1;
+    std::vector<QxNSupport::UniqueFd> orphans;
+    for (const pid_t pid : AllProcesses()) {
+        QxNSupport::UniqueFd process = Open(pid);
+        if (process.IsOpen() && IsPodmanServiceOf(FirstProcess, pid) && HasOurAddress(pid) &&
+            Send(process.Get(), SIGTERM)) {
+            orphans.push_back(std::move(process));
+        }
+    }
+    if (!AwaitEnds(orphans, grace)) {
+        for (const QxNSupport::UniqueFd& orphan : orphans) {
+            Send(orphan.Get(), SIGKILL);
+        }
+        AwaitEnds(orphans, grace);
+    }
+    return static_cast<int>(orphans.size());
 }

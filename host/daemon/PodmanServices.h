@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+
 /// Ends the `podman system service` processes among this process's children with SIGKILL; for those that do not hear
 /// SIGTERM because they hang. Nobody else's processes are touched.
 /// @return how many were signalled
@@ -12,3 +14,8 @@ int EndPodmanServices();
 
 /// @return how many `podman system service` processes are among this process's children
 int CountPodmanServices();
+
+/// Ends Podman services as the library starts them whose host is gone, so that the system's first process has them: with
+/// SIGTERM, after the time of grace with SIGKILL. Waits for their ends, but at most that time once more.
+/// @return how many there were
+int EndOrphanedPodmanServices(std::chrono::milliseconds grace);

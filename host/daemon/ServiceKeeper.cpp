@@ -1,6 +1,7 @@
 #include "daemon/ServiceKeeper.h"
 
 #include "QxCContainer.h"
+#include "QxCRTELog.h"
 #include "daemon/PodmanServices.h"
 #include "http/Clock.h"
 
@@ -196,6 +197,9 @@ Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
 /// On the control thread.
 /// @return why the service cannot be started; empty when it is
 std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
+    for (const std::string& found : _leftovers.Clear(_options.termGrace)) {
+        QxCRTE_LOG_Impl(RteLogLevel::WarningNotify, "Quolex Container Host: %s", found.c_str());
+    }
     if (!_isInitialised) {
         if (!_service->init()) {
             return WhyNotInitialised(*_service);

@@ -2,6 +2,7 @@
 
 #include "QxCCTESettings.h"
 #include "QxNJson.h"
+#include "daemon/Leftovers.h"
 #include "daemon/RestartPolicy.h"
 #include "daemon/ServiceManager.h"
 #include "http/Background.h"
@@ -112,6 +113,7 @@ private:
     boost::asio::io_context& _io;
     const Options _options;
     const ServiceManager& _serviceManager;
+    Leftovers _leftovers;  ///< used on the control thread
     RestartPolicy _policy;
     boost::asio::thread_pool _control{1};
     boost::asio::thread_pool _asking{1};

@@ -7,8 +7,11 @@
 #include <cstring>
 
 using namespace OnBoard;
+using testing::Contains;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
 
 namespace {
 
@@ -84,6 +87,78 @@ TEST(Daemon, HonoursAStopThatComesDuringTheStart) {
 /// @return what the daemon says about the service's failure before it is ended
 std::string FailureOf(const std::string& before, const std::string& options) {
     return Shell(before + "timeout --preserve-status -s TERM 3 /opt/qx/bin/qxcontainerd " + options).output;
+}
+
+/// A daemon that is killed without a chance to stop.
+void KillADaemon() {
+    Daemon daemon({"--enable"});
+    ASSERT_TRUE(PodmanAnswers());
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    daemon.Signal(SIGKILL);
+    daemon.Wait();
+}
+
+/// What a protected request and a plugin that is being loaded would leave.
+std::string LeaveDiskAndLoopDevice() {
+    Output("printf 'write through' > /sys/block/sda/queue/write_cache");
+    Output("mkdir -p " + PLUGINS_DIR + " && truncate -s 8192 " + PLUGINS_DIR + "/.left");
+    return Output("losetup --find --show " + PLUGINS_DIR + "/.left");
+}
+
+TEST(Daemon, ClearsAwayWhatAKilledOneHasLeft) {
+    KillADaemon();
+    const std::string device = LeaveDiskAndLoopDevice();
+    const auto left = Processes("podman system service");
+    ASSERT_EQ(left.size(), 1u);
+
+    Daemon daemon({"--enable"});
+    ASSERT_TRUE(Logged(
+        "[WARNING] Quolex Container Host: Podman services of a host that did not stop were still running: 1; "
+        "they have been ended."));
+    EXPECT_TRUE(Logged(
+        "[WARNING] Quolex Container Host: The disk of the user storage was in write-through mode; it is in "
+        "write-back mode again."));
+    EXPECT_TRUE(Logged("[WARNING] Quolex Container Host: The loop device " + device +
+                       " held the plugin file " + PLUGINS_DIR + "/.left without a mount; it is free again."));
+    EXPECT_TRUE(PodmanAnswers());
+
+    EXPECT_THAT(Processes("podman system service"), SizeIs(1));
+    EXPECT_NE(Processes("podman system service"), left);
+    EXPECT_EQ(Output("cat /sys/block/sda/queue/write_cache"), "write back");
+    EXPECT_THAT(Output("losetup --list --noheadings --output BACK-FILE"), Not(HasSubstr(".left")));
+    EXPECT_EQ(daemon.Stop(), 0);
+}
+
+TEST(Daemon, EndsAServiceOfAKilledOneThatHangs) {
+    KillADaemon();
+    const auto left = Processes("podman system service");
+    ASSERT_EQ(left.size(), 1u);
+    Output("kill -STOP $(pgrep -f '[p]odman system service')");
+
+    Daemon daemon({"--enable"});
+
+    EXPECT_TRUE(Logged("Podman services of a host that did not stop were still running: 1"));
+    EXPECT_TRUE(PodmanAnswers());
+    EXPECT_THAT(Processes("podman system service"), SizeIs(1));
+    EXPECT_EQ(daemon.Stop(), 0);
+}
+
+TEST(Daemon, TouchesNothingOfTheBoardAfterOneThatStopped) {
+    {
+        Daemon daemon({"--enable"});
+        ASSERT_TRUE(PodmanAnswers());
+        EXPECT_EQ(daemon.Stop(), 0);
+    }
+    const std::string device = LeaveDiskAndLoopDevice();
+
+    Daemon daemon({"--enable"});
+    ASSERT_TRUE(PodmanAnswers());
+
+    EXPECT_EQ(Output("cat /sys/block/sda/queue/write_cache"), "write through");
+    EXPECT_THAT(Output("losetup --list --noheadings --output BACK-FILE"), HasSubstr(".left"));
+    EXPECT_THAT(LogLines(), Not(Contains(HasSubstr("Quolex Container Host"))));
+    Output("losetup --detach " + device);
+    EXPECT_EQ(daemon.Stop(), 0);
 }
 
 TEST(Daemon, SaysWhyTheBoardCannotRunContainers) {

@@ -32,7 +32,7 @@ void Require(bool ok, const char* step) {
 }
 
 void MountRoot() {
-    Require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "make mounts private");
+    Require(mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) == 0, "make mounts private");
     const std::string base = "/mnt";
     Require(mount("tmpfs", base.c_str(), "tmpfs", 0, "size=1g") == 0, "mount tmpfs");
     for (const char* directory : {"/upper", "/work", "/root"}) {
@@ -43,7 +43,7 @@ void MountRoot() {
         mount("overlay", root.c_str(), "overlay", 0, "lowerdir=/,upperdir=/mnt/upper,workdir=/mnt/work") == 0,
         "mount overlay");
     for (const char* tree : {"/dev", "/sys", QX_BUILD_DIR}) {
-        Require(mount(tree, (root + tree).c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, tree);
+        Require(mount(tree, (root + tree).c_str(), "none", MS_BIND | MS_REC, nullptr) == 0, tree);
     }
     Require(chdir(root.c_str()) == 0, "chdir");
     Require(syscall(SYS_pivot_root, ".", ".") == 0, "pivot_root");

@@ -1,0 +1,115 @@
+#include "daemon/Leftovers.h"
+
+#include "QxCCTESettings.h"
+#include "QxCRPScanner.h"
+#include "QxCWriteThroughCacheGuard.h"
+#include "QxNContainerPaths.h"
+#include "QxNJson.h"
+#include "daemon/PodmanServices.h"
+#include "support/ErrorListScope.h"
+#include "support/UniqueFd.h"
+
+#include <fcntl.h>
+#include <linux/loop.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <utility>
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace QxNContainer::QxNContainerPaths;
+using QxNContainer::QxCWriteThroughCacheGuard;
+using QxNJson::json;
+
+/// Written by init(); gone after a restart of the board.
+constexpr const char* InitMark = "/run/QxContainerRTE.docker_host";
+constexpr const char* BlockDevices = "/sys/class/block";
+
+/// @return the first line; empty when there is none
+std::string FirstLine(const fs::path& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    return line;
+}
+
+bool IsStopped() {
+    std::ifstream file(SETTINGS_FILE);
+    const json settings = json::parse(file);
+    return settings.is_object() && settings.contains("state") &&
+           settings["state"] == ContainerServiceState::Stopped;
+}
+
+/// @return "major:minor" of everything that is mounted
+std::set<std::string> MountedDevices() {
+    std::set<std::string> devices;
+    std::ifstream table("/proc/self/mountinfo");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string id;
+        std::string parent;
+        std::string device;
+        if (fields >> id >> parent >> device) {
+            devices.insert(device);
+        }
+    }
+    return devices;
+}
+
+bool IsInPluginDirectory(const std::string& file) {
+    return file.rfind(PLUGINS_DIR + "/", 0) == 0 ||
+           file.rfind(std::string(CRP::SYSTEM_PLUGIN_DIR) + "/", 0) == 0;
+}
+
+void ReleaseLoopDevices(std::vector<std::string>& found) {
+    const auto mounted = MountedDevices();
+    std::error_code error;
+    for (fs::directory_iterator device(BlockDevices, error), end; !error && device != end;
+         device.increment(error)) {
+        const std::string file = FirstLine(device->path() / "loop/backing_file");
+        if (!IsInPluginDirectory(file) || mounted.count(FirstLine(device->path() / "dev")) != 0) {
+            continue;
+        }
+        const std::string node = "/dev/" + device->path().filename().string();
+        const QxNSupport::UniqueFd bound(open(node.c_str(), O_RDONLY | O_CLOEXEC));
+        if (bound.IsOpen() && ioctl(bound.Get(), LOOP_CLR_FD) == 0) {
+            found.push_back("The loop device " + node + " held the plugin file " + file +
+                            " without a mount; it is free again.");
+        }
+    }
+}
+
+void RestoreDisk(std::vector<std::string>& found) {
+    QxNSupport::ErrorListScope errors;
+    const std::string attribute = QxCWriteThroughCacheGuard::GetUserStorageWriteCacheSysfsPath(errors.List());
+    if (attribute.empty() || FirstLine(attribute) != "write through") {
+        return;
+    }
+    QxCWriteThroughCacheGuard::ForceRestoreWriteBackMode();
+    found.emplace_back(
+        "The disk of the user storage was in write-through mode; it is in write-back mode again.");
+}
+
+}  // namespace
+
+Leftovers::Leftovers() : _areExpected(fs::exists(InitMark) && !IsStopped()) {}
+
+std::vector<std::string> Leftovers::Clear(std::chrono::milliseconds grace) {
+    std::vector<std::string> found;
+    if (!std::exchange(_areExpected, false)) {
+        return found;
+    }
+    if (const int count = EndOrphanedPodmanServices(grace)) {
+        found.push_back("Podman services of a host that did not stop were still running: " +
+                        std::to_string(count) + "; they have been ended.");
+    }
+    RestoreDisk(found);
+    ReleaseLoopDevices(found);
+    return found;
+}
