@@ -1,6 +1,9 @@
 #pragma once
 
+#include <fcntl.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <unistd.h>
 #include <cstdint>
 #include <cstdlib>
@@ -34,5 +37,20 @@ public:
 private:
     int _file;
 };
+
+/// Puts an empty file system over a directory, for this process alone; takes root. To be called before there are
+/// threads.
+inline void Hide(const char* directory) {
+    Require(unshare(CLONE_NEWNS) == 0);
+    Require(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0);
+    Require(mount("tmpfs", directory, "tmpfs", 0, "size=64m") == 0);
+}
+
+/// @return the descriptor that the next one will be: another than before when one was left open
+inline int NextDescriptor() {
+    const int next = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    Require(next >= 0 && close(next) == 0);
+    return next;
+}
 
 }  // namespace Fuzz

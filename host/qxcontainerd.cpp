@@ -32,13 +32,24 @@ enum ExitCode : int {
     BoardError = 6,
 };
 
-constexpr size_t Workers = 8;
+constexpr size_t Workers = 4;
+constexpr size_t PodmanRequests = 8;
+constexpr size_t ComposeOperations = 4;
 constexpr size_t LogStreams = 32;
 constexpr std::chrono::milliseconds ReadyCheck{50};
 
 void Tell(const std::string& text) {
     std::printf("qxcontainerd: %s\n", text.c_str());
     std::fflush(stdout);
+}
+
+/// @return whether a message is the library's word that a Podman service could not be started, or failed
+bool IsPodmansEnd(const QxNJson::json& message) {
+    const std::string text = TextMember(message, "text");
+    const auto tells = [&](const char* words) { return text.find(words) != std::string::npos; };
+    return TextMember(message, "source") == "Quolex Container Runtime" &&
+           NumberMember(message, "severity") == QxNSeverity::Error &&
+           (tells("Podman service") || tells("Invalid port number"));
 }
 
 /// Everything that lives as long as the daemon serves.
@@ -59,6 +70,8 @@ public:
         });
         _io.run();
         _workers.join();
+        _compose.join();
+        _podman.join();
         if (_failure) {
             std::rethrow_exception(_failure);
         }
@@ -84,6 +97,8 @@ private:
                       *streams,
                       _tokens,
                       _workers,
+                      _podman,
+                      _compose,
                       _options.server.page,
                       _options.largestUpload};
         const QxNHttp::Router router = MakeRouter(ground);
@@ -134,8 +149,7 @@ private:
         std::uint64_t last = 0;
         for (;;) {
             for (const MessageFollower::Message& message : _messages.Messages()) {
-                const bool isFailure = message.content["severity"] == QxNSeverity::Error;
-                if (message.number > last && isFailure) {
+                if (message.number > last && IsPodmansEnd(message.content)) {
                     _keeper.FailureReported();
                 }
                 last = std::max(last, message.number);
@@ -160,6 +174,8 @@ private:
     asio::io_context _io{1};
     QxNHttp::Tokens _tokens;
     asio::thread_pool _workers{Workers};
+    asio::thread_pool _podman{PodmanRequests};
+    asio::thread_pool _compose{ComposeOperations};
     ServiceKeeper _keeper;
     MessageFollower _messages;
     asio::signal_set _signals;

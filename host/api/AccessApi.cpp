@@ -14,6 +14,10 @@ namespace {
 
 constexpr const char* CookieRules = "; Path=/; HttpOnly; SameSite=Strict";
 
+std::string SessionCookie(const QxNHttp::Client& client, const std::string& value) {
+    return "qx-session=" + value + CookieRules + (client.isTls ? "; Secure" : "");
+}
+
 Reply SessionReply(const QxNHttp::Client& client) {
     return JsonReply(json{{"name", client.name}, {"right", QxNHttp::TextOf(client.right)}});
 }
@@ -35,7 +39,7 @@ Task<Reply> OpenSession(Ground& ground, Request& request) {
     }
     Reply reply = SessionReply(client);
     if (!client.isLocal) {
-        reply.headers.emplace_back("Set-Cookie", "qx-session=" + token + CookieRules);
+        reply.headers.emplace_back("Set-Cookie", SessionCookie(request.client, token));
     }
     co_return reply;
 }
@@ -62,9 +66,9 @@ void AddAccessRequests(QxNHttp::Router& router, Ground& ground) {
     });
     router.Add(Verb::get, "/session", Right::Look,
                [](Request& request) -> Task<Reply> { co_return SessionReply(request.client); });
-    router.Add(Verb::delete_, "/session", Right::None, [](Request&) -> Task<Reply> {
+    router.Add(Verb::delete_, "/session", Right::None, [](Request& request) -> Task<Reply> {
         Reply reply = Reply::Empty();
-        reply.headers.emplace_back("Set-Cookie", std::string("qx-session=; Max-Age=0") + CookieRules);
+        reply.headers.emplace_back("Set-Cookie", SessionCookie(request.client, "; Max-Age=0"));
         co_return reply;
     });
     router.Add(Verb::get, "/tokens", Right::Act, [&ground](Request& request) -> Task<Reply> {

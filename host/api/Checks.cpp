@@ -96,10 +96,12 @@ Check CheckLinks() {
         {"/usr/bin/conmon", &paths::CONMON},
         {"/bin/docker-compose", &paths::DOCKER_COMPOSE}};
     std::string found;
+    bool isTaken = false;
     for (const auto& [link, target] : links) {
         std::error_code error;
         const fs::path place = fs::read_symlink(link, error);
         if (error || place != *target) {
+            isTaken = isTaken || fs::exists(fs::symlink_status(link));
             found += (found.empty() ? "" : "; ") + std::string(link) +
                      (!fs::exists(fs::symlink_status(link)) ? " is missing"
                       : error                               ? " is no link"
@@ -109,7 +111,10 @@ Check CheckLinks() {
     return found.empty()
                ? Check{"links", "Links to the tools", Ok, "podman, crun, conmon, docker-compose"}
                : Check{"links", "Links to the tools", Warning, found,
-                       "Remove what stands there and start the service; it never replaces what exists."};
+                       isTaken
+                           ? "Remove what stands there and restart the daemon; the service never replaces "
+                             "what exists."
+                           : "Restart the daemon: the service makes missing links when it is initialised."};
 }
 
 Check CheckCoreSettings(unsigned configured, unsigned most) {
@@ -141,18 +146,44 @@ Check CheckCpuSet(unsigned configured) {
     return {"cpu-set", "CPU set in effect", Ok, "cores " + set.effective};
 }
 
-Check CheckPodman(const ServiceKeeper& keeper) {
-    return keeper.IsAnswering() ? Check{"podman", "Podman answers", Ok, "Podman " + keeper.Version()}
-                                : Check{"podman", "Podman answers", Error,
-                                        keeper.TheProblem().empty() ? "no answer" : keeper.TheProblem(),
-                                        "Start the service; if it does not come up, look at the messages."};
+Check CheckPodman(const std::string& problem, const std::string& version) {
+    return problem.empty() ? Check{"podman", "Podman answers", Ok, "Podman " + version}
+                           : Check{"podman", "Podman answers", Error, problem,
+                                   "Start the service; if it does not come up, look at the messages."};
+}
+
+Check CheckTcp(bool isAnswering, bool hasTcp, unsigned tcpPort) {
+    if (tcpPort == 0) {
+        return {"tcp", "TCP service of Podman", Ok, "not wanted: no TCP port is set"};
+    }
+    const std::string port = "port " + std::to_string(tcpPort);
+    return isAnswering && hasTcp ? Check{"tcp", "TCP service of Podman", Ok, port}
+                                 : Check{"tcp", "TCP service of Podman", Error, "nobody listens on " + port,
+                                         "Look at the messages and at the check of the certificates, then "
+                                         "stop and start the service."};
+}
+
+using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
+using Certificate = std::unique_ptr<X509, decltype(&X509_free)>;
+
+/// @return what is read of a PEM file by one of OpenSSL's functions; null when it is not that
+template <typename Owner, typename Read, typename Free>
+Owner FromPem(const std::string& path, Read read, Free free) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "re"), fclose);
+    return Owner(file ? read(file.get(), nullptr, nullptr, nullptr) : nullptr, free);
+}
+
+/// @return whether the server's key is a key, and that of its certificate
+bool IsKeyRight() {
+    const std::string directory = paths::CONTAINER_CERTS_DIR;
+    const auto key = FromPem<Key>(directory + "/server.key", PEM_read_PrivateKey, EVP_PKEY_free);
+    const auto certificate = FromPem<Certificate>(directory + "/server.crt", PEM_read_X509, X509_free);
+    return key && certificate && X509_check_private_key(certificate.get(), key.get()) == 1;
 }
 
 /// @return days until the certificate ends; nothing when it cannot be read
 std::optional<int> DaysLeft(const std::string& path) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> file(fopen(path.c_str(), "re"), fclose);
-    const std::unique_ptr<X509, decltype(&X509_free)> certificate(
-        file ? PEM_read_X509(file.get(), nullptr, nullptr, nullptr) : nullptr, X509_free);
+    const auto certificate = FromPem<Certificate>(path, PEM_read_X509, X509_free);
     int days = 0;
     int seconds = 0;
     if (!certificate ||
@@ -192,6 +223,10 @@ Check CheckCertificates(unsigned tcpPort) {
                               : " ends in " + std::to_string(*days) + " days");
         least = std::min(least, days.value_or(-1));
     }
+    if (!IsKeyRight()) {
+        found += ", server.key is not the key of server.crt";
+        least = -1;
+    }
     return {"certificates", title,
             least < 0          ? Error
             : least < SoonDays ? Warning
@@ -199,10 +234,10 @@ Check CheckCertificates(unsigned tcpPort) {
             found, least < SoonDays ? remedy : ""};
 }
 
-Check CheckSpace() {
+Check CheckSpace(const QxCContainer& service) {
     struct statvfs disk {};
-    if (statvfs(UserStorage, &disk) != 0) {
-        return {"space", "Free space", Unknown, std::string(UserStorage) + " cannot be asked"};
+    if (!service.HasValidUserStorage(nullptr) || statvfs(UserStorage, &disk) != 0) {
+        return {"space", "Free space", Unknown, std::string("there is no user storage at ") + UserStorage};
     }
     const std::uint64_t bytes = std::uint64_t{disk.f_bavail} * disk.f_frsize;
     const std::string found = std::to_string(bytes >> 20) + " MiB at " + UserStorage;
@@ -321,7 +356,9 @@ QxNHttp::Task<json> CheckBoard(Ground& ground) {
     const QxCContainer& service = keeper.Service();
     const auto settings = keeper.Settings();
     const unsigned most = service.GetMaxAllowedCpuCoreCount();
-    const Check podman = CheckPodman(keeper);
+    const std::string podmanProblem = co_await keeper.AskNow();
+    const Check podman = CheckPodman(podmanProblem, keeper.Version());
+    const Check tcp = CheckTcp(podmanProblem.empty(), keeper.HasTcpService(), settings.tcpPort);
     // While the service starts, its control thread is busy with the plugins.
     std::optional<json> plugins;
     if (!keeper.IsBusy()) {
@@ -330,8 +367,8 @@ QxNHttp::Task<json> CheckBoard(Ground& ground) {
     co_return co_await OnWorker(ground, [&] {
         return ToJson(
             {CheckEnabled(service), CheckUserStorage(service), CheckFirmware(), CheckMount(), CheckLinks(),
-             CheckCoreSettings(settings.coresNum, most), CheckCpuSet(settings.coresNum), podman,
-             CheckCertificates(settings.tcpPort), CheckSpace(), CheckVersions(),
+             CheckCoreSettings(settings.coresNum, most), CheckCpuSet(settings.coresNum), podman, tcp,
+             CheckCertificates(settings.tcpPort), CheckSpace(service), CheckVersions(),
              plugins ? CheckPlugins(*plugins)
                      : Check{"plugins", "Plugins", Unknown, "the service is just starting or stopping"},
              CheckWriteCache()});

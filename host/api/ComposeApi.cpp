@@ -158,14 +158,15 @@ Task<Reply> Operate(Ground& ground, const std::string& file, const std::string& 
     if (found == Operations.end()) {
         throw Problem(Status::not_found, "A project can be created, started, stopped and removed.");
     }
+    RequirePodman(ground.keeper);
     const BusyProject busy(ground, file);
     const Operation operation = found->second;
     json result;
     int code = 0;
     std::string failure;
     try {
-        code = co_await OnWorker(ground,
-                                 [&] { return (ground.keeper.Service().*operation)(file.c_str(), result); });
+        code = co_await QxNHttp::InBackground(
+            ground.compose, [&] { return (ground.keeper.Service().*operation)(file.c_str(), result); });
     } catch (const nlohmann::json::exception& error) {
         failure = error.what();
     }
@@ -179,13 +180,17 @@ Task<Reply> Operate(Ground& ground, const std::string& file, const std::string& 
     co_return JsonReply(answer);
 }
 
+/// What the tool says of a text must not depend on whether it is stored already: it is a project of that file's name in
+/// the directory of the files.
 Task<Reply> CheckText(Ground& ground, Request& request) {
+    const std::string file = request.Parameter("file");
+    const std::string project = file.empty() ? "check" : fs::path(ComposeFileName(file)).stem().string();
     const std::string text = co_await request.body->Text(LongestFile);
-    const auto outcome = co_await OnWorker(ground, [&] {
-        return RunProgram(
-            QxNComposeFileHandler::ComposeTool::Path,
-            {QxNComposeFileHandler::ComposeTool::Exe, "-p", "check", "-f", "-", "config", "--quiet"}, text,
-            CheckDeadline);
+    const auto outcome = co_await QxNHttp::InBackground(ground.compose, [&] {
+        return RunProgram(QxNComposeFileHandler::ComposeTool::Path,
+                          {QxNComposeFileHandler::ComposeTool::Exe, "--project-directory", Directory(), "-p",
+                           project, "-f", "-", "config", "--quiet"},
+                          text, CheckDeadline);
     });
     if (!outcome.hasStarted) {
         throw Problem(Status::service_unavailable,
@@ -197,8 +202,9 @@ Task<Reply> CheckText(Ground& ground, Request& request) {
     co_return JsonReply(answer);
 }
 
-Task<Reply> WriteFile(Request& request) {
+Task<Reply> WriteFile(Ground& ground, Request& request) {
     const std::string name = ComposeFileName(request.segments[3]);
+    RequireUserStorage(ground.keeper);
     QxNHttp::UploadedFile file = co_await request.body->ToFile(Directory(), LongestFile);
     co_return Reply::Empty(file.MoveTo(Directory() + name) ? Status::no_content : Status::created);
 }
@@ -224,7 +230,7 @@ void AddComposeRequests(QxNHttp::Router& router, Ground& ground) {
         co_return reply;
     });
     router.Add(Verb::put, "/compose-files/{file}", Right::Act,
-               [](Request& request) -> Task<Reply> { co_return co_await WriteFile(request); });
+               [&ground](Request& request) -> Task<Reply> { co_return co_await WriteFile(ground, request); });
     router.Add(Verb::delete_, "/compose-files/{file}", Right::Act, [](Request& request) -> Task<Reply> {
         const std::string& name = ComposeFileName(request.segments[3]);
         if (unlink((Directory() + name).c_str()) != 0) {

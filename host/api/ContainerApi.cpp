@@ -1,7 +1,9 @@
 #include "QxCContainer.h"
 #include "api/Interface.h"
 #include "api/Names.h"
+#include "http/Clock.h"
 
+#include <cctype>
 #include <map>
 
 using QxNHttp::Problem;
@@ -33,6 +35,24 @@ json PortTexts(const json& ports) {
     return texts;
 }
 
+/// Podman leaves "Status" empty.
+std::string StatusText(const json& container) {
+    const std::string state = TextMember(container, "State");
+    const auto since = [&](const char* member) {
+        return QxNHttp::DurationText(std::chrono::system_clock::now() -
+                                     std::chrono::system_clock::from_time_t(NumberMember(container, member)));
+    };
+    if (state == "running") {
+        return "Up " + since("StartedAt");
+    }
+    if (state == "exited") {
+        return "Exited (" + std::to_string(NumberMember(container, "ExitCode")) + ") " + since("ExitedAt") +
+               " ago";
+    }
+    return state.empty() ? state
+                         : std::string(1, static_cast<char>(std::toupper(state[0]))) + state.substr(1);
+}
+
 json Describe(const json& container) {
     const json names = Member(container, "Names");
     const json labels = Member(container, "Labels");
@@ -43,7 +63,7 @@ json Describe(const json& container) {
         names.is_array() && !names.empty() && names[0].is_string() ? names[0].get<std::string>() : "";
     object["image"] = TextMember(container, "Image");
     object["state"] = TextMember(container, "State");
-    object["status"] = TextMember(container, "Status");
+    object["status"] = StatusText(container);
     object["created"] = TextMember(container, "Created");
     object["exitCode"] = NumberMember(container, "ExitCode");
     object["project"] =

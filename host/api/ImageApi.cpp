@@ -42,6 +42,9 @@ json Describe(const json& image) {
 }
 
 Task<Reply> Load(Ground& ground, Request& request) {
+    // Before gigabytes have come in vain.
+    RequirePodman(ground.keeper);
+    RequireUserStorage(ground.keeper);
     const QxNHttp::UploadedFile archive = co_await request.body->ToFile(
         QxNContainer::QxNContainerPaths::IMAGES_STORAGE_DIR, ground.largestUpload);
     PodmanAsk load("/libpod/images/load");
@@ -56,6 +59,11 @@ Task<Reply> Load(Ground& ground, Request& request) {
         const json answer = co_await AskPodmanForJson(ground, load);
         names = TextsOf(Member(answer, "Names"));
     } catch (const Problem& problem) {
+        if (std::string_view(problem.what()).find("no space left") != std::string_view::npos) {
+            throw Problem(Status::insufficient_storage,
+                          "There is no room for the image; remove images or files that are not needed. " +
+                              std::string(problem.what()));
+        }
         // Podman answers 500 to what it cannot read.
         const bool isUnreadable =
             problem.status == Status::bad_gateway || problem.status == Status::bad_request;

@@ -24,7 +24,9 @@ struct Ground {
     LogHub& logs;
     StreamThreads& streams;
     QxNHttp::Tokens& tokens;
-    boost::asio::thread_pool& workers;  ///< for what blocks but need not be on the control thread
+    boost::asio::thread_pool& workers;  ///< for what blocks for a short time
+    boost::asio::thread_pool& podman;   ///< for requests to Podman, which may hang
+    boost::asio::thread_pool& compose;  ///< for operations on projects, which take minutes
     std::string page;                   ///< the page's directory
     std::uint64_t largestUpload;        ///< bytes
     std::set<std::string> busyProjects = {};
@@ -60,11 +62,16 @@ QxNHttp::Task<QxNJson::json> ReadObject(QxNHttp::Request& request, size_t longes
 /// @throws Problem when it breaks the rule for file names
 const std::string& FileName(const std::string& name);
 
-/// Runs something that blocks beside the control thread.
+/// Runs something that blocks for a short time beside the control thread.
 template <typename Function>
 auto OnWorker(Ground& ground, Function function) {
     return QxNHttp::InBackground(ground.workers, std::move(function));
 }
+
+/// @throws Problem when Podman did not answer the last question: at once, before anything waits for it
+void RequirePodman(const ServiceKeeper& keeper);
+/// @throws Problem when the user storage is not there: what is written then would lie somewhere else
+void RequireUserStorage(ServiceKeeper& keeper);
 
 /// What a request to Podman takes. With a constructor, because GCC 12 destroys temporary aggregates twice in expressions
 /// that suspend.

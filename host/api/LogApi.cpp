@@ -65,7 +65,9 @@ Task<QxNHttp::Router::Stream> OpenLog(Ground& ground, Request& request) {
     LogStart start;
     start.tail = WantsAll(request) ? LogStart::All : request.Number("tail", DefaultTail, MostTail);
     start.after = request.Parameter("after");
-    auto opened = co_await OnWorker(ground, [&] { return ground.logs.Open(container, start); });
+    RequirePodman(ground.keeper);
+    auto opened =
+        co_await QxNHttp::InBackground(ground.podman, [&] { return ground.logs.Open(container, start); });
     if (!opened.viewer) {
         throw ProblemOf(opened.error);
     }
@@ -76,6 +78,7 @@ Task<QxNHttp::Router::Stream> OpenLog(Ground& ground, Request& request) {
 Task<Reply> Download(Ground& ground, Request& request) {
     const std::string container = ContainerName(request.segments[3]);
     const std::string tail = TailText(request, "all");
+    RequirePodman(ground.keeper);
     const auto download = std::make_shared<LogDownload>(co_await boost::asio::this_coro::executor,
                                                         request.Flag("timestamps", false));
     if (!download->Start(ground.streams, ground.keeper.Service(), container, tail)) {

@@ -39,6 +39,7 @@ json FindFile(const json& list, const std::string& fileName) {
 
 Task<Reply> Upload(Ground& ground, Request& request) {
     const std::string name = FileName(request.segments[3]);
+    RequireUserStorage(ground.keeper);
     QxNHttp::UploadedFile file = co_await request.body->ToFile(Directory(), ground.largestUpload);
     // Whether it is a plugin is for the library's own reader to say, which does not look at hidden files.
     const std::string visibleName = fs::path(file.Path()).filename().string().substr(1);

@@ -34,16 +34,37 @@ Status StatusFor(const PodmanResponse& response) {
                : Status::bad_gateway;
 }
 
+Problem NoAnswer(const ServiceKeeper& keeper) {
+    return {Status::service_unavailable,
+            "Podman does not answer. " + (keeper.TheProblem().empty()
+                                              ? std::string("Look at the check and start the service.")
+                                              : keeper.TheProblem())};
+}
+
 }  // namespace
 
+void RequirePodman(const ServiceKeeper& keeper) {
+    if (keeper.IsLost()) {
+        throw NoAnswer(keeper);
+    }
+}
+
+void RequireUserStorage(ServiceKeeper& keeper) {
+    std::string reason;
+    if (!keeper.Service().HasValidUserStorage(&reason)) {
+        throw Problem(Status::conflict, reason + "; mount it first. Nothing was kept.");
+    }
+}
+
 Task<PodmanResponse> AskPodman(Ground& ground, const PodmanAsk& ask) {
+    RequirePodman(ground.keeper);
     QxNContainer::QxCContainer& service = ground.keeper.Service();
     const std::chrono::seconds deadline = ask.deadline;
     auto request = [&service, own = ask] {
         return service.ExecutePodmanRequest(own.endpoint, own.method, own.headers, own.uploadPath,
                                             own.writeThrough);
     };
-    const auto response = co_await QxNHttp::InBackgroundWithin(ground.workers, deadline, std::move(request));
+    const auto response = co_await QxNHttp::InBackgroundWithin(ground.podman, deadline, std::move(request));
     if (!response) {
         ground.keeper.AskSoon();
         throw Problem(Status::gateway_timeout, "Podman has not answered within " +
@@ -52,11 +73,7 @@ Task<PodmanResponse> AskPodman(Ground& ground, const PodmanAsk& ask) {
     }
     if (response->httpCode == 0) {
         ground.keeper.AskSoon();
-        throw Problem(
-            Status::service_unavailable,
-            "Podman does not answer. " + (ground.keeper.TheProblem().empty()
-                                              ? std::string("Look at the check and start the service.")
-                                              : ground.keeper.TheProblem()));
+        throw NoAnswer(ground.keeper);
     }
     if (response->httpCode >= 400) {
         throw Problem(StatusFor(*response), ReasonOf(*response));

@@ -50,6 +50,14 @@ void AddLs(CLI::App& group, Tool& tool) {
     });
 }
 
+/// The tool may say other things of a file under its name; one that cannot be kept under it is told apart by its text only.
+std::string CheckPath(const std::string& file) {
+    const std::string name = file.substr(file.rfind('/') + 1);
+    const bool isYaml = name.ends_with(".yaml") || name.ends_with(".yml");
+    return isYaml ? ApiPath({"compose-files", "check"}, {{"file", name}})
+                  : ApiPath({"compose-files", "check"});
+}
+
 std::string ReadStored(const Tool& tool, const std::string& file) {
     return tool.Send({.target = ApiPath({"compose-files", file})}).body;
 }
@@ -171,7 +179,7 @@ void AddCheck(CLI::App& group, Tool& tool) {
         Progress progress("Checking " + options->file);
         return tool.Show(
             {.method = "POST",
-             .target = ApiPath({"compose-files", "check"}),
+             .target = CheckPath(options->file),
              .contentType = YamlType,
              .body = text,
              .progress = &progress},

@@ -101,7 +101,7 @@ std::string ServiceText(const Value& service, const Console& console) {
     std::string text = table.Text(console);
     const Value& history = Answers::Array(restarts, "history");
     if (!history.empty()) {
-        Table past({{"RESTARTED"}, {"CAUSE"}});
+        Table past({{"LOST"}, {"CAUSE"}});
         for (const Value& restart : history) {
             past.Add({{LocalTimeText(Answers::Text(restart, "time"))}, {Answers::Text(restart, "cause")}});
         }

@@ -1,4 +1,5 @@
 #include "Interruption.h"
+#include "Text.h"
 #include "Tool.h"
 
 #include <curl/curl.h>
@@ -68,6 +69,15 @@ int Run(int argc, char** argv) {
     AddCompletionCommands(app, tool);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::RequiredError& error) {
+        // The parser only counts the commands that it knows.
+        const std::vector<std::string> unknown = app.remaining();
+        if (!unknown.empty() && app.get_subcommands().empty()) {
+            Tell("there is no command '" + Printable(unknown.front()) + "'; see qxctl --help");
+            return ExitCode::Usage;
+        }
+        app.exit(error);
+        return ExitCode::Usage;
     } catch (const CLI::ParseError& error) {
         return app.exit(error) == 0 ? ExitCode::Fine : ExitCode::Usage;
     }

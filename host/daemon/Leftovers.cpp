@@ -6,6 +6,7 @@
 #include "QxNContainerPaths.h"
 #include "QxNJson.h"
 #include "daemon/PodmanServices.h"
+#include "http/UploadFile.h"
 #include "support/ErrorListScope.h"
 #include "support/UniqueFd.h"
 
@@ -96,12 +97,38 @@ void RestoreDisk(std::vector<std::string>& found) {
         "The disk of the user storage was in write-through mode; it is in write-back mode again.");
 }
 
+/// Plugins are looked at under the same name without the dot before they get their own.
+bool IsUnfinishedUpload(const std::string& name) {
+    constexpr size_t RandomLetters = 6;
+    const std::string prefix = QxNHttp::HiddenUploadPrefix;
+    const std::string shown = name.rfind('.', 0) == 0 ? name : "." + name;
+    return shown.rfind(prefix, 0) == 0 && shown.size() == prefix.size() + RandomLetters;
+}
+
+void RemoveUnfinishedUploads(std::vector<std::string>& found) {
+    for (const std::string& directory : {IMAGES_STORAGE_DIR, COMPOSE_FILES_PATH, PLUGINS_DIR}) {
+        std::error_code error;
+        for (fs::directory_iterator file(directory, error), end; !error && file != end;
+             file.increment(error)) {
+            std::error_code failure;
+            const std::uintmax_t size = file->file_size(failure);
+            if (IsUnfinishedUpload(file->path().filename().string()) && fs::remove(file->path(), failure)) {
+                found.push_back("An upload of " + std::to_string(size) + " bytes in " + directory +
+                                " had never been finished; it has been removed.");
+            }
+        }
+    }
+}
+
 }  // namespace
 
-Leftovers::Leftovers() : _areExpected(fs::exists(InitMark) && !IsStopped()) {}
+Leftovers::Leftovers() : _areExpected(fs::exists(InitMark) && !IsStopped()) {
+    RemoveUnfinishedUploads(_found);
+}
 
 std::vector<std::string> Leftovers::Clear(std::chrono::milliseconds grace) {
-    std::vector<std::string> found;
+    std::vector<std::string> found = std::move(_found);
+    _found.clear();
     if (!std::exchange(_areExpected, false)) {
         return found;
     }

@@ -1,5 +1,7 @@
 #include "daemon/Options.h"
 
+#include "http/Tokens.h"
+
 #include <CLI/CLI.hpp>
 #include <filesystem>
 #include <map>
@@ -7,6 +9,7 @@
 namespace {
 
 constexpr int BadUsage = 2;
+constexpr int BadTokens = 3;
 
 constexpr const char* Help =
     R"(Runs the container service of the board until SIGTERM or SIGINT, and serves it over HTTP:
@@ -145,6 +148,23 @@ void AddKeeperOptions(CLI::App& app, Options& options) {
     AddSeconds(app, "--start-deadline", keeper.startDeadline, "For Podman's first answer after a start");
 }
 
+/// @return the exit code
+int MakeToken(const std::string& file, const std::string& name, bool mayAct) {
+    if (!QxNHttp::IsFileName(name)) {
+        std::fputs("qxcontainerd: the name of a token is letters, digits, dots, hyphens and underscores\n",
+                   stderr);
+        return BadUsage;
+    }
+    try {
+        QxNHttp::Tokens tokens(file);
+        std::puts(tokens.Make(name, mayAct ? QxNHttp::Right::Act : QxNHttp::Right::Look).c_str());
+        return 0;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "qxcontainerd: %s\n", error.what());
+        return BadTokens;
+    }
+}
+
 }  // namespace
 
 std::optional<int> ReadOptions(int argc, char** argv, Options& options) {
@@ -161,6 +181,12 @@ std::optional<int> ReadOptions(int argc, char** argv, Options& options) {
     app.get_config_ptr()->configurable(false);
     app.get_help_ptr()->configurable(false);
     app.set_version_flag("--version", QX_DAEMON_VERSION)->configurable(false);
+    std::string newToken;
+    bool mayAct = false;
+    app.add_option("--make-token", newToken,
+                   "Make a token of this name, print it and end; for a daemon that cannot start without one")
+        ->configurable(false);
+    app.add_flag("--act", mayAct, "The token of --make-token may act as well as look")->configurable(false);
     bool printsSample = false;
     app.add_flag("--print-config", printsSample, "Print a configuration file with every option, and end")
         ->configurable(false);
@@ -180,6 +206,9 @@ std::optional<int> ReadOptions(int argc, char** argv, Options& options) {
     if (printsSample) {
         std::fputs(SampleConfiguration(app).c_str(), stdout);
         return 0;
+    }
+    if (!newToken.empty()) {
+        return MakeToken(options.tokens, newToken, mayAct);
     }
     std::erase(options.server.listen, "none");
     return std::nullopt;

@@ -1,7 +1,6 @@
 #include "daemon/PodmanServices.h"
 
 #include "QxNContainerPaths.h"
-#include "support/UniqueFd.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -79,12 +78,9 @@ bool Send(int process, int signal) {
 /// @return for how many it returned true
 template <typename Function>
 int ForEachPodmanService(Function function) {
-    int count = 0;
-    for (const pid_t pid : Children()) {
-        const QxNSupport::UniqueFd process = Open(pid);
-        count += process.IsOpen() && IsPodmanServiceOf(getpid(), pid) && function(process.Get()) ? 1 : 0;
-    }
-    return count;
+    const auto services = OpenPodmanServices();
+    return static_cast<int>(std::count_if(services.begin(), services.end(),
+                                          [&](const auto& service) { return function(service.Get()); }));
 }
 
 /// @return whether all of them ended in time
@@ -103,6 +99,17 @@ bool AwaitEnds(const std::vector<QxNSupport::UniqueFd>& processes, std::chrono::
 
 }  // namespace
 
+std::vector<QxNSupport::UniqueFd> OpenPodmanServices() {
+    std::vector<QxNSupport::UniqueFd> services;
+    for (const pid_t pid : Children()) {
+        QxNSupport::UniqueFd process = Open(pid);
+        if (process.IsOpen() && IsPodmanServiceOf(getpid(), pid)) {
+            services.push_back(std::move(process));
+        }
+    }
+    return services;
+}
+
 int KillPodmanServices() {
     return ForEachPodmanService([](int process) { return Send(process, SIGKILL); });
 }
@@ -114,9 +121,7 @@ int EndPodmanServices() {
     });
 }
 
-int CountPodmanServices() {
-    return ForEachPodmanService([](int) { return true; });
-}
+int CountPodmanServices() { return static_cast<int>(OpenPodmanServices().size()); }
 
 int EndOrphanedPodmanServices(std::chrono::milliseconds grace) {
     constexpr pid_t FirstProcess = 1;

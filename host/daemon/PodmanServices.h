@@ -1,6 +1,9 @@
 #pragma once
 
+#include "support/UniqueFd.h"
+
 #include <chrono>
+#include <vector>
 
 /// Ends the `podman system service` processes among this process's children with SIGKILL; for those that do not hear
 /// SIGTERM because they hang. Nobody else's processes are touched.
@@ -11,6 +14,9 @@ int KillPodmanServices();
 /// them.
 /// @return how many there were
 int EndPodmanServices();
+
+/// @return descriptors of them (pidfd_open(2)), which become readable when they end
+std::vector<QxNSupport::UniqueFd> OpenPodmanServices();
 
 /// @return how many `podman system service` processes are among this process's children
 int CountPodmanServices();

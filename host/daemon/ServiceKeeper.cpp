@@ -7,6 +7,7 @@
 
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
 #include <exception>
 
 namespace asio = boost::asio;
@@ -23,6 +24,8 @@ constexpr std::chrono::milliseconds FirstQuestions{100};
 constexpr std::chrono::milliseconds TimeForMessages{
     200};  ///< between an end and the library's message about it
 constexpr std::chrono::seconds KillPause{1};
+constexpr std::chrono::seconds TimeForTcp{10};  ///< within which a second service that ends was never sound
+constexpr const char* AskedBefore = "it has not answered the question before";
 constexpr unsigned HighestPort = 65535;
 
 std::string WhyNotInitialised(const QxCContainer& service) {
@@ -60,6 +63,7 @@ ServiceKeeper::ServiceKeeper(asio::io_context& io, const Options& options,
       _options(options),
       _serviceManager(serviceManager),
       _policy(options.restart),
+      _answered(io.get_executor()),
       _wake(io.get_executor()),
       _pause(io) {}
 
@@ -72,6 +76,7 @@ Task<void> ServiceKeeper::Begin(std::function<void(QxCContainer&)> prepare) {
     _service = co_await OnControlThread([&] {
         QxCContainer& service = QxCContainer::GetInstance();
         prepare(service);
+        _wasEnabled = service.IsContainerServiceEnabled(false);
         _settings = service.GetContainerServiceUserSettings();
         return &service;
     });
@@ -84,7 +89,7 @@ Task<void> ServiceKeeper::Begin(std::function<void(QxCContainer&)> prepare) {
 // --- What people ask for ---
 
 void ServiceKeeper::CheckIdle() const {
-    if (_state == State::Starting || _state == State::Stopping) {
+    if (IsBusy()) {
         throw Problem(Status::conflict, std::string("The service is just ") + TextOf(_state) +
                                             "; try again when that is done.");
     }
@@ -110,7 +115,10 @@ Task<void> ServiceKeeper::StartWithDaemon() {
 }
 
 Task<void> ServiceKeeper::Stop() {
-    CheckIdle();
+    // A start may hang for as long as its deadline; it is left where it is.
+    if (_state != State::Starting) {
+        CheckIdle();
+    }
     _policy.Reset();
     _nextRestart.reset();
     Enter(State::Stopping);
@@ -173,6 +181,9 @@ Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
     Enter(State::Starting);
     if (isRestart) {
         co_await StopLibrary();
+        if (!IsWanted(State::Starting)) {
+            co_return;
+        }
     }
     std::string problem;
     try {
@@ -184,8 +195,8 @@ Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
     } catch (const std::exception& error) {
         problem = std::string("The board's file system fails: ") + error.what();
     }
-    if (_isEnding) {
-        co_return;
+    if (!IsWanted(State::Starting)) {
+        co_return;  // somebody stopped the service meanwhile
     }
     if (!problem.empty()) {
         Fail(problem);
@@ -201,6 +212,10 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
         QxCRTE_LOG_Impl(RteLogLevel::WarningNotify, "Quolex Container Host: %s", found.c_str());
     }
     if (!_isInitialised) {
+        // The library switches itself off where the board is not ready, such as before a drive is mounted.
+        if (_options.restart.rule == RestartPolicy::Rule::Always && _wasEnabled) {
+            _service->EnableContainerService();
+        }
         if (!_service->init()) {
             return WhyNotInitialised(*_service);
         }
@@ -214,6 +229,7 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
             return "The cores cannot be given to the containers; the check and the log file say why.";
         }
     }
+    _servicesWanted = _service->GetContainerServiceUserSettings().tcpPort == 0 ? 1 : 2;
     return _service->Start() ? std::string() : "The thread that watches Podman cannot be created.";
 }
 
@@ -248,32 +264,52 @@ Task<void> ServiceKeeper::AwaitFirstAnswer() {
     const auto end = std::chrono::steady_clock::now() + _options.startDeadline;
     _failureReported = false;
     Answer answer;
-    while (!_isEnding && std::chrono::steady_clock::now() < end) {
+    while (IsWanted(State::Starting) && std::chrono::steady_clock::now() < end) {
         answer = co_await Ask();
+        if (!IsWanted(State::Starting)) {
+            co_return;
+        }
         if (_failureReported && CountPodmanServices() == 0) {
             Fail("Podman could not be started; the messages say why.");
             co_return;
         }
-        if (answer.isGood && !_isEnding) {
+        if (answer.isGood) {
             _startedAt = Clock::now();
             _policy.Running(*_startedAt);
             Enter(State::Running);
+            for (QxNSupport::UniqueFd& process : OpenPodmanServices()) {
+                asio::co_spawn(_io, AwaitEndOf(std::move(process)), asio::detached);
+            }
             co_return;
         }
         co_await Pause(FirstQuestions);
     }
-    if (!_isEnding) {
+    if (IsWanted(State::Starting)) {
         Fail("Podman has not answered since the start: " + answer.problem);
     }
 }
 
 // --- Watching ---
 
+/// The questions would notice it too, but later.
+Task<void> ServiceKeeper::AwaitEndOf(QxNSupport::UniqueFd process) {
+    asio::posix::stream_descriptor descriptor(_io, process.Release());
+    boost::system::error_code ignored;
+    co_await descriptor.async_wait(asio::posix::stream_descriptor::wait_read,
+                                   asio::redirect_error(asio::use_awaitable, ignored));
+    AskSoon();
+}
+
 Task<ServiceKeeper::Answer> ServiceKeeper::Ask() {
+    if (_isAwaited) {
+        co_await _answered.Wait();
+        co_return _answer;
+    }
     if (_isAsking) {
-        co_return Answer{false, "it has not answered the question before"};
+        co_return Answer{false, AskedBefore};
     }
     _isAsking = true;
+    _isAwaited = true;
     _askedAt = Clock::now();
     const bool wantsVersion = _podmanVersion.empty();
     auto question = [this, wantsVersion] {
@@ -283,6 +319,7 @@ Task<ServiceKeeper::Answer> ServiceKeeper::Ask() {
         return said;
     };
     const auto response = co_await QxNHttp::InBackgroundWithin(_asking, _options.deadline, question);
+    _isAwaited = false;
     Answer answer;
     if (!response) {
         answer.problem = "it has not answered within " + std::to_string(_options.deadline.count()) + " ms";
@@ -301,6 +338,8 @@ Task<ServiceKeeper::Answer> ServiceKeeper::Ask() {
     if (answer.isGood) {
         _failureReported = false;
     }
+    _answer = answer;
+    _answered.Notify();
     co_return answer;
 }
 
@@ -324,12 +363,60 @@ Task<void> ServiceKeeper::Watch() {
             continue;
         }
         const Answer answer = co_await Ask();
-        if (answer.isGood || _state != State::Running) {
+        if (_state != State::Running) {
             continue;
         }
-        co_await HandleLoss("Podman is gone: " + answer.problem, true);
+        if (!answer.isGood) {
+            co_await HandleLoss("Podman is gone: " + answer.problem, true);
+        } else if (!HasTcpService()) {
+            co_await HandleLossOfTcp();
+        }
     }
 }
+
+bool ServiceKeeper::HasTcpService() const {
+    return _servicesWanted == 1 || CountPodmanServices() >= _servicesWanted;
+}
+
+/// A second service that ends at once would do so after every restart, at which all containers are stopped.
+Task<void> ServiceKeeper::HandleLossOfTcp() {
+    // Twice: the kernel's list of children may miss one while another ends.
+    co_await Pause(TimeForMessages);
+    if (HasTcpService() || !IsWanted(State::Running)) {
+        co_return;
+    }
+    const std::string cause =
+        "Podman's service on TCP port " + std::to_string(_settings.tcpPort) + " has ended";
+    if (Clock::now() - *_startedAt >= TimeForTcp) {
+        co_await HandleLoss(cause, true);
+    } else if (_problem.empty()) {
+        Enter(State::Running,
+              cause + " right after its start; the messages and the check of the certificates say why.");
+    }
+}
+
+Task<std::string> ServiceKeeper::AskNow() {
+    const std::string noAnswer = "Podman does not answer: ";
+    if (_state != State::Running && _state != State::Failed) {
+        co_return _isAnswering ? std::string()
+        : _problem.empty()     ? std::string("the service does not run")
+                               : _problem;
+    }
+    if (_isAsking && !_isAwaited) {
+        co_return noAnswer + AskedBefore;
+    }
+    if (!_isAwaited) {
+        // On its own: whoever wanted to know may go away meanwhile.
+        asio::co_spawn(_io, AskForOthers(), asio::detached);
+    }
+    co_await _answered.Wait();
+    if (!_answer.isGood) {
+        AskSoon();
+    }
+    co_return _answer.isGood ? std::string() : noAnswer + _answer.problem;
+}
+
+Task<void> ServiceKeeper::AskForOthers() { co_await Ask(); }
 
 Task<void> ServiceKeeper::HandleLoss(std::string cause, bool hasRun) {
     for (;;) {

@@ -7,7 +7,9 @@
 #include "daemon/ServiceManager.h"
 #include "http/Background.h"
 #include "http/Message.h"
+#include "support/UniqueFd.h"
 
+#include <atomic>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <chrono>
@@ -75,7 +77,15 @@ public:
     /// @return the service as the interface shows it
     QxNJson::json Describe() const;
     const QxCCTESettings::QxSUserSettings& Settings() const { return _settings; }
+    /// @return whether Podman answered the last question
     bool IsAnswering() const { return _isAnswering; }
+    /// @return whether Podman was asked, and did not answer the last time
+    bool IsLost() const { return _askedAt && !_isAnswering; }
+    /// Asks Podman now, within the deadline for answers, where the service runs or failed.
+    /// @return what is wrong; empty when Podman answers
+    QxNHttp::Task<std::string> AskNow();
+    /// @return whether the second service, on the TCP port of the settings, runs; true when there is to be none
+    bool HasTcpService() const;
     std::string Version() const { return _podmanVersion; }
     /// @return whether the service is just starting or stopping
     bool IsBusy() const { return _state == State::Starting || _state == State::Stopping; }
@@ -103,10 +113,14 @@ private:
     std::string PrepareAndStart(bool isRestart);
     QxNHttp::Task<void> AwaitFirstAnswer();
     QxNHttp::Task<Answer> Ask();
+    QxNHttp::Task<void> AskForOthers();
     QxNHttp::Task<void> Watch();
+    QxNHttp::Task<void> AwaitEndOf(QxNSupport::UniqueFd process);
     QxNHttp::Task<void> HandleLoss(std::string cause, bool hasRun);
+    QxNHttp::Task<void> HandleLossOfTcp();
     QxNHttp::Task<void> FeedWatchdog(std::chrono::microseconds interval);
     QxNHttp::Task<void> Pause(std::chrono::steady_clock::duration time);
+    bool IsWanted(State state) const { return _state == state && !_isEnding; }
     void Fail(const std::string& problem);
     void Enter(State state, const std::string& problem = {});
 
@@ -117,6 +131,7 @@ private:
     RestartPolicy _policy;
     boost::asio::thread_pool _control{1};
     boost::asio::thread_pool _asking{1};
+    QxNHttp::Event _answered;
     QxNHttp::Event _wake;
     boost::asio::steady_timer _pause;
     QxNContainer::QxCContainer* _service = nullptr;
@@ -128,8 +143,12 @@ private:
     bool _isInitialised = false;  ///< init() succeeded in this process: not to be called again
     bool _isStarted = false;      ///< Start() succeeded and Stop() has not been called since
     bool _isAsking = false;       ///< a question is still under way, perhaps for ever
+    bool _isAwaited = false;      ///< and its deadline is not over
+    Answer _answer;               ///< to the last question
     bool _isAnswering = false;
-    bool _failureReported = false;  ///< since the last good answer
+    bool _failureReported = false;        ///< since the last good answer
+    std::atomic<int> _servicesWanted{1};  ///< that the last start was to bring
+    bool _wasEnabled = false;             ///< before the library looked at the board for the first time
     unsigned _restarts = 0;
     std::string _podmanVersion;
     std::optional<Clock::time_point> _startedAt;

@@ -83,8 +83,12 @@ public:
 
     Task<std::string> Text(size_t limit) override {
         const auto parser = co_await TakeBody<http::string_body>(limit);
+        // For all of it as well as for its pieces: whoever has no token yet may send one too.
+        const auto end = std::chrono::steady_clock::now() + _ground.options.textTimeout;
         while (!parser->is_done()) {
-            Deadline(_ground.options.idleTimeout);
+            const auto left =
+                std::chrono::floor<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+            Deadline(std::clamp(left, std::chrono::milliseconds(0), _ground.options.idleTimeout));
             beast::error_code error;
             co_await http::async_read_some(_stream, _input, *parser,
                                            asio::redirect_error(asio::use_awaitable, error));
@@ -265,18 +269,32 @@ private:
 
     Client ClientOf(const http::request<http::empty_body>& header) const {
         if (_origin.isLocal) {
-            return {"local", Right::Act, true};
+            return {"local", Right::Act, true, false};
         }
         constexpr std::string_view Bearer = "Bearer ";
         const std::string_view authorization = View(header[http::field::authorization]);
         const std::string_view token = authorization.starts_with(Bearer)
                                            ? authorization.substr(Bearer.size())
                                            : CookieOf(View(header[http::field::cookie]), "qx-session");
-        return token.empty() ? Client{} : _ground.tokens.Find(std::string(token));
+        Client client = token.empty() ? Client{} : _ground.tokens.Find(std::string(token));
+        client.isTls = _origin.isTls;
+        return client;
     }
 
     static bool IsForApi(const Request& request) {
         return !request.segments.empty() && request.segments[0] == ApiSegments[0];
+    }
+
+    /// Of a WebSocket (RFC 6455, 4.2.1).
+    void CheckHandshake() const {
+        constexpr size_t KeyLength = 24;  // 16 bytes in Base64
+        const auto& header = _header->get();
+        if (header[http::field::sec_websocket_version] != "13") {
+            throw Problem(Status::upgrade_required, "WebSockets are spoken here in version 13 only.");
+        }
+        if (header[http::field::sec_websocket_key].size() != KeyLength) {
+            throw Problem(Status::bad_request, "The handshake of a WebSocket needs a Sec-WebSocket-Key.");
+        }
     }
 
     const Router::Route& Admit(const Request& request, std::string& allow) {
@@ -293,6 +311,9 @@ private:
         }
         if (route.right > request.client.right) {
             throw Problem(Status::forbidden, "The token '" + request.client.name + "' may look but not act.");
+        }
+        if (route.stream) {
+            CheckHandshake();
         }
         return route;
     }
@@ -337,6 +358,7 @@ private:
             reply.headers.emplace_back("WWW-Authenticate", "Bearer");
         } else if (problem.status == Status::upgrade_required) {
             reply.headers.emplace_back("Upgrade", "websocket");
+            reply.headers.emplace_back("Sec-WebSocket-Version", "13");
         }
         return reply;
     }

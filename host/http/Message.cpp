@@ -135,8 +135,9 @@ std::optional<std::string> PercentDecode(std::string_view text, bool plusIsBlank
 
 bool ParseTarget(std::string_view target, Request& request) {
     request.target = target;
-    const std::string_view path = target.substr(0, target.find_first_of("?#"));
-    if (!path.starts_with('/')) {
+    const std::string_view path = target.substr(0, target.find('?'));
+    // Fragments stay with the client.
+    if (!path.starts_with('/') || target.find('#') != std::string_view::npos) {
         return false;
     }
     for (std::string_view rest = path.substr(1); !rest.empty();) {
@@ -149,8 +150,7 @@ bool ParseTarget(std::string_view target, Request& request) {
         request.segments.push_back(*name);
     }
     const size_t question = target.find('?');
-    return question == std::string_view::npos ||
-           ParseQuery(target.substr(question + 1, target.find('#', question) - question - 1), request);
+    return question == std::string_view::npos || ParseQuery(target.substr(question + 1), request);
 }
 
 bool IsFileName(std::string_view name) {

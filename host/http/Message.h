@@ -41,6 +41,7 @@ struct Client {
     std::string name;  ///< of the token; "local" on the Unix socket; empty without a token
     Right right = Right::None;
     bool isLocal = false;  ///< came through the Unix socket
+    bool isTls = false;    ///< came through TLS
 };
 
 /// A file under construction: it has no name that anybody looks for until it is given one, and goes when it gets none.

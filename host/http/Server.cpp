@@ -133,7 +133,7 @@ Listener ListenOnTcp(const std::string& wanted, bool isTls, bool mayBeRemote) {
     if (!IsLoopback(address->ai_addr) && !mayBeRemote) {
         Fail(wanted,
              "others than this machine's own programs could reach it. Give a certificate, a key and at least "
-             "one token (qxctl token create), or listen on 127.0.0.1 only");
+             "one token (qxcontainerd --make-token NAME), or listen on 127.0.0.1 only");
     }
     Listener listener{
         UniqueFd(socket(address->ai_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)), false, host, {}};
@@ -246,6 +246,8 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         if (!Assign(stream, client, origin.isLocal ? AF_UNIX : AF_INET)) {
             co_return;
         }
+        // Places of their own: clients of the network do not keep out who is on the board.
+        std::list<Stream*>& streams = origin.isLocal ? localStreams : networkStreams;
         if (isStopping || streams.size() >= options.clients) {
             co_await RefuseConnection(stream);
             co_return;
@@ -295,10 +297,12 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
             boost::system::error_code ignored;
             acceptor->close(ignored);
         }
-        for (Stream* const stream : streams) {
-            stream->cancel();
-            boost::system::error_code ignored;
-            stream->socket().shutdown(asio::socket_base::shutdown_both, ignored);
+        for (const auto* streams : {&localStreams, &networkStreams}) {
+            for (Stream* const stream : *streams) {
+                stream->cancel();
+                boost::system::error_code ignored;
+                stream->socket().shutdown(asio::socket_base::shutdown_both, ignored);
+            }
         }
         RemoveSocket();
     }
@@ -317,7 +321,8 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
     asio::ssl::context tls{asio::ssl::context::tls_server};
     std::vector<Listener> listeners;
     std::vector<std::unique_ptr<Acceptor>> acceptors;
-    std::list<Stream*> streams;
+    std::list<Stream*> localStreams;
+    std::list<Stream*> networkStreams;
     bool isStopping = false;
     bool isRemoved = false;
 };
@@ -339,6 +344,6 @@ std::vector<std::string> Server::Urls() const {
     return urls;
 }
 
-size_t Server::Clients() const { return _impl->streams.size(); }
+size_t Server::Clients() const { return _impl->localStreams.size() + _impl->networkStreams.size(); }
 
 }  // namespace QxNHttp

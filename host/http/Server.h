@@ -21,11 +21,13 @@ struct ServerOptions {
     std::string certificate;  ///< PEM file with the chain; empty for no TLS
     std::string key;          ///< PEM file
     std::string page;         ///< directory of the files that are served under "/"; empty for none
-    size_t clients = 256;     ///< connections at a time; others are answered with 503
+    size_t clients =
+        256;  ///< connections at a time over TCP, and as many over the socket; others are answered with 503
     std::uint64_t largestTarget = 8192;              ///< bytes of request line and header fields together
     std::chrono::milliseconds headerTimeout{10000};  ///< for a request's header to arrive
     std::chrono::milliseconds idleTimeout{60000};    ///< between requests, and for pieces of bodies both ways
-    std::chrono::milliseconds pingTimeout{30000};    ///< for a WebSocket's client to show that it is there
+    std::chrono::milliseconds textTimeout{60000};  ///< for the whole of a body that is not written to a file
+    std::chrono::milliseconds pingTimeout{30000};  ///< for a WebSocket's client to show that it is there
 };
 
 /// Serves REST, WebSockets and the page from one set of listeners, on one thread.

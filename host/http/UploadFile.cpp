@@ -28,7 +28,7 @@ Problem WriteProblem(const std::string& directory, int error) {
 UploadedFile MakeFile(const std::string& directory, QxNSupport::UniqueFd& output) {
     std::error_code ignored;
     std::filesystem::create_directories(directory, ignored);
-    std::string path = directory + "/.upload-XXXXXX";
+    std::string path = directory + "/" + HiddenUploadPrefix + "XXXXXX";
     output = QxNSupport::UniqueFd(mkostemp(path.data(), O_CLOEXEC));
     if (!output.IsOpen()) {
         throw WriteProblem(directory, errno);

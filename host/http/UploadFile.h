@@ -7,6 +7,9 @@
 
 namespace QxNHttp {
 
+/// How the names of files begin that are not finished yet; six letters and digits follow.
+inline constexpr const char* HiddenUploadPrefix = ".qxcontainerd-upload-";
+
 /// The file that a body is written to, on a thread for disks so that a slow one holds up nobody else. Goes when it is
 /// not finished.
 class UploadTarget {

@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
+#include <limits>
 
 namespace {
 
@@ -25,13 +26,13 @@ class Reader {
 public:
     explicit Reader(std::string_view text) : _text(text) {}
 
-    int Number(size_t digits) {
+    int Number(size_t digits, int greatest = std::numeric_limits<int>::max()) {
         int number = 0;
         for (size_t i = 0; i < digits; ++i) {
             number = number * 10 + (Has(i) && IsDigit(_text[i]) ? _text[i] - '0' : Fail());
         }
         Skip(digits);
-        return number;
+        return number <= greatest ? number : Fail();
     }
 
     bool TakeIf(char c) {
@@ -84,9 +85,9 @@ std::int64_t ReadOffset(Reader& reader) {
     if (!isEast) {
         reader.Character('-');
     }
-    const int hours = reader.Number(2);
+    const int hours = reader.Number(2, 23);
     reader.Character(':');
-    const std::int64_t seconds = hours * 3600 + reader.Number(2) * 60;
+    const std::int64_t seconds = hours * 3600 + reader.Number(2, 59) * 60;
     return isEast ? seconds : -seconds;
 }
 
@@ -169,11 +170,11 @@ std::optional<std::int64_t> ReadTime(std::string_view text) {
     reader.Character('-');
     const int days = reader.Number(2);
     reader.Character('T');
-    const int hours = reader.Number(2);
+    const int hours = reader.Number(2, 23);
     reader.Character(':');
-    const int minutes = reader.Number(2);
+    const int minutes = reader.Number(2, 59);
     reader.Character(':');
-    const int seconds = reader.Number(2);
+    const int seconds = reader.Number(2, 59);
     const std::int64_t fraction = reader.TakeIf('.') ? reader.Fraction() : 0;
     const std::int64_t offset = ReadOffset(reader);
     const year_month_day date(year(years), month(static_cast<unsigned>(months)),

@@ -73,12 +73,12 @@ TEST_F(CtlCompose, DeletesAFile) {
 
 TEST_F(CtlCompose, ChecksAFile) {
     Sandbox::WriteFile("/run/demo.yaml", "services: {}\n");
-    daemon.On("POST /compose-files/check", {200, R"({"valid":true,"output":""})"});
+    daemon.On("POST /compose-files/check?file=demo.yaml", {200, R"({"valid":true,"output":""})"});
 
     const Result good = RunCtl({"compose", "check", "/run/demo.yaml"});
     EXPECT_EQ(good.exitCode, 0);
     EXPECT_EQ(good.output, "/run/demo.yaml is a project\n");
-    EXPECT_EQ(daemon.Log(), "POST /compose-files/check services: {}\n\n");
+    EXPECT_EQ(daemon.Log(), "POST /compose-files/check?file=demo.yaml services: {}\n\n");
 
     daemon.On("POST /compose-files/check", {200, R"({"valid":false,"output":"line 1: no\nservices"})"});
     const Result bad = RunCtl({"compose", "check", "-"}, {{}, "x"});
@@ -89,10 +89,10 @@ TEST_F(CtlCompose, ChecksAFile) {
 
 TEST_F(CtlCompose, ChecksAFileOfTheBoard) {
     daemon.On("GET /compose-files/demo.yaml", {200, "kept", "application/yaml"});
-    daemon.On("POST /compose-files/check", {200, R"({"valid":true,"output":""})"});
+    daemon.On("POST /compose-files/check?file=demo.yaml", {200, R"({"valid":true,"output":""})"});
 
     EXPECT_EQ(RunCtl({"compose", "check", "--stored", "demo.yaml"}).exitCode, 0);
-    EXPECT_EQ(daemon.Log(), "GET /compose-files/demo.yaml\nPOST /compose-files/check kept\n");
+    EXPECT_EQ(daemon.Log(), "GET /compose-files/demo.yaml\nPOST /compose-files/check?file=demo.yaml kept\n");
 }
 
 TEST_F(CtlCompose, TakesAProjectThroughItsOperations) {

@@ -308,6 +308,13 @@ TEST(CtlOutput, FailsWhenItCannotBeWritten) {
     EXPECT_THAT(CtlRun::Errors(), HasSubstr("cannot write the result"));
 }
 
+TEST(CtlHelp, NamesACommandThatIsUnknown) {
+    const Result result = RunCtl({"foo", "--json"});
+    EXPECT_EQ(result.exitCode, 2);
+    EXPECT_THAT(result.errors, HasSubstr("there is no command 'foo'"));
+    EXPECT_EQ(RunCtl({}).exitCode, 2);
+}
+
 TEST(CtlHelp, IsThereForEverything) {
     const std::vector<Arguments> commands{{},
                                           {"status"},

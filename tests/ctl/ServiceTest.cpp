@@ -60,7 +60,7 @@ TEST_F(CtlService, TellsWhatIsWrongWithTheService) {
               "restarts  always, 2 of at most 5 in a row, next at 2021-11-21 19:05:00\n"
               "daemon    1.2.3\n"
               "\n"
-              "RESTARTED            CAUSE\n"
+              "LOST                 CAUSE\n"
               "2021-11-21 19:04:00  Podman \uFFFD[31mended\n");
 }
 

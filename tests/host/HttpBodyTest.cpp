@@ -179,7 +179,7 @@ TEST_F(HttpBodies, ThatStallEndTheConnection) {
     for (const char* start : {Post, Put}) {
         HttpClient client(server.port);
         client.Send(Announced(start, 10) + "abc");
-        EXPECT_TRUE(client.IsClosed());
+        EXPECT_TRUE(client.IsClosed()) << start;
     }
     EXPECT_TRUE(IsDeserted());
     EXPECT_THAT(FilesIn(Uploads), IsEmpty());
@@ -191,6 +191,21 @@ TEST_F(HttpBodies, MayComeSlowly) {
     EXPECT_EQ(AskSlowly(Post).body, "xxxxxxxxxx");
     EXPECT_EQ(AskSlowly(Put).status, 201);
     EXPECT_EQ(FileText("name"), "xxxxxxxxxx");
+}
+
+TEST_F(HttpBodies, ThatAreTextsHaveATimeForAllOfThem) {
+    server.options.textTimeout = std::chrono::milliseconds(1000);
+    server.Serve();
+    HttpClient client(server.port);
+    client.Send(Announced(Post, 1000));
+    int sent = 0;
+    while (!client.HasInput(20) && sent < 500) {
+        client.Send("x");
+        ++sent;
+    }
+    EXPECT_LT(sent, 500) << "bytes one by one keep no connection";
+    EXPECT_TRUE(client.IsClosed());
+    EXPECT_EQ(AskSlowly(Put).status, 201);
 }
 
 TEST_F(HttpBodies, AreWrittenToFiles) {

@@ -62,6 +62,20 @@ TEST_F(HttpListeners, TellTheirAddresses) {
                 ElementsAre(std::string("unix:") + SocketPath, StartsWith("http://127.0.0.1:")));
 }
 
+TEST_F(HttpListeners, OnTheUnixSocketHavePlacesOfTheirOwn) {
+    server.options.clients = 1;
+    server.options.socket = SocketPath;
+    server.Serve();
+    HttpClient network(server.port);
+    EXPECT_EQ(network.Ask(Get("/api/v1/hello")).status, 200);
+    EXPECT_EQ(HttpClient(server.port).Ask(Get("/api/v1/hello")).status, 503);
+
+    HttpClient local{std::string(SocketPath)};
+    EXPECT_EQ(local.Ask(Get("/api/v1/hello")).status, 200);
+    EXPECT_EQ(HttpClient(std::string(SocketPath)).Ask(Get("/api/v1/hello")).status, 503);
+    EXPECT_EQ(server.Clients(), 2U);
+}
+
 TEST_F(HttpListeners, OnTheUnixSocketKnowWhoComes) {
     ListenLocally();
     server.Serve();

@@ -21,6 +21,18 @@ using testing::HasSubstr;
 
 namespace {
 
+TEST(HttpTimes, AreToldAsLengthsForPeople) {
+    using namespace std::chrono_literals;
+    EXPECT_EQ(QxNHttp::DurationText(-5s), "0 seconds");
+    EXPECT_EQ(QxNHttp::DurationText(1999ms), "1 second");
+    EXPECT_EQ(QxNHttp::DurationText(119s), "119 seconds");
+    EXPECT_EQ(QxNHttp::DurationText(120s), "2 minutes");
+    EXPECT_EQ(QxNHttp::DurationText(119min), "119 minutes");
+    EXPECT_EQ(QxNHttp::DurationText(2h), "2 hours");
+    EXPECT_EQ(QxNHttp::DurationText(47h + 59min), "47 hours");
+    EXPECT_EQ(QxNHttp::DurationText(48h), "2 days");
+}
+
 TEST(HttpParameters, HaveDefaults) {
     const Request request;
     EXPECT_EQ(request.Parameter("name"), "");

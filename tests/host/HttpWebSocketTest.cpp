@@ -253,13 +253,16 @@ TEST_F(HttpWebSockets, MayBeRefusedBeforeTheHandshake) {
 
 TEST_F(HttpWebSockets, NeedAWholeHandshake) {
     Serve(UntilCancelled());
-    for (const char* fields :
-         {"Sec-WebSocket-Version: 13\r\n",
-          "Sec-WebSocket-Version: 12\r\nSec-WebSocket-Key: MDEyMzQ1Njc4OWFiY2RlZg==\r\n"}) {
-        const Answer answer =
-            Ask(Get(Address, "Connection: Upgrade\r\nUpgrade: websocket\r\n" + std::string(fields)));
-        EXPECT_GE(answer.status, 400) << fields;
-        EXPECT_LT(answer.status, 500) << fields;
+    const std::string key = "Sec-WebSocket-Key: MDEyMzQ1Njc4OWFiY2RlZg==\r\n";
+    for (const auto& [fields, status] :
+         {std::pair<std::string, int>("Sec-WebSocket-Version: 13\r\n", 400),
+          std::pair<std::string, int>("Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: x\r\n", 400),
+          std::pair<std::string, int>("Sec-WebSocket-Version: 12\r\n" + key, 426),
+          std::pair<std::string, int>(key, 426)}) {
+        const Answer answer = Ask(Get(Address, "Connection: Upgrade\r\nUpgrade: websocket\r\n" + fields));
+        EXPECT_EQ(answer.status, status) << fields;
+        EXPECT_EQ(answer.Header("content-type"), "application/problem+json") << fields;
+        EXPECT_EQ(answer.Header("sec-websocket-version"), status == 426 ? "13" : "(none)") << fields;
     }
     EXPECT_TRUE(IsDeserted());
 }

@@ -64,7 +64,8 @@ export function FileEditor({ name }: { name: string }) {
     const isTooLong = bytesOf(text) > longestFile;
 
     const check = async (): Promise<types.ComposeCheck> => {
-        const answer = await api.send("/compose-files/check", types.composeCheck, {
+        const as = nameIsGood ? `?file=${segment(file)}` : "";
+        const answer = await api.send(`/compose-files/check${as}`, types.composeCheck, {
             body: text,
             contentType: "application/yaml",
         });

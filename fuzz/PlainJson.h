@@ -1,0 +1,28 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <string>
+
+namespace Fuzz {
+
+/// The rule for JSON in another way than the product's: what is nested deeper than 500 levels is none.
+/// @return a discarded value for what is no JSON
+inline nlohmann::json ReadJson(const std::string& text) {
+    using Json = nlohmann::json;
+    constexpr int MaxDepth = 500;
+    int levels = 0;
+    Json value = Json::parse(
+        text,
+        [&](int depth, Json::parse_event_t event, const Json&) {
+            if (event == Json::parse_event_t::object_start || event == Json::parse_event_t::array_start) {
+                levels = std::max(levels, depth + 1);
+            }
+            return true;
+        },
+        false);
+    return levels > MaxDepth ? Json(Json::value_t::discarded) : value;
+}
+
+}  // namespace Fuzz

@@ -1,0 +1,309 @@
+// What the daemon makes of a board with something wrong.
+
+#include "ApiOnBoard.h"
+
+#include <gmock/gmock.h>
+#include <chrono>
+#include <thread>
+
+using namespace OnBoard;
+using QxNJson::json;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+namespace {
+
+std::string Problem() { return Ask("/service").Json()["problem"].get<std::string>(); }
+
+/// What the check says now.
+class Checks {
+public:
+    std::string Verdict(const std::string& id) const { return Member(id, "verdict"); }
+    std::string Found(const std::string& id) const { return Member(id, "found"); }
+    std::string Remedy(const std::string& id) const { return Member(id, "remedy"); }
+
+private:
+    std::string Member(const std::string& id, const char* name) const {
+        for (const auto& check : _answer["checks"]) {
+            if (check["id"] == id) {
+                return check[name].get<std::string>();
+            }
+        }
+        return "(no such check)";
+    }
+
+    const json _answer = Ask("/check").Json();
+};
+
+size_t Restarts() { return Ask("/service").Json()["restarts"]["history"].size(); }
+
+/// Puts certificates in place.
+void Install(const std::string& key) {
+    Output("mkdir -p " + CONTAINER_CERTS_DIR + " && cd /opt/qx/share/certs && cp ca.crt server.crt " +
+           CONTAINER_CERTS_DIR + " && cp " + key + " " + CONTAINER_CERTS_DIR + "/server.key");
+}
+
+/// Makes a certificate of the server's key.
+void Make(const std::string& file, int days) {
+    Output("cd " + CONTAINER_CERTS_DIR + " && openssl req -x509 -key server.key -subj /CN=board -days " +
+           std::to_string(days) + " -out " + file + " 2>/dev/null");
+}
+
+/// Podman hangs, and nothing is done about it.
+class HangingForEver : public ApiOnBoard {
+protected:
+    HangingForEver() : ApiOnBoard({"--restart", "never", "--liveness-deadline", "1"}) {}
+};
+
+TEST_F(HangingForEver, PodmanKeepsNobodyWaiting) {
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    Output("pkill -STOP -f '[p]odman system service'");
+    ASSERT_TRUE(Becomes("failed"));
+    const auto start = std::chrono::steady_clock::now();
+
+    for (int i = 0; i < 20; ++i) {
+        const Answer answer = Ask("/containers");
+        EXPECT_EQ(answer.status, 503);
+        EXPECT_THAT(answer.Detail(), HasSubstr("has not answered"));
+    }
+    EXPECT_EQ(Post("/images", "--data-binary x").status, 503);
+    EXPECT_EQ(Checks().Verdict("podman"), "error");
+    EXPECT_EQ(Ask("/cores").status, 200);
+
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+    EXPECT_EQ(Post("/service/start").status, 200) << "with a new Podman";
+    EXPECT_THAT(Processes("podman system service"), SizeIs(1));
+}
+
+TEST_F(ApiOnBoard, ChecksPodmanWhenItIsAsked) {
+    Output("pkill -STOP -f '[p]odman system service'");
+    const Checks checks;
+    EXPECT_EQ(checks.Verdict("podman"), "error");
+    EXPECT_THAT(checks.Found("podman"), HasSubstr("has not answered within"));
+}
+
+TEST(ApiMessages, OfOthersAreNotThePodmansEnd) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    // Podman that takes its time: the service's link never replaces what exists.
+    Output(
+        "printf '#!/bin/sh\\n[ \"$1\" = start ] && sleep 3\\nexec /mnt/containers_tools/bin/podman "
+        "\"$@\"\\n' > /bin/podman; "
+        "chmod +x /bin/podman");
+    Daemon daemon({"--enable", "--restart", "never"});
+    ASSERT_TRUE(Becomes("starting"));
+    Output(
+        "for i in 1 2 3 4 5 6 7 8; do echo '{\"severity\":3,\"source\":\"PLC\",\"text\":\"Podman service of "
+        "ours failed\","
+        "\"number\":1,\"time\":\"2026-01-01T00:00:00.000Z\"}' >> /run/quolex/messages.jsonl; sleep 0.2; "
+        "done");
+
+    EXPECT_EQ(State(), "starting");
+    EXPECT_TRUE(Becomes("running"));
+}
+
+TEST(ApiStart, CanBeTakenBackWhileItHangs) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Output(
+        "printf '#!/bin/sh\\n[ \"$1\" = start ] && sleep 5\\nexec /mnt/containers_tools/bin/podman "
+        "\"$@\"\\n' > /bin/podman; "
+        "chmod +x /bin/podman");
+    Daemon daemon({"--enable"});
+    ASSERT_TRUE(Becomes("starting"));
+    ASSERT_TRUE(Logged("Starting all containers"));
+
+    EXPECT_EQ(Post("/service/stop").status, 200);
+
+    EXPECT_EQ(State(), "stopped");
+    EXPECT_THAT(Processes("podman system service"), IsEmpty());
+    EXPECT_EQ(Post("/service/start").status, 200);
+    EXPECT_EQ(State(), "running");
+}
+
+TEST(ApiPodmansEnd, IsNoticedAtOnce) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Daemon daemon({"--enable", "--restart", "never", "--liveness-interval", "1000"});
+    ASSERT_TRUE(Becomes("running"));
+
+    Output("pkill -KILL -f '[p]odman system service'");
+
+    EXPECT_TRUE(Becomes("failed"));
+    EXPECT_THAT(Problem(), HasSubstr("Podman is gone"));
+}
+
+// --- The service on a TCP port ---
+
+class TcpOnBoard : public ApiOnBoard {
+protected:
+    TcpOnBoard() : ApiOnBoard({"--tcp-port", "8443"}) {}
+};
+
+TEST_F(TcpOnBoard, IsWatchedToo) {
+    EXPECT_EQ(Checks().Verdict("tcp"), "ok");
+    // One that ends right after its start would not be started again.
+    std::this_thread::sleep_for(std::chrono::seconds(11));
+    Output("pkill -KILL -f '[p]odman system service.*tcp:'");
+
+    ASSERT_TRUE(Eventually([] { return Restarts() == 1; }));
+    EXPECT_THAT(Ask("/service").Json()["restarts"]["history"][0]["cause"].get<std::string>(),
+                HasSubstr("TCP port 8443 has ended"));
+    EXPECT_TRUE(Becomes("running"));
+    EXPECT_TRUE(Eventually([] { return Processes("podman system service").size() == 2; }));
+}
+
+TEST(TcpWithAWrongKey, IsReportedWithoutRestarts) {
+    Install("client.key");
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Daemon daemon({"--enable", "--tcp-port", "8443", "--liveness-interval", "0.5"});
+    ASSERT_TRUE(Becomes("running"));
+
+    ASSERT_TRUE(Eventually([] { return !Problem().empty(); }));
+    EXPECT_THAT(Problem(), HasSubstr("right after its start"));
+    EXPECT_EQ(State(), "running");
+    EXPECT_EQ(Restarts(), 0U);
+    const Checks checks;
+    EXPECT_EQ(checks.Verdict("tcp"), "error");
+    EXPECT_EQ(checks.Verdict("certificates"), "error");
+    EXPECT_THAT(checks.Found("certificates"), HasSubstr("server.key is not the key of server.crt"));
+    EXPECT_EQ(checks.Verdict("podman"), "ok");
+}
+
+// --- Boards that are not ready ---
+
+TEST(AlwaysOnBoard, TheServiceComesWithALateDrive) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Output("mkdir /run/drive && mount --move /userstorage1 /run/drive");
+    Daemon daemon({"--enable", "--restart", "always", "--restart-delay", "1", "--restart-limit", "50"});
+    ASSERT_TRUE(Becomes("waiting"));
+    EXPECT_THAT(Problem(), HasSubstr("userstorage1"));
+
+    Output("mount --move /run/drive /userstorage1");
+
+    EXPECT_TRUE(Becomes("running"));
+    EXPECT_EQ(Ask("/service").Json()["enabled"], true);
+}
+
+TEST_F(ApiOnBoard, KeepsNothingWithoutAUserStorage) {
+    Output("umount -l /userstorage1");
+    for (const char* const file : {"/compose-files/x.yaml", "/plugins/x.crp"}) {
+        const Answer answer = Ask(file, "-X PUT --data-binary x");
+        EXPECT_EQ(answer.status, 409) << file;
+        EXPECT_THAT(answer.Detail(), HasSubstr("Nothing was kept")) << file;
+    }
+    EXPECT_EQ(Post("/images", "--data-binary x").status, 409);
+    EXPECT_EQ(Output("find /userstorage1 -type f | wc -l"), "0");
+    const Checks checks;
+    EXPECT_EQ(checks.Verdict("user-storage"), "error");
+    EXPECT_EQ(checks.Verdict("space"), "unknown");
+}
+
+TEST_F(ApiOnBoard, TakesNoImageWhileTheServiceIsStopped) {
+    EXPECT_EQ(Post("/service/stop").status, 200);
+    Output("truncate -s 1G /tmp/large");
+    const auto start = std::chrono::steady_clock::now();
+    const Answer answer = Post("/images", "-T /tmp/large");
+    EXPECT_EQ(answer.status, 503);
+    EXPECT_THAT(answer.Detail(), HasSubstr("Somebody stopped the service"));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+TEST_F(ApiOnBoard, FindsWhatIsWrongWithLinksDiskAndCores) {
+    Output(
+        "rm /bin/crun /bin/docker-compose; ln -s /bin/true /bin/crun; printf 'write through' > "
+        "/sys/block/sda/queue/write_cache");
+    Shell("sh -c 'echo $$ >" + ContainerCpuSet() + "/cgroup.procs; exec sleep 100' >/dev/null 2>&1 &");
+    ASSERT_TRUE(Eventually([] { return !Ask("/cores").Json()["strangers"].empty(); }));
+
+    const Checks checks;
+    EXPECT_EQ(checks.Found("links"), "/bin/crun leads to /bin/true; /bin/docker-compose is missing");
+    EXPECT_THAT(checks.Remedy("links"), HasSubstr("Remove what stands there"));
+    EXPECT_EQ(checks.Verdict("write-cache"), "warning");
+    EXPECT_THAT(checks.Found("cpu-set"), HasSubstr("processes that do not belong there: 1"));
+
+    Output("rm /bin/crun; pkill sleep");
+    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"cores\":0}'").status, 200);
+    const Checks later;
+    EXPECT_EQ(later.Found("links"), "/bin/crun is missing; /bin/docker-compose is missing");
+    EXPECT_THAT(later.Remedy("links"), HasSubstr("makes missing links"));
+    EXPECT_THAT(later.Found("cpu-set"), HasSubstr("configured are 0"));
+}
+
+TEST_F(ApiOnBoard, FindsWhatIsWrongWithCertificates) {
+    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":8443}'").status, 200);
+    const Checks without;
+    EXPECT_EQ(without.Verdict("certificates"), "warning");
+    EXPECT_THAT(without.Found("certificates"), HasSubstr("missing: ca.crt, server.crt, server.key"));
+
+    Install("server.key");
+    Make("server.crt", 100);
+    Make("ca.crt", 100);
+    EXPECT_EQ(Checks().Verdict("certificates"), "ok");
+    Make("server.crt", 20);
+    EXPECT_EQ(Checks().Verdict("certificates"), "warning");
+    Output("printf x > " + CONTAINER_CERTS_DIR + "/ca.crt");
+    const Checks wrong;
+    EXPECT_EQ(wrong.Verdict("certificates"), "error");
+    EXPECT_THAT(wrong.Found("certificates"), HasSubstr("ca.crt is no certificate"));
+}
+
+TEST_F(ApiOnBoard, FindsWhatIsWrongWithTheFirmware) {
+    Output("umount -l /mnt/containers_tools; umount -l /mnt/cfdrive");
+    const Checks checks;
+    EXPECT_EQ(checks.Verdict("mount"), "error");
+    EXPECT_EQ(checks.Verdict("versions"), "error");
+    EXPECT_THAT(checks.Found("versions"), HasSubstr("podman does not run"));
+    EXPECT_EQ(checks.Verdict("firmware"), "error");
+    EXPECT_THAT(checks.Found("firmware"), HasSubstr("is missing"));
+}
+
+TEST_F(ApiOnBoard, ChecksAFileAsWhatItWillBe) {
+    const std::string text =
+        "-d 'services: {web: {image: localhost/busybox:1, env_file: ./my.env}}' -H 'Content-Type: "
+        "application/yaml'";
+    Output("mkdir -p " + COMPOSE_FILES_PATH + " && echo A=1 > " + COMPOSE_FILES_PATH + "my.env");
+    const json good = Post("/compose-files/check?file=demo.yaml", text).Json();
+    EXPECT_EQ(good["valid"], true) << good.dump(2);
+    EXPECT_EQ(Post("/compose-files/check?file=Demo.Two.yaml", text).Json()["valid"], false);
+    EXPECT_EQ(Post("/compose-files/check?file=../x.yaml", text).status, 400);
+    EXPECT_EQ(Post("/compose-files/check", text).Json()["valid"], true);
+}
+
+TEST(ApiUploads, ThatWereNeverFinishedAreRemoved) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Output("mkdir -p " + PLUGINS_DIR + " " + IMAGES_STORAGE_DIR + "; cd " + PLUGINS_DIR +
+           "; touch .qxcontainerd-upload-aB3dEf qxcontainerd-upload-aB3dEf qxcontainerd-upload-long-er "
+           ".upload-aB3dEf; "
+           "truncate -s 1000 " +
+           IMAGES_STORAGE_DIR + "/.qxcontainerd-upload-xxxxxx");
+    Daemon daemon({"--enable"});
+    ASSERT_TRUE(Becomes("running"));
+
+    EXPECT_EQ(Output("ls -A " + PLUGINS_DIR + " | sort | tr '\\n' ' '"),
+              ".upload-aB3dEf qxcontainerd-upload-long-er ");
+    EXPECT_EQ(Output("ls -A " + IMAGES_STORAGE_DIR), "");
+    EXPECT_TRUE(Logged("[WARNING] Quolex Container Host: An upload of 1000 bytes in " + IMAGES_STORAGE_DIR +
+                       " had never been finished; it has been removed."));
+}
+
+TEST(ApiFirstToken, IsMadeByTheDaemonThatNeedsOne) {
+    const std::string start =
+        "/opt/qx/bin/qxcontainerd --socket /run/other.sock --listen 0.0.0.0:9000 --tokens /tmp/tokens.json "
+        "--certificate "
+        "/opt/qx/share/certs/server.crt --key /opt/qx/share/certs/server.key ";
+    EXPECT_THAT(Shell(start).output, HasSubstr("--make-token"));
+    const std::string token =
+        Output("/opt/qx/bin/qxcontainerd --tokens /tmp/tokens.json --make-token first --act");
+    EXPECT_EQ(Shell("/opt/qx/bin/qxcontainerd --tokens /tmp/tokens.json --make-token first").status, 3);
+    EXPECT_EQ(Shell("/opt/qx/bin/qxcontainerd --tokens /tmp/tokens.json --make-token 'a b'").status, 2);
+
+    Daemon daemon({"--listen", "0.0.0.0:9000", "--tokens", "/tmp/tokens.json", "--certificate",
+                   "/opt/qx/share/certs/server.crt", "--key", "/opt/qx/share/certs/server.key"});
+    ASSERT_TRUE(Eventually([&] {
+        return Curl("--cacert /opt/qx/share/certs/ca.crt -H 'Authorization: Bearer " + token +
+                    "' https://localhost:9000/api/v1/session")
+                   .text.find("\"act\"") != std::string::npos;
+    }));
+}
+
+}  // namespace
