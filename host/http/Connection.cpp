@@ -31,7 +31,7 @@ namespace QxNHttp {
 namespace {
 
 constexpr size_t LargestInput = 64 << 10;
-constexpr size_t LargestLeftover = 1 << 20;
+constexpr size_t LargestLeftover = 64 << 20;
 constexpr std::chrono::seconds LingerTimeout{2};
 constexpr size_t FilePiece = 256 << 10;
 constexpr size_t LargestClientMessage = 4096;

@@ -188,9 +188,11 @@ class Replay:
         example, media = self.example_body(operation)
         headers = {**({"Content-Type": media} if media else {}), **headers}
         with contextlib.closing(Connection(via or self.socket)) as connection:
-            connection.request(
-                operation.method, self.target(operation, values, query), example if body is None else body, headers
-            )
+            # A daemon that refuses at once has answered already.
+            with contextlib.suppress(BrokenPipeError):
+                connection.request(
+                    operation.method, self.target(operation, values, query), example if body is None else body, headers
+                )
             response = connection.getresponse()
             return Answer(response.status, response.headers.get("Content-Type", ""), response.read())
 

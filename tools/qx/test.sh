@@ -75,12 +75,14 @@ test_page_in_browser() {
     export QX_PAGE_SHOTS=$root/build/pictures
     step "Test the web page before a stand-in" npm --prefix host/page run test:browser
     install -D tools/demo/on-board.sh build/release/stage/share/demo/on-board.sh
+    step "Pack two plugins" pack_plugins build/demo
     board/board up --quiet --name "$name" --bind "$root/build/release/stage:/opt/qx:ro" >/dev/null
     # shellcheck disable=SC2064
     trap "board/board down '$name' >/dev/null 2>&1" EXIT
     step "Start the daemon on a board" board/board exec "$name" -- /opt/qx/share/demo/on-board.sh stay
     reach_page "$name"
-    QX_PAGE_URL=http://127.0.0.1:$page_port QX_PAGE_TOKEN=$(new_token "$name" act --act) \
+    QX_PAGE_BOARD="'$root/board/board' exec '$name' --" QX_PAGE_PLUGINS=$root/build/demo \
+        QX_PAGE_URL=http://127.0.0.1:$page_port QX_PAGE_TOKEN=$(new_token "$name" act --act) \
         QX_PAGE_LOOK_TOKEN=$(new_token "$name" look) \
         step "Test the web page before the daemon" npm --prefix host/page run test:browser
     board/board down "$name" >/dev/null

@@ -165,6 +165,7 @@ const firstState = () => ({
             { text: "services:\n  one:\n    image: localhost/busybox:1\n", modified: "2026-11-20T07:00:00Z" },
         ],
     ]),
+    switched: new Map(),
     plugins: [
         {
             fileName: "network.crp",
@@ -221,7 +222,6 @@ const firstState = () => ({
         },
     ],
     faults: new Map(),
-    requests: [],
     slow: 0,
 });
 
@@ -478,7 +478,6 @@ export class MockDaemon {
         };
         const url = new URL(request.url, "http://localhost");
         const path = url.pathname.replace(/^\/api\/v1/, "");
-        this.state.requests.push(`UPGRADE ${path}${url.search}`);
         if (!this.who(request)) {
             refuse(401, "Unauthorized", "Sign in first.");
             return;
@@ -539,10 +538,6 @@ export class MockDaemon {
         const url = new URL(request.url, "http://localhost");
         try {
             if (url.pathname.startsWith("/mock/")) {
-                if (url.pathname === "/mock/requests") {
-                    response.end(JSON.stringify(this.state.requests.splice(0)));
-                    return;
-                }
                 await this.script(url.pathname.slice(6), JSON.parse((await bodyOf(request)) || "{}"));
                 response.writeHead(204).end();
             } else if (url.pathname.startsWith("/api/v1/")) {
@@ -616,6 +611,9 @@ export class MockDaemon {
             case "restart":
                 setTimeout(async () => {
                     await this.close(given.word ?? "stopping");
+                    for (const [plugin, isOff] of this.state.switched) {
+                        plugin.isDeactivated = isOff;
+                    }
                     setTimeout(() => void this.listen(), given.away);
                 }, 20);
                 break;
@@ -630,7 +628,6 @@ export class MockDaemon {
     async api(request, response, url, path) {
         const { state } = this;
         const method = request.method;
-        state.requests.push(`${method} ${path}${url.search}`);
         const json = (value, status = 200, headers = {}) => {
             response.writeHead(status, {
                 "Content-Type": "application/json",
@@ -901,7 +898,8 @@ export class MockDaemon {
                 return;
             case "POST plugins/*/*":
                 for (const plugin of state.plugins.filter((other) => other.fileName === second)) {
-                    plugin.isDeactivated = third === "deactivate";
+                    // listed after the next start only
+                    state.switched.set(plugin, third === "deactivate");
                 }
                 done();
                 return;

@@ -6,6 +6,9 @@ import { Act, Loading, Stale, State, Table, useActing } from "../parts/basics";
 import { Upload } from "../parts/Upload";
 import { usePoll } from "../poll";
 
+/** What was switched, by path, kept while the page is open: the daemon lists it only after its next start. */
+const switched = new Map<string, boolean>();
+
 export function Plugins() {
     const { api, ask } = useShared();
     const { data, problem, refresh } = usePoll(
@@ -18,10 +21,22 @@ export function Plugins() {
         act("Plugins", "The plugin directories were read again.", () =>
             api.send("/plugins/rescan", types.plugins, {}),
         );
+    const isOff = (plugin: types.Plugin) => {
+        if (switched.get(plugin.path) === plugin.isDeactivated) {
+            switched.delete(plugin.path);
+        }
+        return switched.get(plugin.path) ?? plugin.isDeactivated;
+    };
     const turn = (plugin: types.Plugin) => {
-        const action = plugin.isDeactivated ? "activate" : "deactivate";
-        return act(plugin.fileName, `${plugin.fileName} ${action}d, from the next start of the daemon.`, () =>
-            api.act(`/plugins/${segment(plugin.fileName)}/${action}`),
+        const off = !isOff(plugin);
+        const action = off ? "deactivate" : "activate";
+        return act(
+            plugin.fileName,
+            `${plugin.fileName} ${action}d, from the next start of the daemon.`,
+            async () => {
+                await api.act(`/plugins/${segment(plugin.fileName)}/${action}`);
+                switched.set(plugin.path, off);
+            },
         );
     };
     const remove = async (plugin: types.Plugin) => {
@@ -108,12 +123,12 @@ export function Plugins() {
                                         word={plugin.isLoaded ? "running" : "stopped"}
                                         say={plugin.isLoaded ? "loaded" : "not loaded"}
                                     />
-                                    {plugin.isDeactivated ? (
+                                    {isOff(plugin) !== plugin.isDeactivated ? (
                                         <div class="aside">
-                                            {plugin.isLoaded
-                                                ? "off from the daemon's next start"
-                                                : "deactivated"}
+                                            {isOff(plugin) ? "off" : "on"} from the daemon's next start
                                         </div>
+                                    ) : plugin.isDeactivated ? (
+                                        <div class="aside">deactivated</div>
                                     ) : null}
                                 </>
                             ),
@@ -152,10 +167,10 @@ export function Plugins() {
                                 <div class="buttons">
                                     <Act
                                         off={busy.has(plugin.fileName)}
-                                        aria-label={`${plugin.isDeactivated ? "Activate" : "Deactivate"} ${plugin.fileName}`}
+                                        aria-label={`${isOff(plugin) ? "Activate" : "Deactivate"} ${plugin.fileName}`}
                                         onClick={() => turn(plugin)}
                                     >
-                                        {plugin.isDeactivated ? "Activate" : "Deactivate"}
+                                        {isOff(plugin) ? "Activate" : "Deactivate"}
                                     </Act>
                                     {plugin.directory === "user" ? (
                                         <Act

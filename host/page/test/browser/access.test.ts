@@ -5,6 +5,7 @@ import {
     expectFaults,
     go,
     isMock,
+    loading,
     lookIt,
     lookToken,
     mockIt,
@@ -68,7 +69,7 @@ describe("access", () => {
             "projects/+new",
         ]) {
             await go(page, `/${view}`);
-            await page.getByText("Loading").waitFor({ state: "detached" });
+            await page.getByText(loading).waitFor({ state: "detached" });
             await page.getByText("Your token may look but not act.").waitFor();
             const acting = page.locator('main button[aria-describedby="look-only"]');
             // A board may have no project, plugin or image yet.

@@ -1,7 +1,7 @@
 import { createRequire } from "node:module";
 import type { Page } from "playwright-core";
 import { describe, expect, it } from "vitest";
-import { away, container, enter, expectFaults, go, logHas, mockIt, shot, visit } from "./world";
+import { away, container, enter, expectFaults, go, loading, logHas, mockIt, shot, visit } from "./world";
 
 const axe = createRequire(import.meta.url).resolve("axe-core");
 const views = [
@@ -19,7 +19,7 @@ const views = [
 const nameOf = (view: string) => view.replace(/\W+/g, "-");
 
 async function settled(page: Page, view: string): Promise<void> {
-    await page.getByText("Loading").first().waitFor({ state: "detached" });
+    await page.getByText(loading).first().waitFor({ state: "detached" });
     if (view.startsWith("log")) {
         await logHas(page, (rows) => rows.some(Boolean), "lines");
     }

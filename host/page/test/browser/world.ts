@@ -5,13 +5,17 @@
  *   QX_PAGE_TOKEN       a token with the right "act"
  *   QX_PAGE_LOOK_TOKEN  a token with the right "look"; without it such tests are skipped on a daemon
  *   QX_PAGE_CONTAINER   a running container that writes at least a line a second; "clock" without it
+ *   QX_PAGE_BOARD       words of the shell in front of a program that is to run on the daemon's board, such as
+ *                       "board exec NAME --"; without them tests that need that are skipped on a daemon
+ *   QX_PAGE_PLUGINS     where the plugin files network.crp and sensors.crp are; without it a test is skipped
  *   QX_PAGE_SHOTS       where screenshots go; "test-output" without it
  *   QX_PAGE_BROWSER     the browser's program; Debian's Chromium without it
  */
-import { type ChildProcess, spawn } from "node:child_process";
+import { type ChildProcess, execFile, spawn } from "node:child_process";
 import { mkdirSync } from "node:fs";
 import { join } from "node:path";
 import { fileURLToPath } from "node:url";
+import { promisify } from "node:util";
 import {
     type Browser,
     type BrowserContext,
@@ -19,7 +23,7 @@ import {
     chromium,
     type Page,
 } from "playwright-core";
-import { afterAll, afterEach, beforeAll, beforeEach, expect, it } from "vitest";
+import { afterAll, afterEach, beforeAll, beforeEach, describe, expect, it, onTestFinished } from "vitest";
 
 const given = process.env.QX_PAGE_URL;
 export const isMock = !given;
@@ -31,6 +35,43 @@ const shots = process.env.QX_PAGE_SHOTS ?? fileURLToPath(new URL("../../test-out
 /** For what only the mock's scripting can bring about. */
 export const mockIt = it.skipIf(!isMock);
 export const lookIt = it.skipIf(!lookToken);
+
+const boardWords = isMock ? "" : (process.env.QX_PAGE_BOARD ?? "");
+export const plugins = boardWords ? (process.env.QX_PAGE_PLUGINS ?? "") : "";
+/** For what the mock can be told to do, and containers or commands on a board can do in truth. */
+export const scriptedIt = it.skipIf(!isMock && !boardWords);
+/** For what only a board has. */
+export const describeOnBoard = describe.skipIf(!boardWords);
+
+/** Runs a script on the board, with the container tools at hand. What it writes is the answer. */
+export async function onBoard(script: string, ...parameters: string[]): Promise<string> {
+    return (await rawOnBoard(script, ...parameters)).toString().trim();
+}
+
+export async function rawOnBoard(script: string, ...parameters: string[]): Promise<Buffer> {
+    const tools = ["LD_LIBRARY_PATH=/mnt/containers_tools/lib", "PODMAN_IGNORE_CGROUPSV1_WARNING=1"];
+    const { stdout } = await promisify(execFile)(
+        "sh",
+        ["-c", `${boardWords} "$@"`, "sh", "env", ...tools, "sh", "-euc", script, "sh", ...parameters],
+        { encoding: "buffer", maxBuffer: 64 * 1024 * 1024 },
+    );
+    return stdout;
+}
+
+/** Runs a script in a container on the board until the test has ended. The container ends at once when it is told to. */
+export async function run(
+    name: string,
+    script: string,
+    parameters: string[] = [],
+    options: string[] = [],
+): Promise<void> {
+    onTestFinished(async () => {
+        await onBoard('podman rm --force --ignore --time=0 "$1"', name);
+    });
+    const usual = ["--detach", "--replace", "--name", name, "--network=none", "--stop-timeout=0"];
+    const command = ["sh", "-c", script, "sh", ...parameters];
+    await onBoard('podman run "$@"', ...usual, ...options, "localhost/busybox:1", ...command);
+}
 
 let address = given ? given.replace(/\/*$/, "/") : "";
 let mock: ChildProcess | null = null;
@@ -95,6 +136,9 @@ export function expectFaults(...patterns: RegExp[]): void {
     expected.push(...patterns);
 }
 
+/** What a view says before it has data; a message of the board may begin in the same way. */
+export const loading = /^Loading .*…$/;
+
 export const away = /Failed to load resource|WebSocket connection|ERR_/;
 
 /** Tells the mock what to do. */
@@ -113,11 +157,6 @@ export async function script(what: string, parameters: unknown = {}): Promise<vo
             await new Promise((resolve) => setTimeout(resolve, 100));
         }
     }
-}
-
-/** What the mock was asked since it was asked for that last. */
-export async function requests(): Promise<string[]> {
-    return (await (await fetch(`${address}mock/requests`)).json()) as string[];
 }
 
 export async function visit(fragment = "", options: BrowserContextOptions = {}): Promise<Page> {
@@ -157,6 +196,14 @@ export async function go(page: Page, view: string): Promise<void> {
 
 export async function shot(page: Page, name: string, fullPage = false): Promise<void> {
     await page.screenshot({ path: join(shots, `${name}.png`), fullPage });
+}
+
+/** The processes in which pages live. */
+export async function renderers(): Promise<number[]> {
+    const session = await browser.newBrowserCDPSession();
+    const { processInfo } = await session.send("SystemInfo.getProcessInfo");
+    await session.detach();
+    return processInfo.filter(({ type }) => type === "renderer").map(({ id }) => id);
 }
 
 /** The rows that the log shows. */
