@@ -6,6 +6,14 @@ measure_idle_daemon() { # RESULT
         /idle-daemon >"$1"
 }
 
+measure_library() { # RESULT
+    local stripped=build/bench/library
+    strip -o "$stripped" build/release/libQxContainerUtils.so
+    printf '{"context": {"filter": "."}, "benchmarks": [
+  {"run_name": "StrippedLibrary/ours", "run_type": "iteration", "bytes": %d}
+]}\n' "$(stat -c %s "$stripped")" >"$1"
+}
+
 task_bench() {
     case ${1:-} in
         -h | --help)
@@ -30,7 +38,8 @@ task_bench() {
         board/board fetch --suite auto
         step "Stage the product for the board" stage_for_board release
         step "Measure the daemon at rest" measure_idle_daemon build/bench/idle_daemon.json
-        results+=(build/bench/idle_daemon.json)
+        step "Measure the library" measure_library build/bench/library.json
+        results+=(build/bench/idle_daemon.json build/bench/library.json)
     fi
     python3 tools/qx/bench_table.py bench/targets.json "${results[@]}" || status=$?
     [ $status = 0 ] || die 1 "a target was missed; this machine may be busy, run it again alone before you look further"
