@@ -37,6 +37,8 @@ constexpr size_t PodmanRequests = 8;
 constexpr size_t ComposeOperations = 4;
 constexpr size_t LogStreams = 32;
 constexpr std::chrono::milliseconds ReadyCheck{50};
+constexpr std::chrono::milliseconds TimeForLogs{2000};
+constexpr std::chrono::milliseconds TimeForFarewells{50};
 
 void Tell(const std::string& text) {
     std::printf("qxcontainerd: %s\n", text.c_str());
@@ -123,6 +125,14 @@ private:
         const int signal = co_await _signals.async_wait(asio::use_awaitable);
         _serviceManager.Tell("STOPPING=1\nSTATUS=Stopping containers");
         Tell(signal == SIGINT ? "interrupted, stopping" : "asked to stop, stopping");
+        // Who watches a log is told why it ends; a Podman that hangs may take longer than they are waited for.
+        auto endLogs = [&logs] {
+            logs->Stop();
+            return true;
+        };
+        co_await QxNHttp::InBackgroundWithin(_workers, TimeForLogs, endLogs);
+        asio::steady_timer farewells(_io, TimeForFarewells);
+        co_await farewells.async_wait(asio::use_awaitable);
         server->Stop();
         co_await _keeper.Shutdown();
         // Only now: without Podman no stream waits for anything any more. And not here: what a stream still sends fails

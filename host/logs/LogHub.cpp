@@ -38,12 +38,14 @@ public:
     ~Impl() = default;
 
     void Stop() {
-        {
-            const std::lock_guard lock(_mutex);
-            _isStopping = true;
-            _keeperCondition.notify_one();
-        }
-        _keeper.join();
+        std::call_once(_stop, [this] {
+            {
+                const std::lock_guard lock(_mutex);
+                _isStopping = true;
+                _keeperCondition.notify_one();
+            }
+            _keeper.join();
+        });
     }
 
     Opened Open(const std::string& container, const LogStart& start) {
@@ -238,6 +240,7 @@ private:
     std::list<StreamPtr> _parting;  ///< to be ended by the keeper
     size_t _viewers = 0;
     bool _isStopping = false;
+    std::once_flag _stop;
     std::thread _keeper;
 };
 
@@ -246,7 +249,9 @@ LogHub::LogHub(QxCContainer& service) : LogHub(service, Limits{}) {}
 LogHub::LogHub(QxCContainer& service, const Limits& limits)
     : _impl(std::make_shared<Impl>(service, limits)) {}
 
-LogHub::~LogHub() { _impl->Stop(); }
+LogHub::~LogHub() { Stop(); }
+
+void LogHub::Stop() { _impl->Stop(); }
 
 LogHub::Opened LogHub::Open(const std::string& container, const LogStart& start) {
     return _impl->Open(container, start);

@@ -93,9 +93,13 @@ public:
     LogHub(QxNContainer::QxCContainer& service, const Limits& limits);
     LogHub(const LogHub&) = delete;
     LogHub& operator=(const LogHub&) = delete;
-    /// Ends all logs with the code "stopping" and waits for their streams: about a second. No other operation may be
-    /// going on. A stream waits for a Podman that hangs; once the service has been stopped there is none.
+    /// As Stop(). No other operation may be going on.
     ~LogHub();
+
+    /// Ends all logs with the code "stopping", refuses new ones, and waits for their streams: about a second. A stream
+    /// waits for a Podman that hangs; once the service has been stopped there is none. May be called more than once, from
+    /// any thread; whoever comes later waits for the first.
+    void Stop();
 
     /// Either a viewer or an error.
     struct Opened {

@@ -110,6 +110,22 @@ TEST_F(ApiOnBoard, GivesLogsLive) {
     EXPECT_THAT(errors.output, Not(HasSubstr("tick")));
 }
 
+TEST_F(ApiOnBoard, TellsWhoWatchesALogThatItStops) {
+    RunContainer("clock", "while :; do date +%s; sleep 0.2; done");
+    WebSocketClient client(8089, "/api/v1/containers/clock/logs", MakeToken("look"));
+    ASSERT_THAT(client.Next(), Not(IsEmpty()));
+
+    daemon.Signal(SIGTERM);
+
+    std::string last;
+    for (std::string message = client.Next(); !message.empty(); message = client.Next()) {
+        last = message;
+    }
+    EXPECT_THAT(last, HasSubstr("\"stopping\""));
+    EXPECT_EQ(client.Code(), 1000U);
+    EXPECT_EQ(daemon.Wait(), 0);
+}
+
 TEST_F(ApiOnBoard, ShowsHowLongLinesTake) {
     RunContainer("clock", "while :; do date +%s; sleep 0.2; done");
     const Outcome shown = Shell("timeout 20 /opt/qx/bin/qxctl logs --delay --tail 0 --lines 3 clock");
