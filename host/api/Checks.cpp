@@ -152,15 +152,22 @@ Check CheckPodman(const std::string& problem, const std::string& version) {
                                    "Start the service; if it does not come up, look at the messages."};
 }
 
-Check CheckTcp(bool isAnswering, bool hasTcp, unsigned tcpPort) {
+Check CheckTcp(bool isRunning, unsigned started, unsigned tcpPort) {
+    if (isRunning && started != tcpPort) {
+        return {"tcp", "TCP service of Podman", Warning,
+                "Podman was started with " +
+                    (started == 0 ? "no TCP port" : "port " + std::to_string(started)) +
+                    ", the settings say " + (tcpPort == 0 ? "none" : std::to_string(tcpPort)),
+                "Stop and start the service, so that the settings come into effect."};
+    }
     if (tcpPort == 0) {
         return {"tcp", "TCP service of Podman", Ok, "not wanted: no TCP port is set"};
     }
     const std::string port = "port " + std::to_string(tcpPort);
-    return isAnswering && hasTcp ? Check{"tcp", "TCP service of Podman", Ok, port}
-                                 : Check{"tcp", "TCP service of Podman", Error, "nobody listens on " + port,
-                                         "Look at the messages and at the check of the certificates, then "
-                                         "stop and start the service."};
+    return isRunning ? Check{"tcp", "TCP service of Podman", Ok, port}
+                     : Check{"tcp", "TCP service of Podman", Error, "nobody listens on " + port,
+                             "Look at the messages and at the check of the certificates, then "
+                             "stop and start the service."};
 }
 
 using Key = std::unique_ptr<EVP_PKEY, decltype(&EVP_PKEY_free)>;
@@ -358,7 +365,8 @@ QxNHttp::Task<json> CheckBoard(Ground& ground) {
     const unsigned most = service.GetMaxAllowedCpuCoreCount();
     const std::string podmanProblem = co_await keeper.AskNow();
     const Check podman = CheckPodman(podmanProblem, keeper.Version());
-    const Check tcp = CheckTcp(podmanProblem.empty(), keeper.HasTcpService(), settings.tcpPort);
+    const bool isRunning = podmanProblem.empty() && keeper.HasTcpService();
+    const Check tcp = CheckTcp(isRunning, keeper.TcpPort(), settings.tcpPort);
     // While the service starts, its control thread is busy with the plugins.
     std::optional<json> plugins;
     if (!keeper.IsBusy()) {

@@ -1,10 +1,8 @@
 #include "daemon/Leftovers.h"
 
-#include "QxCCTESettings.h"
 #include "QxCRPScanner.h"
 #include "QxCWriteThroughCacheGuard.h"
 #include "QxNContainerPaths.h"
-#include "QxNJson.h"
 #include "daemon/PodmanServices.h"
 #include "http/UploadFile.h"
 #include "support/ErrorListScope.h"
@@ -19,17 +17,15 @@
 #include <fstream>
 #include <set>
 #include <sstream>
-#include <utility>
 
 namespace {
 
 namespace fs = std::filesystem;
 using namespace QxNContainer::QxNContainerPaths;
 using QxNContainer::QxCWriteThroughCacheGuard;
-using QxNJson::json;
 
-/// Written by init(); gone after a restart of the board.
-constexpr const char* InitMark = "/run/QxContainerRTE.docker_host";
+/// Holds the TCP port; gone after a restart of the board.
+constexpr const char* TakenMark = "/run/qxcontainerd.taken";
 constexpr const char* BlockDevices = "/sys/class/block";
 
 /// @return the first line; empty when there is none
@@ -38,13 +34,6 @@ std::string FirstLine(const fs::path& path) {
     std::string line;
     std::getline(file, line);
     return line;
-}
-
-bool IsStopped() {
-    std::ifstream file(SETTINGS_FILE);
-    const json settings = json::parse(file);
-    return settings.is_object() && settings.contains("state") &&
-           settings["state"] == ContainerServiceState::Stopped;
 }
 
 /// @return "major:minor" of everything that is mounted
@@ -105,14 +94,15 @@ bool IsUnfinishedUpload(const std::string& name) {
     return shown.rfind(prefix, 0) == 0 && shown.size() == prefix.size() + RandomLetters;
 }
 
-void RemoveUnfinishedUploads(std::vector<std::string>& found) {
+void RemoveUnfinishedUploads(fs::file_time_type before, std::vector<std::string>& found) {
     for (const std::string& directory : {IMAGES_STORAGE_DIR, COMPOSE_FILES_PATH, PLUGINS_DIR}) {
         std::error_code error;
         for (fs::directory_iterator file(directory, error), end; !error && file != end;
              file.increment(error)) {
             std::error_code failure;
             const std::uintmax_t size = file->file_size(failure);
-            if (IsUnfinishedUpload(file->path().filename().string()) && fs::remove(file->path(), failure)) {
+            if (IsUnfinishedUpload(file->path().filename().string()) &&
+                file->last_write_time(failure) < before && fs::remove(file->path(), failure)) {
                 found.push_back("An upload of " + std::to_string(size) + " bytes in " + directory +
                                 " had never been finished; it has been removed.");
             }
@@ -122,21 +112,25 @@ void RemoveUnfinishedUploads(std::vector<std::string>& found) {
 
 }  // namespace
 
-Leftovers::Leftovers() : _areExpected(fs::exists(InitMark) && !IsStopped()) {
-    RemoveUnfinishedUploads(_found);
-}
-
 std::vector<std::string> Leftovers::Clear(std::chrono::milliseconds grace) {
-    std::vector<std::string> found = std::move(_found);
-    _found.clear();
-    if (!std::exchange(_areExpected, false)) {
+    std::vector<std::string> found;
+    RemoveUnfinishedUploads(_begun, found);
+    if (!fs::exists(TakenMark)) {
         return found;
     }
-    if (const int count = EndOrphanedPodmanServices(grace)) {
+    if (const int count = EndOrphanedPodmanServices(FirstLine(TakenMark), grace)) {
         found.push_back("Podman services of a host that did not stop were still running: " +
                         std::to_string(count) + "; they have been ended.");
     }
     RestoreDisk(found);
     ReleaseLoopDevices(found);
+    Unmark();
     return found;
+}
+
+void Leftovers::Mark(unsigned tcpPort) { std::ofstream(TakenMark) << tcpPort << '\n'; }
+
+void Leftovers::Unmark() {
+    std::error_code ignored;
+    fs::remove(TakenMark, ignored);
 }

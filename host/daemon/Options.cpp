@@ -149,14 +149,23 @@ void AddKeeperOptions(CLI::App& app, Options& options) {
 }
 
 /// @return the exit code
-int MakeToken(const std::string& file, const std::string& name, bool mayAct) {
+int MakeToken(const Options& options, const std::string& name, bool mayAct) {
+    std::error_code ignored;
+    if (std::filesystem::is_socket(options.server.socket, ignored)) {
+        std::fprintf(stderr,
+                     "qxcontainerd: the daemon runs, and would not know the token; qxctl token create makes "
+                     "one it knows. "
+                     "(It does not run? Then remove %s.)\n",
+                     options.server.socket.c_str());
+        return BadTokens;
+    }
     if (!QxNHttp::IsFileName(name)) {
         std::fputs("qxcontainerd: the name of a token is letters, digits, dots, hyphens and underscores\n",
                    stderr);
         return BadUsage;
     }
     try {
-        QxNHttp::Tokens tokens(file);
+        QxNHttp::Tokens tokens(options.tokens);
         std::puts(tokens.Make(name, mayAct ? QxNHttp::Right::Act : QxNHttp::Right::Look).c_str());
         return 0;
     } catch (const std::exception& error) {
@@ -208,7 +217,7 @@ std::optional<int> ReadOptions(int argc, char** argv, Options& options) {
         return 0;
     }
     if (!newToken.empty()) {
-        return MakeToken(options.tokens, newToken, mayAct);
+        return MakeToken(options, newToken, mayAct);
     }
     std::erase(options.server.listen, "none");
     return std::nullopt;

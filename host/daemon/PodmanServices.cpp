@@ -57,12 +57,12 @@ bool IsPodmanServiceOf(pid_t parent, pid_t pid) {
 }
 
 /// @return whether its last argument is an address that the library gives to Podman
-bool HasOurAddress(pid_t pid) {
+bool HasOurAddress(pid_t pid, const std::string& tcpPort) {
     using namespace std::string_literals;
     const std::string arguments = ReadAll("/proc/" + std::to_string(pid) + "/cmdline");
     return arguments.find("\0unix://"s + QxNContainer::QxNContainerPaths::PODMAN_SOCKET + "\0"s) !=
                std::string::npos ||
-           arguments.find("\0tcp:0.0.0.0:"s) != std::string::npos;
+           arguments.find("\0tcp:0.0.0.0:"s + tcpPort + "\0"s) != std::string::npos;
 }
 
 /// @return a descriptor that stands for the process, whoever gets its number later; closed when there is none
@@ -123,12 +123,12 @@ int EndPodmanServices() {
 
 int CountPodmanServices() { return static_cast<int>(OpenPodmanServices().size()); }
 
-int EndOrphanedPodmanServices(std::chrono::milliseconds grace) {
+int EndOrphanedPodmanServices(const std::string& tcpPort, std::chrono::milliseconds grace) {
     constexpr pid_t FirstProcess = 1;
     std::vector<QxNSupport::UniqueFd> orphans;
     for (const pid_t pid : AllProcesses()) {
         QxNSupport::UniqueFd process = Open(pid);
-        if (process.IsOpen() && IsPodmanServiceOf(FirstProcess, pid) && HasOurAddress(pid) &&
+        if (process.IsOpen() && IsPodmanServiceOf(FirstProcess, pid) && HasOurAddress(pid, tcpPort) &&
             Send(process.Get(), SIGTERM)) {
             orphans.push_back(std::move(process));
         }

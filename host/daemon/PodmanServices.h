@@ -3,6 +3,7 @@
 #include "support/UniqueFd.h"
 
 #include <chrono>
+#include <string>
 #include <vector>
 
 /// Ends the `podman system service` processes among this process's children with SIGKILL; for those that do not hear
@@ -23,5 +24,6 @@ int CountPodmanServices();
 
 /// Ends Podman services as the library starts them whose host is gone, so that the system's first process has them: with
 /// SIGTERM, after the time of grace with SIGKILL. Waits for their ends, but at most that time once more.
+/// @param tcpPort  of the second service
 /// @return how many there were
-int EndOrphanedPodmanServices(std::chrono::milliseconds grace);
+int EndOrphanedPodmanServices(const std::string& tcpPort, std::chrono::milliseconds grace);

@@ -103,7 +103,7 @@ Task<void> ServiceKeeper::Start() {
     _policy.Reset();
     co_await StartLibrary(_isStarted);
     if (_state != State::Running) {
-        throw Problem(Status::conflict, _problem);
+        throw Problem(Status::conflict, _problem.empty() ? "Somebody stopped the service." : _problem);
     }
 }
 
@@ -178,10 +178,12 @@ void ServiceKeeper::FailureReported() {
 // --- The library's life ---
 
 Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
+    const unsigned start = ++_starts;
+    _isTcpUnsound = false;
     Enter(State::Starting);
     if (isRestart) {
         co_await StopLibrary();
-        if (!IsWanted(State::Starting)) {
+        if (!IsStarting(start)) {
             co_return;
         }
     }
@@ -190,19 +192,22 @@ Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
         problem = co_await OnControlThread([this, isRestart] {
             const std::string failure = PrepareAndStart(isRestart);
             _isStarted = failure.empty();
+            if (!_isStarted) {
+                Leftovers::Unmark();
+            }
             return failure;
         });
     } catch (const std::exception& error) {
         problem = std::string("The board's file system fails: ") + error.what();
     }
-    if (!IsWanted(State::Starting)) {
+    if (!IsStarting(start)) {
         co_return;  // somebody stopped the service meanwhile
     }
     if (!problem.empty()) {
         Fail(problem);
         co_return;
     }
-    co_await AwaitFirstAnswer();
+    co_await AwaitFirstAnswer(start);
 }
 
 /// On the control thread.
@@ -211,6 +216,8 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
     for (const std::string& found : _leftovers.Clear(_options.termGrace)) {
         QxCRTE_LOG_Impl(RteLogLevel::WarningNotify, "Quolex Container Host: %s", found.c_str());
     }
+    _tcpPort = _service->GetContainerServiceUserSettings().tcpPort;
+    Leftovers::Mark(_tcpPort);
     if (!_isInitialised) {
         // The library switches itself off where the board is not ready, such as before a drive is mounted.
         if (_options.restart.rule == RestartPolicy::Rule::Always && _wasEnabled) {
@@ -229,7 +236,6 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
             return "The cores cannot be given to the containers; the check and the log file say why.";
         }
     }
-    _servicesWanted = _service->GetContainerServiceUserSettings().tcpPort == 0 ? 1 : 2;
     return _service->Start() ? std::string() : "The thread that watches Podman cannot be created.";
 }
 
@@ -242,6 +248,7 @@ Task<void> ServiceKeeper::StopLibrary() {
             _isStarted = false;
             // The library does not wait for long for a service that it has not begun to watch.
             EndPodmanServices();
+            Leftovers::Unmark();
         }
     });
     _isAnswering = false;
@@ -260,13 +267,13 @@ Task<void> ServiceKeeper::KillWhatHangs(std::weak_ptr<Stopping> stopping) {
     }
 }
 
-Task<void> ServiceKeeper::AwaitFirstAnswer() {
+Task<void> ServiceKeeper::AwaitFirstAnswer(unsigned start) {
     const auto end = std::chrono::steady_clock::now() + _options.startDeadline;
     _failureReported = false;
     Answer answer;
-    while (IsWanted(State::Starting) && std::chrono::steady_clock::now() < end) {
+    while (IsStarting(start) && std::chrono::steady_clock::now() < end) {
         answer = co_await Ask();
-        if (!IsWanted(State::Starting)) {
+        if (!IsStarting(start)) {
             co_return;
         }
         if (_failureReported && CountPodmanServices() == 0) {
@@ -284,7 +291,7 @@ Task<void> ServiceKeeper::AwaitFirstAnswer() {
         }
         co_await Pause(FirstQuestions);
     }
-    if (IsWanted(State::Starting)) {
+    if (IsStarting(start)) {
         Fail("Podman has not answered since the start: " + answer.problem);
     }
 }
@@ -313,8 +320,13 @@ Task<ServiceKeeper::Answer> ServiceKeeper::Ask() {
     _askedAt = Clock::now();
     const bool wantsVersion = _podmanVersion.empty();
     auto question = [this, wantsVersion] {
-        const PodmanResponse said = _service->ExecutePodmanRequest(
-            wantsVersion ? "/libpod/version" : "/libpod/_ping", QxCCurlHandler::Get, {}, {}, false);
+        PodmanResponse said;
+        try {
+            said = _service->ExecutePodmanRequest(wantsVersion ? "/libpod/version" : "/libpod/_ping",
+                                                  QxCCurlHandler::Get, {}, {}, false);
+        } catch (const std::exception&) {
+            said.httpCode = 0;
+        }
         asio::post(_io, [this] { _isAsking = false; });
         return said;
     };
@@ -368,28 +380,29 @@ Task<void> ServiceKeeper::Watch() {
         }
         if (!answer.isGood) {
             co_await HandleLoss("Podman is gone: " + answer.problem, true);
-        } else if (!HasTcpService()) {
+        } else if (!HasTcpService() && !_isTcpUnsound) {
             co_await HandleLossOfTcp();
         }
     }
 }
 
 bool ServiceKeeper::HasTcpService() const {
-    return _servicesWanted == 1 || CountPodmanServices() >= _servicesWanted;
+    constexpr int BothServices = 2;
+    return _tcpPort == 0 || CountPodmanServices() >= BothServices;
 }
 
 /// A second service that ends at once would do so after every restart, at which all containers are stopped.
 Task<void> ServiceKeeper::HandleLossOfTcp() {
     // Twice: the kernel's list of children may miss one while another ends.
     co_await Pause(TimeForMessages);
-    if (HasTcpService() || !IsWanted(State::Running)) {
+    if (HasTcpService() || _state != State::Running) {
         co_return;
     }
-    const std::string cause =
-        "Podman's service on TCP port " + std::to_string(_settings.tcpPort) + " has ended";
+    const std::string cause = "Podman's service on TCP port " + std::to_string(_tcpPort) + " has ended";
     if (Clock::now() - *_startedAt >= TimeForTcp) {
         co_await HandleLoss(cause, true);
-    } else if (_problem.empty()) {
+    } else {
+        _isTcpUnsound = true;
         Enter(State::Running,
               cause + " right after its start; the messages and the check of the certificates say why.");
     }
@@ -464,6 +477,7 @@ void ServiceKeeper::Fail(const std::string& problem) { Enter(State::Failed, prob
 
 void ServiceKeeper::Enter(State state, const std::string& problem) {
     _state = state;
+    _isSettled = _isSettled || state != State::Starting;
     _problem = problem;
     _serviceManager.Tell(std::string("STATUS=Container service ") + TextOf(state) +
                          (problem.empty() ? "" : ": " + problem));

@@ -84,13 +84,15 @@ public:
     /// Asks Podman now, within the deadline for answers, where the service runs or failed.
     /// @return what is wrong; empty when Podman answers
     QxNHttp::Task<std::string> AskNow();
-    /// @return whether the second service, on the TCP port of the settings, runs; true when there is to be none
+    /// @return the TCP port of the last start, which may not be that of the settings any more; 0 for none
+    unsigned TcpPort() const { return _tcpPort; }
+    /// @return whether the second service, on that port, runs; true when there is to be none
     bool HasTcpService() const;
     std::string Version() const { return _podmanVersion; }
     /// @return whether the service is just starting or stopping
     bool IsBusy() const { return _state == State::Starting || _state == State::Stopping; }
     /// @return whether the first start has come to something, good or bad
-    bool IsSettled() const { return _state != State::Starting && (_state != State::Stopped || _isEnding); }
+    bool IsSettled() const { return _isSettled; }
     /// @return why the service does not run; empty when it does
     const std::string& TheProblem() const { return _problem; }
     unsigned Restarts() const { return _restarts; }
@@ -111,7 +113,7 @@ private:
     struct Stopping {};  ///< lives while the library's Stop() is going on
     QxNHttp::Task<void> KillWhatHangs(std::weak_ptr<Stopping> stopping);
     std::string PrepareAndStart(bool isRestart);
-    QxNHttp::Task<void> AwaitFirstAnswer();
+    QxNHttp::Task<void> AwaitFirstAnswer(unsigned start);
     QxNHttp::Task<Answer> Ask();
     QxNHttp::Task<void> AskForOthers();
     QxNHttp::Task<void> Watch();
@@ -120,7 +122,10 @@ private:
     QxNHttp::Task<void> HandleLossOfTcp();
     QxNHttp::Task<void> FeedWatchdog(std::chrono::microseconds interval);
     QxNHttp::Task<void> Pause(std::chrono::steady_clock::duration time);
-    bool IsWanted(State state) const { return _state == state && !_isEnding; }
+    /// @return whether nobody has stopped or started the service since that start began
+    bool IsStarting(unsigned start) const {
+        return _state == State::Starting && start == _starts && !_isEnding;
+    }
     void Fail(const std::string& problem);
     void Enter(State state, const std::string& problem = {});
 
@@ -140,15 +145,18 @@ private:
     State _state = State::Stopped;
     std::string _problem;
     bool _isEnding = false;
+    bool _isSettled = false;
     bool _isInitialised = false;  ///< init() succeeded in this process: not to be called again
     bool _isStarted = false;      ///< Start() succeeded and Stop() has not been called since
     bool _isAsking = false;       ///< a question is still under way, perhaps for ever
     bool _isAwaited = false;      ///< and its deadline is not over
     Answer _answer;               ///< to the last question
     bool _isAnswering = false;
-    bool _failureReported = false;        ///< since the last good answer
-    std::atomic<int> _servicesWanted{1};  ///< that the last start was to bring
-    bool _wasEnabled = false;             ///< before the library looked at the board for the first time
+    bool _failureReported = false;      ///< since the last good answer
+    std::atomic<unsigned> _tcpPort{0};  ///< of the last start; 0 for none
+    bool _isTcpUnsound = false;         ///< the second service ended right after its start
+    unsigned _starts = 0;
+    bool _wasEnabled = false;  ///< before the library looked at the board for the first time
     unsigned _restarts = 0;
     std::string _podmanVersion;
     std::optional<Clock::time_point> _startedAt;

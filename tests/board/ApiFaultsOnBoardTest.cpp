@@ -160,6 +160,8 @@ TEST(TcpWithAWrongKey, IsReportedWithoutRestarts) {
 
     ASSERT_TRUE(Eventually([] { return !Problem().empty(); }));
     EXPECT_THAT(Problem(), HasSubstr("right after its start"));
+    // Later, too.
+    std::this_thread::sleep_for(std::chrono::seconds(12));
     EXPECT_EQ(State(), "running");
     EXPECT_EQ(Restarts(), 0U);
     const Checks checks;
@@ -233,6 +235,7 @@ TEST_F(ApiOnBoard, FindsWhatIsWrongWithCertificates) {
     EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":8443}'").status, 200);
     const Checks without;
     EXPECT_EQ(without.Verdict("certificates"), "warning");
+    EXPECT_EQ(without.Found("tcp"), "Podman was started with no TCP port, the settings say 8443");
     EXPECT_THAT(without.Found("certificates"), HasSubstr("missing: ca.crt, server.crt, server.key"));
 
     Install("server.key");
@@ -299,6 +302,9 @@ TEST(ApiFirstToken, IsMadeByTheDaemonThatNeedsOne) {
 
     Daemon daemon({"--listen", "0.0.0.0:9000", "--tokens", "/tmp/tokens.json", "--certificate",
                    "/opt/qx/share/certs/server.crt", "--key", "/opt/qx/share/certs/server.key"});
+    ASSERT_TRUE(Becomes("failed"));
+    EXPECT_THAT(Shell("/opt/qx/bin/qxcontainerd --tokens /tmp/tokens.json --make-token more").output,
+                HasSubstr("qxctl token create"));
     ASSERT_TRUE(Eventually([&] {
         return Curl("--cacert /opt/qx/share/certs/ca.crt -H 'Authorization: Bearer " + token +
                     "' https://localhost:9000/api/v1/session")
