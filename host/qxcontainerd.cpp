@@ -82,9 +82,8 @@ public:
 
 private:
     Task<void> Live() {
-        std::optional<LogHub> logs;
         co_await _keeper.Begin([&](QxNContainer::QxCContainer& service) {
-            logs.emplace(service);
+            _logs.emplace(service);
             _areSettingsWritten = ApplySettings(service);
         });
         if (!_areSettingsWritten) {
@@ -92,22 +91,21 @@ private:
             _exitCode = SettingsNotWritten;
             co_return;
         }
-        std::optional<StreamThreads> streams(std::in_place, LogStreams);
-        Ground ground{_keeper,
-                      _messages,
-                      *logs,
-                      *streams,
-                      _tokens,
-                      _workers,
-                      _podman,
-                      _compose,
-                      _options.server.page,
-                      _options.largestUpload};
-        const QxNHttp::Router router = MakeRouter(ground);
+        _ground.emplace(Ground{_keeper,
+                               _messages,
+                               *_logs,
+                               _streams,
+                               _tokens,
+                               _workers,
+                               _podman,
+                               _compose,
+                               _options.server.page,
+                               _options.largestUpload});
+        _router = MakeRouter(*_ground);
         // Before anything is started: an address that cannot be had must leave nothing behind.
         std::optional<QxNHttp::Server> server;
         try {
-            server.emplace(_io, _options.server, router, _tokens);
+            server.emplace(_io, _options.server, _router, _tokens);
         } catch (const std::exception& error) {
             std::fprintf(stderr, "qxcontainerd: %s\n", error.what());
             _exitCode = NoAddress;
@@ -126,8 +124,8 @@ private:
         _serviceManager.Tell("STOPPING=1\nSTATUS=Stopping containers");
         Tell(signal == SIGINT ? "interrupted, stopping" : "asked to stop, stopping");
         // Who watches a log is told why it ends; a Podman that hangs may take longer than they are waited for.
-        auto endLogs = [&logs] {
-            logs->Stop();
+        auto endLogs = [this] {
+            _logs->Stop();
             return true;
         };
         co_await QxNHttp::InBackgroundWithin(_workers, TimeForLogs, endLogs);
@@ -137,8 +135,10 @@ private:
         co_await _keeper.Shutdown();
         // Only now: without Podman no stream waits for anything any more. And not here: what a stream still sends fails
         // on this thread.
-        co_await QxNHttp::InBackground(_workers, [&] { streams.reset(); });
-        logs.reset();
+        co_await QxNHttp::InBackground(_workers, [this] {
+            _streams.Stop();
+            _logs->Stop();
+        });
         Tell("stopped");
     }
 
@@ -181,8 +181,13 @@ private:
 
     const Options& _options;
     const ServiceManager& _serviceManager;
-    asio::io_context _io{1};
+    // What requests use is there until the last of them has gone, with the threads and the io_context.
     QxNHttp::Tokens _tokens;
+    std::optional<LogHub> _logs;
+    StreamThreads _streams{LogStreams};
+    std::optional<Ground> _ground;
+    QxNHttp::Router _router;
+    asio::io_context _io{1};
     asio::thread_pool _workers{Workers};
     asio::thread_pool _podman{PodmanRequests};
     asio::thread_pool _compose{ComposeOperations};

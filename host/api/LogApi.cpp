@@ -40,6 +40,7 @@ Problem ProblemOf(const LogError& error) {
             return {Status::not_found, error.text};
         case LogError::Kind::NoPodman:
         case LogError::Kind::TooMany:
+        case LogError::Kind::Stopping:
             break;
     }
     return {Status::service_unavailable, error.text};

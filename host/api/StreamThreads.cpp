@@ -5,8 +5,9 @@
 #include <thread>
 #include <utility>
 
-StreamThreads::~StreamThreads() {
+void StreamThreads::Stop() {
     std::unique_lock lock(_mutex);
+    _most = 0;
     _finished.wait(lock, [this] { return _running == 0; });
 }
 

@@ -13,8 +13,11 @@ public:
     explicit StreamThreads(size_t most) : _most(most) {}
     StreamThreads(const StreamThreads&) = delete;
     StreamThreads& operator=(const StreamThreads&) = delete;
-    /// Waits for all of them.
-    ~StreamThreads();
+    /// As Stop().
+    ~StreamThreads() { Stop(); }
+
+    /// Refuses new ones and waits for all of them.
+    void Stop();
 
     /// Runs something on a thread of its own. What it throws, such as a lack of memory, ends it.
     /// @return false when there are too many already, or no thread is to be had
@@ -23,7 +26,7 @@ public:
 private:
     void Finish();
 
-    const size_t _most;
+    size_t _most;
     std::mutex _mutex;
     std::condition_variable _finished;
     size_t _running = 0;

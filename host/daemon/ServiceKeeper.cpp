@@ -26,6 +26,7 @@ constexpr std::chrono::milliseconds TimeForMessages{
 constexpr std::chrono::seconds KillPause{1};
 constexpr std::chrono::seconds TimeForTcp{10};  ///< within which a second service that ends was never sound
 constexpr const char* AskedBefore = "it has not answered the question before";
+constexpr const char* Disabled = "The container service is disabled; enable it, then start it.";
 constexpr unsigned HighestPort = 65535;
 
 std::string WhyNotInitialised(const QxCContainer& service) {
@@ -34,7 +35,7 @@ std::string WhyNotInitialised(const QxCContainer& service) {
         return reason + "; mount it, then enable and start the service";
     }
     if (!service.IsContainerServiceEnabled(false)) {
-        return "The container service is disabled; enable it, then start it.";
+        return Disabled;
     }
     return "This board cannot run containers; the check and the log file say why.";
 }
@@ -144,6 +145,9 @@ Task<void> ServiceKeeper::Enable(bool isEnabled) {
     if (!isWritten) {
         throw Problem(Status::internal_server_error,
                       "The settings cannot be written; is the configuration drive mounted and writable?");
+    }
+    if (isEnabled && _state == State::Failed && _problem == Disabled) {
+        Enter(State::Stopped, "The service has been enabled and can be started.");
     }
 }
 

@@ -57,9 +57,9 @@ public:
         if (!state) {
             return {nullptr, error};
         }
-        const auto stream = Join(*state);
+        const auto stream = Join(*state, error);
         if (stream == nullptr) {
-            return Refuse(LogError::Kind::TooMany, "too many logs are being watched");
+            return {nullptr, error};
         }
         // From here on it is the place that leaves.
         std::shared_ptr<void> place(nullptr,
@@ -106,11 +106,16 @@ private:
         return state;
     }
 
-    /// @return the container's stream with one viewer more; null when there is no room
-    StreamPtr Join(const ContainerState& state) {
+    /// @return the container's stream with one viewer more; null with an error when there is no room
+    StreamPtr Join(const ContainerState& state, LogError& error) {
+        error = {LogError::Kind::TooMany, "too many logs are being watched"};
         StreamPtr stream;
         {
             const std::lock_guard lock(_mutex);
+            if (_isStopping) {
+                error = {LogError::Kind::Stopping, "the service stops"};
+                return nullptr;
+            }
             const auto found = std::find_if(_streams.begin(), _streams.end(), [&](const StreamPtr& running) {
                 return running->log->Id() == state.id;
             });
@@ -119,7 +124,7 @@ private:
                 ++(*found)->viewers;
                 return *found;
             }
-            if (_isStopping || (_streams.size() >= _limits.containers && !EndAnIdleStream())) {
+            if (_streams.size() >= _limits.containers && !EndAnIdleStream()) {
                 return nullptr;
             }
             stream = MakeStream(state);

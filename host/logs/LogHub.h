@@ -28,6 +28,7 @@ struct LogError {
         NotFound,   ///< there is no such container
         NoPodman,   ///< no answer from Podman, or none that makes sense
         TooMany,    ///< no room for one more container
+        Stopping,   ///< the hub ends
     };
     Kind kind = Kind::NoPodman;
     std::string text;  ///< for people

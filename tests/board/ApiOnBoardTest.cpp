@@ -375,6 +375,8 @@ TEST(ApiWithoutContainers, SaysWhyAndStays) {
     EXPECT_THAT(start.Detail(), HasSubstr("enable it"));
     EXPECT_EQ(Ask("/check").Json()["verdict"], "error");
     EXPECT_EQ(Post("/service/enable").status, 200);
+    EXPECT_EQ(State(), "stopped");
+    EXPECT_THAT(Ask("/service").Json()["problem"].get<std::string>(), HasSubstr("can be started"));
     EXPECT_EQ(Post("/service/start").status, 200);
     EXPECT_EQ(State(), "running");
     EXPECT_EQ(daemon.Stop(), 0);

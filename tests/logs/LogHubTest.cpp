@@ -363,6 +363,15 @@ TEST_F(LogHubs, RefuseMoreContainersThanTheLimitUnlessOneIsNotWatched) {
     EXPECT_EQ(hub->Streams(), 1U);
 }
 
+TEST_F(LogHubs, SayThatTheyStop) {
+    auto first = Open();
+    hub->Stop();
+    const auto refused = Open();
+    EXPECT_EQ(refused.viewer, nullptr);
+    EXPECT_EQ(refused.error.kind, LogError::Kind::Stopping);
+    EXPECT_EQ(refused.error.text, "the service stops");
+}
+
 // --- Streams that nobody watches ---
 
 TEST_F(LogHubs, KeepAStreamForAViewerThatComesBackSoon) {

@@ -17,7 +17,7 @@ export interface LogLine {
     styles: Styles | null;
     /** has characters that do not take exactly one column */
     uneven: boolean;
-    /** goes on a line that was too long for one piece */
+    /** goes on a line of which a part had to be shown before the rest came */
     continues: boolean;
     /** bytes that it takes, roughly */
     size: number;

@@ -5,6 +5,7 @@
 import { Api, Problem } from "../api/client";
 import { type ConnectionState, LogConnection, type Socket, type World } from "./connection";
 import { LogEngine, skippedText } from "./engine";
+import { LineJoiner } from "./parts";
 import type { FromWorker, ToWorker } from "./protocol";
 import { MessageQueue } from "./queue";
 
@@ -87,7 +88,9 @@ function open(message: ToWorker & { type: "open" }): void {
     engine = current;
     engine.setSettings(message.settings);
     states = names.map(() => ({ phase: "connecting" }));
+    const joiners: LineJoiner[] = [];
     const skipped = (source: number, count: number) => {
+        joiners[source]?.flush();
         const whose = names.length > 1 ? `${names[source]}: ` : "";
         current.note(source, whose + skippedText(count, "this page was too slow for them"), Date.now());
         dirty();
@@ -95,6 +98,11 @@ function open(message: ToWorker & { type: "open" }): void {
     const world = worldAt(message.base, (name, count) => skipped(names.indexOf(name), count));
     connections = names.map((name, source) => {
         const whose = names.length > 1 ? `${name}: ` : "";
+        const joiner = new LineJoiner((lines) => {
+            current.append(source, lines);
+            dirty();
+        }, world);
+        joiners.push(joiner);
         return new LogConnection(name, message.tail, world, {
             state(state) {
                 states[source] = state;
@@ -103,12 +111,10 @@ function open(message: ToWorker & { type: "open" }): void {
                 }
                 dirty();
             },
-            lines(incoming) {
-                current.append(source, incoming.lines);
-                dirty();
-            },
+            lines: (incoming) => joiner.take(incoming.lines),
             skipped: (count) => skipped(source, count),
             note(text) {
+                joiner.flush();
                 current.note(source, whose + text, Date.now());
                 dirty();
             },
