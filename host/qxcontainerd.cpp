@@ -18,6 +18,7 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <memory>
 
 namespace asio = boost::asio;
 using QxNHttp::Task;
@@ -39,6 +40,7 @@ constexpr size_t LogStreams = 32;
 constexpr std::chrono::milliseconds ReadyCheck{50};
 constexpr std::chrono::milliseconds TimeForLogs{2000};
 constexpr std::chrono::milliseconds TimeForFarewells{50};
+constexpr std::chrono::seconds TimeAskedFor{60};
 
 void Tell(const std::string& text) {
     std::printf("qxcontainerd: %s\n", text.c_str());
@@ -74,6 +76,7 @@ public:
         _workers.join();
         _compose.join();
         _podman.join();
+        QxNHttp::DiskThread().join();
         if (_failure) {
             std::rethrow_exception(_failure);
         }
@@ -91,16 +94,8 @@ private:
             _exitCode = SettingsNotWritten;
             co_return;
         }
-        _ground.emplace(Ground{_keeper,
-                               _messages,
-                               *_logs,
-                               _streams,
-                               _tokens,
-                               _workers,
-                               _podman,
-                               _compose,
-                               _options.server.page,
-                               _options.largestUpload});
+        _ground.emplace(Ground{_keeper, _messages, *_logs, _streams, _tokens, _workers, _podman, _compose,
+                               _options.server.page, _options.server.certificate, _options.largestUpload});
         _router = MakeRouter(*_ground);
         // Before anything is started: an address that cannot be had must leave nothing behind.
         std::optional<QxNHttp::Server> server;
@@ -122,6 +117,8 @@ private:
 
         const int signal = co_await _signals.async_wait(asio::use_awaitable);
         _serviceManager.Tell("STOPPING=1\nSTATUS=Stopping containers");
+        const auto stopping = std::make_shared<Phase>();
+        asio::co_spawn(_io, AskForTime(stopping), asio::detached);
         Tell(signal == SIGINT ? "interrupted, stopping" : "asked to stop, stopping");
         // Who watches a log is told why it ends; a Podman that hangs may take longer than they are waited for.
         auto endLogs = [this] {
@@ -168,8 +165,23 @@ private:
         }
     }
 
+    struct Phase {};  ///< lives while something goes on
+
+    /// The service manager gives a bounded time, which containers know nothing of.
+    Task<void> AskForTime(std::weak_ptr<Phase> phase) {
+        asio::steady_timer timer(_io);
+        while (!phase.expired()) {
+            _serviceManager.Tell("EXTEND_TIMEOUT_USEC=" +
+                                 std::to_string(std::chrono::microseconds(TimeAskedFor).count()));
+            timer.expires_after(TimeAskedFor / 2);
+            co_await timer.async_wait(asio::use_awaitable);
+        }
+    }
+
     Task<void> StartService() {
         // A failure is no reason to end: somebody can look and mend it.
+        const auto starting = std::make_shared<Phase>();
+        asio::co_spawn(_io, AskForTime(starting), asio::detached);
         asio::steady_timer ready(_io);
         asio::co_spawn(_io, _keeper.StartWithDaemon(), asio::detached);
         while (!_keeper.IsSettled()) {

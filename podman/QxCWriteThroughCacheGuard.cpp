@@ -4,10 +4,14 @@
 #include "podman/UserStorage.h"
 #include "support/ErrorListScope.h"
 #include "support/Log.h"
-#include "support/OutputFile.h"
+#include "support/UniqueFd.h"
 
+#include <fcntl.h>
 #include <unistd.h>
+#include <array>
+#include <cstdio>
 #include <cstring>
+#include <new>
 #include <utility>
 
 namespace QxNContainer {
@@ -16,6 +20,48 @@ namespace {
 
 constexpr const char* WriteThrough = "write through";
 constexpr const char* WriteBack = "write back";
+constexpr mode_t FileMode = 0666;
+
+/// The path of a write-cache attribute; empty for none.
+using AttributePath = std::array<char, 512>;
+
+// What switches the disk back takes no memory: it has to work where none is left, and in a destructor.
+
+AttributePath FindAttribute(QxCErrorListPool& errors) {
+    AttributePath path{};
+    const QxNUserStorage::MountInfo info = QxNUserStorage::ReadMountInfo(errors);
+    const QxSBlockDeviceMount* userStorage =
+        info != nullptr ? QxNUserStorage::FindUserStorage(*info) : nullptr;
+    if (userStorage == nullptr) {
+        return path;
+    }
+    const std::string_view disk = QxNUserStorage::DiskNameOf(
+        {userStorage->device, strnlen(userStorage->device, sizeof(userStorage->device))});
+    if (!disk.empty()) {
+        snprintf(path.data(), path.size(), "/sys/block/%.*s/queue/write_cache", static_cast<int>(disk.size()),
+                 disk.data());
+    }
+    return path;
+}
+
+void SetMode(const char* sysfsPath, const char* mode) {
+    if (*sysfsPath == '\0') {
+        return;
+    }
+    const QxNSupport::UniqueFd attribute(open(sysfsPath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, FileMode));
+    if (!attribute.IsOpen()) {
+        QxCRTE_LOG_Impl(RteLogLevel::Warning, "Quolex Container Utils:Failed to set '%s' on '%s'\n", mode,
+                        sysfsPath);
+    }
+    // The attribute is written right after the sync.
+    if (std::strcmp(mode, WriteBack) == 0) {
+        sync();
+    }
+    if (attribute.IsOpen()) {
+        [[maybe_unused]] const ssize_t written =
+            TEMP_FAILURE_RETRY(write(attribute.Get(), mode, std::strlen(mode)));
+    }
+}
 
 }  // namespace
 
@@ -56,8 +102,12 @@ std::optional<QxCWriteThroughCacheGuard> QxCWriteThroughCacheGuard::Create(bool 
 }
 
 void QxCWriteThroughCacheGuard::ForceRestoreWriteBackMode() {
-    QxNSupport::ErrorListScope errors;
-    SetBlockDeviceWriteCache(GetUserStorageWriteCacheSysfsPath(errors.List()), WriteBack);
+    try {
+        QxNSupport::ErrorListScope errors;
+        SetMode(FindAttribute(errors.List()).data(), WriteBack);
+    } catch (const std::bad_alloc&) {
+        // The board cannot even tell its mounts.
+    }
 }
 
 bool QxCWriteThroughCacheGuard::IsRealtimeApplicationLoaded(QxCErrorListPool& errors) {
@@ -65,32 +115,11 @@ bool QxCWriteThroughCacheGuard::IsRealtimeApplicationLoaded(QxCErrorListPool& er
 }
 
 std::string QxCWriteThroughCacheGuard::GetUserStorageWriteCacheSysfsPath(QxCErrorListPool& errors) {
-    const QxNUserStorage::MountInfo info = QxNUserStorage::ReadMountInfo(errors);
-    const QxSBlockDeviceMount* userStorage =
-        info != nullptr ? QxNUserStorage::FindUserStorage(*info) : nullptr;
-    if (userStorage == nullptr) {
-        return {};
-    }
-    const std::string disk = QxNUserStorage::DiskNameOf(
-        {userStorage->device, strnlen(userStorage->device, sizeof(userStorage->device))});
-    return disk.empty() ? std::string() : "/sys/block/" + disk + "/queue/write_cache";
+    return FindAttribute(errors).data();
 }
 
 void QxCWriteThroughCacheGuard::SetBlockDeviceWriteCache(const std::string& sysfsPath, const char* mode) {
-    if (sysfsPath.empty()) {
-        return;
-    }
-    // Takes no memory, so that nothing is thrown: the guard's destructor must not.
-    QxNSupport::OutputFile attribute(sysfsPath);
-    attribute << mode;
-    if (attribute.fail()) {
-        QxCRTE_LOG_Impl(RteLogLevel::Warning, "Quolex Container Utils:Failed to set '%s' on '%s'\n", mode,
-                        sysfsPath.c_str());
-    }
-    // The text still sits in the stream's buffer and reaches the attribute right after the sync.
-    if (std::strcmp(mode, WriteBack) == 0) {
-        sync();
-    }
+    SetMode(sysfsPath.c_str(), mode);
 }
 
 }  // namespace QxNContainer

@@ -36,16 +36,16 @@ const QxSBlockDeviceMount* FindUserStorage(const QxSBlockDeviceMountInfo& info) 
     return nullptr;
 }
 
-std::string DiskNameOf(std::string_view device) {
+std::string_view DiskNameOf(std::string_view device) {
     const std::string_view partition = device.substr(device.find_last_of('/') + 1);
     const size_t lastNonDigit = partition.find_last_not_of("0123456789");
     if (lastNonDigit == std::string_view::npos || lastNonDigit + 1 == partition.size()) {
-        return std::string(partition);
+        return partition;
     }
     if (partition[lastNonDigit] == 'p' && partition.find("nvme") != std::string_view::npos) {
-        return std::string(partition.substr(0, lastNonDigit));
+        return partition.substr(0, lastNonDigit);
     }
-    return std::string(partition.substr(0, lastNonDigit + 1));
+    return partition.substr(0, lastNonDigit + 1);
 }
 
 }  // namespace QxNUserStorage

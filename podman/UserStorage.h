@@ -26,7 +26,8 @@ MountInfo ReadMountInfo(QxCErrorListPool& errors);
 const QxSBlockDeviceMount* FindUserStorage(const QxSBlockDeviceMountInfo& info);
 
 /// @param device  path of a partition's device node, or its name alone
-/// @return the name of the disk: without the partition number, and for nvme names without the "p" before it
-std::string DiskNameOf(std::string_view device);
+/// @return the name of the disk, within `device`: without the partition number, and for nvme names without the "p" before
+///         it
+std::string_view DiskNameOf(std::string_view device);
 
 }  // namespace QxNContainer::QxNUserStorage

@@ -55,7 +55,8 @@ Task<Reply> MakeToken(Ground& ground, Request& request) {
             "A token needs a name of 1 to 64 letters, digits, dots, hyphens and underscores, and a right, "
             "which is look or act.");
     }
-    co_return JsonReply(json{{"token", ground.tokens.Make(name, right)}}, Status::created);
+    const std::string token = co_await OnWorker(ground, [&] { return ground.tokens.Make(name, right); });
+    co_return JsonReply(json{{"token", token}}, Status::created);
 }
 
 }  // namespace
@@ -86,7 +87,9 @@ void AddAccessRequests(QxNHttp::Router& router, Ground& ground) {
                [&ground](Request& request) -> Task<Reply> { co_return co_await MakeToken(ground, request); });
     router.Add(Verb::delete_, "/tokens/{name}", Right::Act, [&ground](Request& request) -> Task<Reply> {
         CheckLocal(request);
-        if (!ground.tokens.Remove(request.segments[3])) {
+        const bool isRemoved =
+            co_await OnWorker(ground, [&] { return ground.tokens.Remove(request.segments[3]); });
+        if (!isRemoved) {
             throw Problem(Status::not_found, "There is no token named '" + request.segments[3] + "'.");
         }
         co_return Reply::Empty();

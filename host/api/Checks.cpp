@@ -13,10 +13,15 @@
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <future>
+#include <map>
+#include <mutex>
 #include <sstream>
+#include <tuple>
 
 namespace fs = std::filesystem;
 namespace paths = QxNContainer::QxNContainerPaths;
@@ -197,7 +202,26 @@ std::optional<int> DaysLeft(const std::string& path) {
         ASN1_TIME_diff(&days, &seconds, nullptr, X509_get0_notAfter(certificate.get())) != 1) {
         return std::nullopt;
     }
-    return days;
+    return seconds < 0 ? -1 : days;
+}
+
+std::string ValidityText(const std::optional<int>& days) {
+    return !days       ? " is no certificate"
+           : *days < 0 ? " has ended"
+                       : " ends in " + std::to_string(*days) + " days";
+}
+
+const char* VerdictOf(int days) { return days < 0 ? Error : days < SoonDays ? Warning : Ok; }
+
+Check CheckOwnCertificate(const std::string& path) {
+    const std::string title = "Certificate of this interface";
+    if (path.empty()) {
+        return {"own-certificate", title, Ok, "not needed: TLS is not spoken"};
+    }
+    const auto days = DaysLeft(path);
+    const char* const verdict = VerdictOf(days.value_or(-1));
+    return {"own-certificate", title, verdict, path + ValidityText(days),
+            verdict == Ok ? "" : "Replace the file and its key; the daemon takes the new ones by itself."};
 }
 
 Check CheckCertificates(unsigned tcpPort) {
@@ -224,21 +248,14 @@ Check CheckCertificates(unsigned tcpPort) {
     int least = SoonDays;
     for (const char* const name : {"ca.crt", "server.crt"}) {
         const auto days = DaysLeft(paths::CONTAINER_CERTS_DIR + "/" + name);
-        found += (found.empty() ? "" : ", ") + std::string(name) +
-                 (!days       ? " is no certificate"
-                  : *days < 0 ? " has ended"
-                              : " ends in " + std::to_string(*days) + " days");
+        found += (found.empty() ? "" : ", ") + std::string(name) + ValidityText(days);
         least = std::min(least, days.value_or(-1));
     }
     if (!IsKeyRight()) {
         found += ", server.key is not the key of server.crt";
         least = -1;
     }
-    return {"certificates", title,
-            least < 0          ? Error
-            : least < SoonDays ? Warning
-                               : Ok,
-            found, least < SoonDays ? remedy : ""};
+    return {"certificates", title, VerdictOf(least), found, least < SoonDays ? remedy : ""};
 }
 
 Check CheckSpace(const QxCContainer& service) {
@@ -253,7 +270,7 @@ Check CheckSpace(const QxCContainer& service) {
             verdict == Ok ? "" : "Remove images and files that are not needed."};
 }
 
-std::string VersionOf(const std::string& program) {
+std::string AskVersion(const std::string& program) {
     const ProgramOutcome outcome = RunProgram(program, {program, "--version"}, "", ProgramDeadline);
     std::istringstream words(outcome.output);
     for (std::string word; outcome.exitCode == 0 && words >> word;) {
@@ -265,12 +282,46 @@ std::string VersionOf(const std::string& program) {
     return {};
 }
 
+/// A program is asked once for as long as it stays the same file: the page looks at the checks all the time.
+std::string VersionOf(const std::string& program) {
+    struct Known {
+        std::tuple<dev_t, ino_t, off_t, time_t> file;
+        std::string version;
+    };
+    static std::mutex mutex;
+    static std::map<std::string, Known> versions;
+    struct stat status {};
+    if (stat(program.c_str(), &status) != 0) {
+        return {};
+    }
+    const std::tuple file(status.st_dev, status.st_ino, status.st_size, status.st_mtime);
+    {
+        const std::lock_guard lock(mutex);
+        const auto known = versions.find(program);
+        if (known != versions.end() && known->second.file == file) {
+            return known->second.version;
+        }
+    }
+    const std::string version = AskVersion(program);
+    if (!version.empty()) {
+        const std::lock_guard lock(mutex);
+        versions[program] = {file, version};
+    }
+    return version;
+}
+
 Check CheckVersions() {
+    const std::array programs{&paths::PODMAN, &paths::CRUN, &paths::CONMON, &paths::DOCKER_COMPOSE};
+    // Side by side: one that hangs takes all of its time.
+    std::vector<std::future<std::string>> versions;
+    for (const std::string* const program : programs) {
+        versions.push_back(std::async(std::launch::async, VersionOf, *program));
+    }
     std::string found;
     bool isComplete = true;
-    for (const std::string* program :
-         {&paths::PODMAN, &paths::CRUN, &paths::CONMON, &paths::DOCKER_COMPOSE}) {
-        const std::string version = VersionOf(*program);
+    for (size_t i = 0; i < programs.size(); ++i) {
+        const std::string* const program = programs[i];
+        const std::string version = versions[i].get();
         isComplete = isComplete && !version.empty();
         found += (found.empty() ? "" : ", ") + fs::path(*program).filename().string() + " " +
                  (version.empty() ? "does not run" : version);
@@ -373,12 +424,13 @@ QxNHttp::Task<json> CheckBoard(Ground& ground) {
         plugins = co_await keeper.OnControlThread([&] { return ground.keeper.Service().listPlugins(); });
     }
     co_return co_await OnWorker(ground, [&] {
-        return ToJson(
-            {CheckEnabled(service), CheckUserStorage(service), CheckFirmware(), CheckMount(), CheckLinks(),
-             CheckCoreSettings(settings.coresNum, most), CheckCpuSet(settings.coresNum), podman, tcp,
-             CheckCertificates(settings.tcpPort), CheckSpace(service), CheckVersions(),
-             plugins ? CheckPlugins(*plugins)
-                     : Check{"plugins", "Plugins", Unknown, "the service is just starting or stopping"},
-             CheckWriteCache()});
+        return ToJson({CheckEnabled(service), CheckUserStorage(service), CheckFirmware(), CheckMount(),
+                       CheckLinks(), CheckCoreSettings(settings.coresNum, most),
+                       CheckCpuSet(settings.coresNum), podman, tcp, CheckCertificates(settings.tcpPort),
+                       CheckOwnCertificate(ground.certificate), CheckSpace(service), CheckVersions(),
+                       plugins
+                           ? CheckPlugins(*plugins)
+                           : Check{"plugins", "Plugins", Unknown, "the service is just starting or stopping"},
+                       CheckWriteCache()});
     });
 }

@@ -4,6 +4,7 @@
 #include "api/Names.h"
 #include "api/Program.h"
 #include "http/Clock.h"
+#include "http/UploadFile.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -206,7 +207,8 @@ Task<Reply> WriteFile(Ground& ground, Request& request) {
     const std::string name = ComposeFileName(request.segments[3]);
     RequireUserStorage(ground.keeper);
     QxNHttp::UploadedFile file = co_await request.body->ToFile(Directory(), LongestFile);
-    co_return Reply::Empty(file.MoveTo(Directory() + name) ? Status::no_content : Status::created);
+    const bool replaces = co_await QxNHttp::Place(file, Directory() + name);
+    co_return Reply::Empty(replaces ? Status::no_content : Status::created);
 }
 
 }  // namespace
@@ -233,9 +235,7 @@ void AddComposeRequests(QxNHttp::Router& router, Ground& ground) {
                [&ground](Request& request) -> Task<Reply> { co_return co_await WriteFile(ground, request); });
     router.Add(Verb::delete_, "/compose-files/{file}", Right::Act, [](Request& request) -> Task<Reply> {
         const std::string& name = ComposeFileName(request.segments[3]);
-        if (unlink((Directory() + name).c_str()) != 0) {
-            throw Problem(Status::not_found, "There is no compose file '" + name + "'.");
-        }
+        RemoveFile(Directory() + name, "There is no compose file '" + name + "'.");
         co_return Reply::Empty();
     });
     router.Add(Verb::get, "/projects", Right::Look,

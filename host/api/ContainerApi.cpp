@@ -65,6 +65,9 @@ json Describe(const json& container) {
     object["state"] = TextMember(container, "State");
     object["status"] = StatusText(container);
     object["created"] = TextMember(container, "Created");
+    const std::int64_t startedAt = NumberMember(container, "StartedAt");
+    object["startedAt"] =
+        startedAt > 0 ? QxNHttp::TimeText(std::chrono::system_clock::from_time_t(startedAt)) : "";
     object["exitCode"] = NumberMember(container, "ExitCode");
     object["project"] =
         TextMember(labels, isCompose ? "com.docker.compose.project" : "io.podman.compose.project");

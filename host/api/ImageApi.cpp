@@ -45,7 +45,7 @@ Task<Reply> Load(Ground& ground, Request& request) {
     // Before gigabytes have come in vain.
     RequirePodman(ground.keeper);
     RequireUserStorage(ground.keeper);
-    const QxNHttp::UploadedFile archive = co_await request.body->ToFile(
+    QxNHttp::UploadedFile archive = co_await request.body->ToFile(
         QxNContainer::QxNContainerPaths::IMAGES_STORAGE_DIR, ground.largestUpload);
     PodmanAsk load("/libpod/images/load");
     load.method = QxCCurlHandler::Post;
@@ -59,16 +59,19 @@ Task<Reply> Load(Ground& ground, Request& request) {
         const json answer = co_await AskPodmanForJson(ground, load);
         names = TextsOf(Member(answer, "Names"));
     } catch (const Problem& problem) {
-        if (std::string_view(problem.what()).find("no space left") != std::string_view::npos) {
-            throw Problem(Status::insufficient_storage,
-                          "There is no room for the image; remove images or files that are not needed. " +
-                              std::string(problem.what()));
-        }
         // Podman answers 500 to what it cannot read.
         const bool isUnreadable =
             problem.status == Status::bad_gateway || problem.status == Status::bad_request;
-        refused.emplace(isUnreadable ? Status::unprocessable_entity : problem.status, problem.what());
+        if (std::string_view(problem.what()).find("no space left") != std::string_view::npos) {
+            refused.emplace(Status::insufficient_storage,
+                            "There is no room for the image; remove images or files that are not needed. " +
+                                std::string(problem.what()));
+        } else {
+            refused.emplace(isUnreadable ? Status::unprocessable_entity : problem.status, problem.what());
+        }
     }
+    // Releasing gigabytes takes a disk its time.
+    co_await OnWorker(ground, [&] { archive.Remove(); });
     if (refused) {
         throw *refused;
     }

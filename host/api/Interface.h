@@ -12,8 +12,10 @@
 
 #include <boost/asio/thread_pool.hpp>
 #include <cstdint>
+#include <map>
 #include <set>
 #include <string>
+#include <utility>
 
 struct PodmanResponse;
 
@@ -28,8 +30,11 @@ struct Ground {
     boost::asio::thread_pool& podman;   ///< for requests to Podman, which may hang
     boost::asio::thread_pool& compose;  ///< for operations on projects, which take minutes
     std::string page;                   ///< the page's directory
+    std::string certificate;            ///< of the interface; empty without TLS
     std::uint64_t largestUpload;        ///< bytes
     std::set<std::string> busyProjects = {};
+    /// Plugins by name and version that were activated or deactivated since the start: whether they are deactivated.
+    std::map<std::pair<std::string, std::string>, bool> switchedPlugins = {};
 };
 
 /// Each adds the requests of its part of the interface.

@@ -3,6 +3,7 @@
 #include "api/LogDownload.h"
 #include "api/LogSocket.h"
 #include "api/Names.h"
+#include "logs/ContainerState.h"
 #include "support/ErrorListScope.h"
 
 #include <boost/asio/this_coro.hpp>
@@ -79,9 +80,12 @@ Task<QxNHttp::Router::Stream> OpenLog(Ground& ground, Request& request) {
 Task<Reply> Download(Ground& ground, Request& request) {
     const std::string container = ContainerName(request.segments[3]);
     const std::string tail = TailText(request, "all");
-    RequirePodman(ground.keeper);
+    const bool hasTimestamps = request.Flag("timestamps", false);
+    const PodmanAsk inspection(ContainerState::Endpoint(container));
+    const PodmanResponse answer = co_await AskPodman(ground, inspection);
+    const auto state = ContainerState::Read(answer.body);
     const auto download = std::make_shared<LogDownload>(co_await boost::asio::this_coro::executor,
-                                                        request.Flag("timestamps", false));
+                                                        state && state->hasTerminal, hasTimestamps);
     if (!download->Start(ground.streams, ground.keeper.Service(), container, tail)) {
         throw Problem(Status::service_unavailable, "There are too many streams of logs; try again later.");
     }

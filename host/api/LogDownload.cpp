@@ -5,6 +5,7 @@
 #include "QxCWebSocket.h"
 #include "support/ErrorListScope.h"
 
+#include <array>
 #include <condition_variable>
 #include <mutex>
 
@@ -21,19 +22,26 @@ constexpr size_t LongestLine = 64 << 10;
 
 /// Between the stream's thread, which waits when the client is slow, and the connection's.
 struct LogDownload::Pipe final : QxNSmartWebApi::QxCWebSocket {
-    Pipe(const boost::asio::any_io_executor& executor, bool withTimes)
-        : more(executor), hasTimestamps(withTimes) {}
+    Pipe(const boost::asio::any_io_executor& executor, bool hasTerminal, bool withTimes)
+        : more(executor), hasTimestamps(withTimes), parser(hasTerminal, LongestLine) {}
+
+    /// Takes a line, or a part of one: parts of different streams come in turns.
+    void Take(const LogParser::Piece& line, std::string& text) {
+        std::string& whole = begun[static_cast<size_t>(line.source)];
+        if (hasTimestamps && whole.empty()) {
+            whole.append(line.timeText).append(" ");
+        }
+        whole.append(line.text);
+        if (!line.isPartial || whole.size() >= LongestLine) {
+            text.append(whole).append("\n");
+            whole.clear();
+        }
+    }
 
     int sendBinary(QxCErrorListPool&, const unsigned char* data, unsigned int length, int, bool) override {
         std::string piece;
-        const bool isSound =
-            parser.Take({reinterpret_cast<const char*>(data), length}, [&](const LogParser::Piece& line) {
-                if (hasTimestamps && isLineStart) {
-                    piece.append(line.timeText).append(" ");
-                }
-                piece.append(line.text).append(line.isPartial ? "" : "\n");
-                isLineStart = !line.isPartial;
-            });
+        const bool isSound = parser.Take({reinterpret_cast<const char*>(data), length},
+                                         [&](const LogParser::Piece& line) { Take(line, piece); });
         std::unique_lock lock(mutex);
         room.wait(lock, [this] { return waiting.size() < MostWaiting || isAbandoned; });
         if (isAbandoned || !isSound) {
@@ -60,6 +68,9 @@ struct LogDownload::Pipe final : QxNSmartWebApi::QxCWebSocket {
         }
         service.UnregisterLogStreamSession(this);
         const std::lock_guard lock(mutex);
+        for (const std::string& line : begun) {
+            waiting += line;
+        }
         hasEnded = true;
         httpCode = response.httpCode;
         more.Notify();
@@ -67,8 +78,8 @@ struct LogDownload::Pipe final : QxNSmartWebApi::QxCWebSocket {
 
     QxNHttp::Event more;
     const bool hasTimestamps;
-    LogParser parser{false, LongestLine};
-    bool isLineStart = true;
+    LogParser parser;
+    std::array<std::string, 3> begun;  ///< lines without an end yet, by source
     std::mutex mutex;
     std::condition_variable room;
     std::string waiting;
@@ -77,8 +88,8 @@ struct LogDownload::Pipe final : QxNSmartWebApi::QxCWebSocket {
     int httpCode = 0;
 };
 
-LogDownload::LogDownload(const boost::asio::any_io_executor& executor, bool hasTimestamps)
-    : _pipe(std::make_shared<Pipe>(executor, hasTimestamps)) {}
+LogDownload::LogDownload(const boost::asio::any_io_executor& executor, bool hasTerminal, bool hasTimestamps)
+    : _pipe(std::make_shared<Pipe>(executor, hasTerminal, hasTimestamps)) {}
 
 LogDownload::~LogDownload() {
     {

@@ -14,8 +14,9 @@ class QxCContainer;
 /// The whole log of a container as text, as far as it has been written, in pieces as the client takes them.
 class LogDownload {
 public:
+    /// @param hasTerminal    whether the container has one, so that lines end with a carriage return too
     /// @param hasTimestamps  whether each line begins with its time
-    LogDownload(const boost::asio::any_io_executor& executor, bool hasTimestamps);
+    LogDownload(const boost::asio::any_io_executor& executor, bool hasTerminal, bool hasTimestamps);
     LogDownload(const LogDownload&) = delete;
     LogDownload& operator=(const LogDownload&) = delete;
     /// Ends the reading.

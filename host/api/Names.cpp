@@ -2,8 +2,11 @@
 
 #include "api/Interface.h"
 
+#include <unistd.h>
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
 #include <string_view>
 
 using QxNHttp::Problem;
@@ -51,6 +54,17 @@ std::string ImageInUrl(const std::string& image) {
         escaped += c == '/' ? "%2F" : std::string(1, c);
     }
     return escaped;
+}
+
+void RemoveFile(const std::string& path, const std::string& notFound) {
+    if (unlink(path.c_str()) == 0) {
+        return;
+    }
+    if (errno == ENOENT) {
+        throw Problem(Status::not_found, notFound);
+    }
+    throw Problem(Status::internal_server_error,
+                  "The file " + path + " cannot be removed: " + strerror(errno));
 }
 
 QxNHttp::Task<QxNJson::json> ReadObject(QxNHttp::Request& request, size_t longest) {

@@ -1,6 +1,8 @@
 #include "QxCContainer.h"
 #include "QxNContainerPaths.h"
 #include "api/Interface.h"
+#include "api/Names.h"
+#include "http/UploadFile.h"
 
 #include <unistd.h>
 #include <filesystem>
@@ -43,29 +45,26 @@ Task<Reply> Upload(Ground& ground, Request& request) {
     QxNHttp::UploadedFile file = co_await request.body->ToFile(Directory(), ground.largestUpload);
     // Whether it is a plugin is for the library's own reader to say, which does not look at hidden files.
     const std::string visibleName = fs::path(file.Path()).filename().string().substr(1);
-    file.MoveTo(Directory() + "/" + visibleName);
+    co_await QxNHttp::Place(file, Directory() + "/" + visibleName);
     QxNHttp::UploadedFile visible(Directory() + "/" + visibleName, file.Size());
     const json found = co_await Rescan(ground);
     if (FindFile(found, visibleName).is_null()) {
         throw Problem(Status::unprocessable_entity,
                       "This is no plugin file: it does not end in a plugin's trailer. Nothing was kept.");
     }
-    const bool replaces = visible.MoveTo(Directory() + "/" + name);
+    const bool replaces = co_await QxNHttp::Place(visible, Directory() + "/" + name);
     co_await Rescan(ground);
     co_return Reply::Empty(replaces ? Status::no_content : Status::created);
 }
 
 Task<Reply> Remove(Ground& ground, const std::string& name) {
     FileName(name);
-    if (unlink((Directory() + "/" + name).c_str()) != 0) {
-        throw Problem(Status::not_found, "There is no plugin file '" + name + "' in the user directory.");
-    }
+    RemoveFile(Directory() + "/" + name, "There is no plugin file '" + name + "' in the user directory.");
     co_await Rescan(ground);
     co_return Reply::Empty();
 }
 
 Task<Reply> Switch(Ground& ground, const std::string& name, const std::string& action) {
-    FileName(name);
     if (action != "activate" && action != "deactivate") {
         throw Problem(Status::not_found, "A plugin can be activated and deactivated.");
     }
@@ -91,7 +90,25 @@ Task<Reply> Switch(Ground& ground, const std::string& name, const std::string& a
             code == 4 ? "The list of deactivated plugins cannot be read or written; the log file says why."
                       : "The plugin has no name or version by which it could be told apart.");
     }
+    ground.switchedPlugins[{plugin["name"].get<std::string>(), plugin["version"].get<std::string>()}] =
+        action == "deactivate";
     co_return Reply::Empty();
+}
+
+/// The library lists what held at its start; with what was switched since.
+Reply ListReply(const Ground& ground, const json& list) {
+    json plugins = json::array();
+    for (const auto& listed : list["plugins"]) {
+        json plugin = listed;
+        const auto switched =
+            ground.switchedPlugins.find({TextMember(plugin, "name"), TextMember(plugin, "version")});
+        plugin["deactivatedNext"] =
+            switched == ground.switchedPlugins.end() ? json(plugin["isDeactivated"]) : json(switched->second);
+        plugins.push_back(std::move(plugin));
+    }
+    json answer = list;
+    answer["plugins"] = std::move(plugins);
+    return JsonReply(answer);
 }
 
 }  // namespace
@@ -100,11 +117,11 @@ void AddPluginRequests(QxNHttp::Router& router, Ground& ground) {
     router.Add(Verb::get, "/plugins", Right::Look, [&ground](Request&) -> Task<Reply> {
         const json list =
             co_await ground.keeper.OnControlThread([&] { return ground.keeper.Service().listPlugins(); });
-        co_return JsonReply(list);
+        co_return ListReply(ground, list);
     });
     router.Add(Verb::post, "/plugins/rescan", Right::Act, [&ground](Request&) -> Task<Reply> {
         const json list = co_await Rescan(ground);
-        co_return JsonReply(list);
+        co_return ListReply(ground, list);
     });
     router.Add(Verb::put, "/plugins/{file}", Right::Act,
                [&ground](Request& request) -> Task<Reply> { co_return co_await Upload(ground, request); });

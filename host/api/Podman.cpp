@@ -35,6 +35,11 @@ Status StatusFor(const PodmanResponse& response) {
 }
 
 Problem NoAnswer(const ServiceKeeper& keeper) {
+    if (keeper.IsBusy()) {
+        return {
+            Status::service_unavailable,
+            "Podman does not answer: the service is just starting or stopping. Try again when that is done."};
+    }
     return {Status::service_unavailable,
             "Podman does not answer. " + (keeper.TheProblem().empty()
                                               ? std::string("Look at the check and start the service.")

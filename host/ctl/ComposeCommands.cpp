@@ -194,9 +194,11 @@ void AddCheck(CLI::App& group, Tool& tool) {
     });
 }
 
+constexpr long long NoSuchFile = 4;
+
 std::string TextOfCode(long long code) {
     switch (code) {
-        case 4:
+        case NoSuchFile:
             return "there is no such file";
         case 5:
             return "the compose tool could not be started";
@@ -252,7 +254,9 @@ void AddOperation(CLI::App& group, Tool& tool, const Operation& operation) {
              .progress = &progress},
             [&](const Value& answer) { PrintOutcome(tool, *file, answer); },
             [](const Value& answer) {
-                return Answers::Flag(answer, "ok") ? ExitCode::Fine : ExitCode::Failed;
+                return Answers::Flag(answer, "ok")                     ? ExitCode::Fine
+                       : Answers::Number(answer, "code") == NoSuchFile ? ExitCode::NotFound
+                                                                       : ExitCode::Failed;
             });
     });
 }

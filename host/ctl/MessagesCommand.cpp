@@ -7,7 +7,9 @@
 #include "Text.h"
 #include "Tool.h"
 
-#include <optional>
+#include <deque>
+#include <string>
+#include <unordered_set>
 
 using Answers::Value;
 
@@ -15,6 +17,7 @@ namespace {
 
 /// Most that the daemon gives at once.
 constexpr const char* LargestTail = "10000";
+constexpr size_t MostMessages = 10000;
 
 struct Severity {
     std::string word;
@@ -54,7 +57,7 @@ public:
     FollowedMessages(std::string tail, const Tool& tool) : _tail(std::move(tail)), _tool(tool) {}
 
     std::string Target() const override {
-        return ApiPath({"messages"}, {{"tail", _newest ? LargestTail : _tail}});
+        return ApiPath({"messages"}, {{"tail", _shown.empty() ? _tail : LargestTail}});
     }
 
     Next Show(const Value& message) override {
@@ -68,40 +71,24 @@ public:
         return type == "end" ? Next::ConnectAgain : Next::GoOn;
     }
 
-    void OnConnected() override {
-        _again = _newest;
-        _toSkip = _countOfNewest;
-    }
+    /// After a break all messages that are there come again.
+    void OnConnected() override { _again = {_shown.begin(), _shown.end()}; }
 
 private:
-    using TimePoint = std::chrono::system_clock::time_point;
-
-    /// After a break all messages that are there come again: those that are older than the newest one that was shown,
-    /// and as many of its time as were shown, are known.
-    bool IsKnown(const std::optional<TimePoint>& time) {
-        if (!_again || !time) {
-            return false;
-        }
-        if (*time < *_again) {
-            return true;
-        }
-        if (*time == *_again && _toSkip > 0) {
-            --_toSkip;
-            return true;
-        }
-        _again.reset();
-        return false;
-    }
-
     void ShowNew(const Value& message) {
-        const auto time = TimeOfLogLine(Answers::Text(message, "time"));
-        if (IsKnown(time)) {
+        // By all that they say: the board's clock may have been set back.
+        std::string text = QxNJson::json(message).dump();
+        const auto known = _again.find(text);
+        if (known != _again.end()) {
+            _again.erase(known);
             return;
         }
-        _countOfNewest = time == _newest ? _countOfNewest + 1 : 1;
-        _newest = time;
+        _shown.push_back(std::move(text));
+        if (_shown.size() > MostMessages) {
+            _shown.pop_front();
+        }
         if (_tool.json) {
-            _tool.PrintText(QxNJson::json(message).dump());
+            _tool.PrintText(_shown.back());
         } else {
             _tool.Print(LineText(message, _tool.console));
         }
@@ -109,10 +96,8 @@ private:
 
     const std::string _tail;
     const Tool& _tool;
-    std::optional<TimePoint> _newest;
-    size_t _countOfNewest = 0;
-    std::optional<TimePoint> _again;  ///< the newest one before a break, while known ones come again
-    size_t _toSkip = 0;
+    std::deque<std::string> _shown;
+    std::unordered_multiset<std::string> _again;  ///< those of them that may still come again
 };
 
 void PrintMessages(const Tool& tool, const Value& answer) {

@@ -140,7 +140,7 @@ void AddCores(CLI::App& app, Tool& tool) {
 
 void AddMetrics(CLI::App& app, Tool& tool) {
     CLI::App* const command = AddCommand(app, "metrics", "Show figures in the Prometheus text format",
-                                         "qxctl metrics | grep containers");
+                                         "qxctl metrics | grep restarts");
     OnCommand(command, tool, [&tool] {
         tool.PrintText(tool.Send({.target = ApiPath({"metrics"})}).body);
         return ExitCode::Fine;

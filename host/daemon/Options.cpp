@@ -1,8 +1,10 @@
 #include "daemon/Options.h"
 
+#include "http/Origin.h"
 #include "http/Tokens.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <filesystem>
 #include <map>
 
@@ -148,6 +150,19 @@ void AddKeeperOptions(CLI::App& app, Options& options) {
     AddSeconds(app, "--start-deadline", keeper.startDeadline, "For Podman's first answer after a start");
 }
 
+/// @return what cannot be meant; empty when all is well
+std::string Contradiction(const QxNHttp::ServerOptions& server) {
+    if (server.certificate.empty() != server.key.empty()) {
+        return "a certificate and its key belong together; give both --certificate and --key, or none";
+    }
+    for (const std::string& host : server.hosts) {
+        if (QxNHttp::HostOf(host) != host) {
+            return "--host takes a name without a port, not '" + host + "'";
+        }
+    }
+    return {};
+}
+
 /// @return the exit code
 int MakeToken(const Options& options, const std::string& name, bool mayAct) {
     std::error_code ignored;
@@ -216,9 +231,20 @@ std::optional<int> ReadOptions(int argc, char** argv, Options& options) {
         std::fputs(SampleConfiguration(app).c_str(), stdout);
         return 0;
     }
-    if (!newToken.empty()) {
+    if (app.count("--make-token") > 0) {
         return MakeToken(options, newToken, mayAct);
     }
     std::erase(options.server.listen, "none");
+    for (std::string& host : options.server.hosts) {
+        // Brackets around a whole value are those of a list to the parser.
+        if (std::count(host.begin(), host.end(), ':') > 1 && host.front() != '[') {
+            host = "[" + host + "]";
+        }
+    }
+    const std::string problem = Contradiction(options.server);
+    if (!problem.empty()) {
+        std::fprintf(stderr, "qxcontainerd: %s\n", problem.c_str());
+        return BadUsage;
+    }
     return std::nullopt;
 }

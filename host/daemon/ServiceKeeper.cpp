@@ -2,6 +2,7 @@
 
 #include "QxCContainer.h"
 #include "QxCRTELog.h"
+#include "QxCWriteThroughCacheGuard.h"
 #include "daemon/PodmanServices.h"
 #include "http/Clock.h"
 
@@ -102,6 +103,8 @@ Task<void> ServiceKeeper::Start() {
         co_return;
     }
     _policy.Reset();
+    _nextRestart.reset();
+    _pause.cancel();
     co_await StartLibrary(_isStarted);
     if (_state != State::Running) {
         throw Problem(Status::conflict, _problem.empty() ? "Somebody stopped the service." : _problem);
@@ -156,10 +159,11 @@ Task<void> ServiceKeeper::ChangeSettings(std::optional<unsigned> tcpPort, std::o
         throw Problem(Status::bad_request,
                       "The TCP port must be a number from 0 to 65535, but not 80 or 111.");
     }
-    auto settings = _settings;
-    settings.tcpPort = tcpPort.value_or(settings.tcpPort);
-    settings.coresNum = cores.value_or(settings.coresNum);
-    const bool isWritten = co_await OnControlThread([this, settings] {
+    QxCCTESettings::QxSUserSettings settings;
+    const bool isWritten = co_await OnControlThread([&] {
+        settings = _service->GetContainerServiceUserSettings();
+        settings.tcpPort = tcpPort.value_or(settings.tcpPort);
+        settings.coresNum = cores.value_or(settings.coresNum);
         const unsigned most = _service->GetMaxAllowedCpuCoreCount();
         if (settings.coresNum > most) {
             throw Problem(Status::bad_request,
@@ -195,7 +199,6 @@ Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
     try {
         problem = co_await OnControlThread([this, isRestart] {
             const std::string failure = PrepareAndStart(isRestart);
-            _isStarted = failure.empty();
             if (!_isStarted) {
                 Leftovers::Unmark();
             }
@@ -240,7 +243,10 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
             return "The cores cannot be given to the containers; the check and the log file say why.";
         }
     }
-    return _service->Start() ? std::string() : "The thread that watches Podman cannot be created.";
+    // Also where it throws, Podman may be there and has to be stopped.
+    _isStarted = true;
+    _isStarted = _service->Start();
+    return _isStarted ? std::string() : "The thread that watches Podman cannot be created.";
 }
 
 Task<void> ServiceKeeper::StopLibrary() {
@@ -248,7 +254,15 @@ Task<void> ServiceKeeper::StopLibrary() {
     asio::co_spawn(_io, KillWhatHangs(stopping), asio::detached);
     co_await OnControlThread([this] {
         if (_isStarted) {
-            _service->Stop();
+            try {
+                _service->Stop();
+            } catch (const std::exception& error) {
+                // The settings come after the containers and before the disk.
+                QxCRTE_LOG_Impl(RteLogLevel::WarningNotify,
+                                "Quolex Container Host: The state cannot be kept in the settings: %s",
+                                error.what());
+                QxNContainer::QxCWriteThroughCacheGuard::ForceRestoreWriteBackMode();
+            }
             _isStarted = false;
             // The library does not wait for long for a service that it has not begun to watch.
             EndPodmanServices();

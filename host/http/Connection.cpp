@@ -267,16 +267,16 @@ private:
                            [&](const std::string& name) { return IsSameHost(host, name); });
     }
 
-    Client ClientOf(const http::request<http::empty_body>& header) const {
+    Client ClientOf(const http::request<http::empty_body>& header) {
         if (_origin.isLocal) {
             return {"local", Right::Act, true, false};
         }
         constexpr std::string_view Bearer = "Bearer ";
         const std::string_view authorization = View(header[http::field::authorization]);
-        const std::string_view token = authorization.starts_with(Bearer)
-                                           ? authorization.substr(Bearer.size())
-                                           : CookieOf(View(header[http::field::cookie]), "qx-session");
-        Client client = token.empty() ? Client{} : _ground.tokens.Find(std::string(token));
+        _token = authorization.starts_with(Bearer)
+                     ? authorization.substr(Bearer.size())
+                     : CookieOf(View(header[http::field::cookie]), "qx-session");
+        Client client = _token.empty() ? Client{} : _ground.tokens.Find(_token);
         client.isTls = _origin.isTls;
         return client;
     }
@@ -487,14 +487,17 @@ private:
 
     class Socket final : public WebSocket {
     public:
-        explicit Socket(Stream& stream) : ws(stream) {}
+        Socket(Stream& stream, std::function<bool()> isAllowed)
+            : ws(stream), _isAllowed(std::move(isAllowed)) {}
 
         Task<void> Send(std::string text) override {
+            co_await CheckAllowed();
             ws.text(true);
             co_await ws.async_write(asio::buffer(text), asio::use_awaitable);
         }
 
         Task<void> SendBinary(std::string_view bytes, bool isLast) override {
+            co_await CheckAllowed();
             ws.binary(true);
             co_await ws.async_write_some(isLast, asio::buffer(bytes), asio::use_awaitable);
         }
@@ -528,11 +531,23 @@ private:
         }
 
         websocket::stream<Stream&> ws;
+
+    private:
+        /// A token that is removed takes its open streams along.
+        Task<void> CheckAllowed() {
+            if (!_isAllowed()) {
+                co_await Close("the token has been removed", CloseCode::policy_error);
+                throw boost::system::system_error(asio::error::operation_aborted);
+            }
+        }
+
+        const std::function<bool()> _isAllowed;
     };
 
     Task<void> ServeWebSocket(const Router::Stream& stream) {
         using namespace asio::experimental::awaitable_operators;
-        Socket socket(_stream);
+        Socket socket(_stream,
+                      [this] { return _token.empty() || _ground.tokens.Find(_token).right != Right::None; });
         _stream.expires_never();
         socket.ws.set_option(websocket::stream_base::timeout{_ground.options.headerTimeout,
                                                              _ground.options.pingTimeout, true});
@@ -564,6 +579,7 @@ private:
     beast::flat_buffer _input{LargestInput};
     std::optional<HeaderParser> _header;
     std::optional<std::uint64_t> _contentLength;
+    std::string _token;  ///< of the client of the last request; empty for one on the board
     bool _isBodyRead = true;
     bool _isKeptAlive = false;
     bool _expectsContinue = false;

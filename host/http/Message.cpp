@@ -53,9 +53,11 @@ void SyncDirectory(const std::string& path) {
 
 }  // namespace
 
-UploadedFile::~UploadedFile() {
+UploadedFile::~UploadedFile() { Remove(); }
+
+void UploadedFile::Remove() {
     if (!_path.empty()) {
-        unlink(_path.c_str());
+        unlink(Release().c_str());
     }
 }
 

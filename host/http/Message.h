@@ -54,6 +54,8 @@ public:
     ~UploadedFile();
 
     const std::string& Path() const { return _path; }
+    /// Removes the file now.
+    void Remove();
     /// Gives the file up without removing it.
     std::string Release() { return std::exchange(_path, {}); }
     std::uint64_t Size() const { return _size; }

@@ -11,6 +11,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <array>
 #include <boost/asio/basic_socket_acceptor.hpp>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
@@ -21,9 +22,11 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <list>
+#include <optional>
 #include <system_error>
 
 namespace asio = boost::asio;
@@ -173,7 +176,8 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         : io(context), options(wanted), router(routes), tokens(known) {
         const bool isTls = !options.certificate.empty();
         if (isTls) {
-            UseCertificate();
+            tls.emplace(MakeTls());
+            certificateTimes = CertificateTimes();
         }
         if (!options.socket.empty()) {
             listeners.push_back(ListenLocally(options.socket, options.socketGroup));
@@ -188,17 +192,42 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         }
     }
 
-    void UseCertificate() {
+    asio::ssl::context MakeTls() const {
+        asio::ssl::context context(asio::ssl::context::tls_server);
         boost::system::error_code error;
-        tls.set_options(asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1 |
-                        asio::ssl::context::default_workarounds);
-        tls.use_certificate_chain_file(options.certificate, error);
+        context.set_options(asio::ssl::context::no_tlsv1 | asio::ssl::context::no_tlsv1_1 |
+                            asio::ssl::context::default_workarounds);
+        context.use_certificate_chain_file(options.certificate, error);
         if (!error) {
-            tls.use_private_key_file(options.key, asio::ssl::context::pem, error);
+            context.use_private_key_file(options.key, asio::ssl::context::pem, error);
         }
         if (error) {
             throw std::runtime_error("the certificate " + options.certificate + " and its key " +
                                      options.key + " cannot be used: " + error.message());
+        }
+        return context;
+    }
+
+    using FileTimes = std::array<std::filesystem::file_time_type, 2>;
+
+    FileTimes CertificateTimes() const {
+        std::error_code ignored;
+        return {std::filesystem::last_write_time(options.certificate, ignored),
+                std::filesystem::last_write_time(options.key, ignored)};
+    }
+
+    /// A certificate that has been renewed holds for the next client. While it does not fit its key yet, or is not there,
+    /// the one before stays.
+    void RenewTls() {
+        const FileTimes times = CertificateTimes();
+        if (times == certificateTimes) {
+            return;
+        }
+        certificateTimes = times;
+        try {
+            tls.emplace(MakeTls());
+        } catch (const std::runtime_error& error) {
+            std::fprintf(stderr, "qxcontainerd: %s; the one before is used\n", error.what());
         }
     }
 
@@ -272,7 +301,8 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         Stream served{asio::any_io_executor(io.get_executor())};
         if (Assign(bridged, first, AF_UNIX) && Assign(served, second, AF_UNIX)) {
             using namespace asio::experimental::awaitable_operators;
-            co_await (BridgeTls(outside, bridged, tls, options.headerTimeout, options.idleTimeout) &&
+            RenewTls();
+            co_await (BridgeTls(outside, bridged, *tls, options.headerTimeout, options.idleTimeout) &&
                       ServeAndClose(served, origin));
         }
     }
@@ -318,7 +348,8 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
     const ServerOptions options;
     const Router& router;
     const Tokens& tokens;
-    asio::ssl::context tls{asio::ssl::context::tls_server};
+    std::optional<asio::ssl::context> tls;
+    FileTimes certificateTimes{};
     std::vector<Listener> listeners;
     std::vector<std::unique_ptr<Acceptor>> acceptors;
     std::list<Stream*> localStreams;

@@ -42,6 +42,11 @@ std::string DirectoryOf(const UploadedFile& file) {
 
 }  // namespace
 
+Task<bool> Place(UploadedFile& file, std::string path) {
+    const bool replaces = co_await InBackground(DiskThread(), [&] { return file.MoveTo(path); });
+    co_return replaces;
+}
+
 UploadTarget::UploadTarget(const std::string& directory, std::optional<std::uint64_t> expected)
     : _file(MakeFile(directory, _output)) {
     struct statvfs disk {};

@@ -10,6 +10,11 @@ namespace QxNHttp {
 /// How the names of files begin that are not finished yet; six letters and digits follow.
 inline constexpr const char* HiddenUploadPrefix = ".qxcontainerd-upload-";
 
+/// Puts an uploaded file at its place, on the thread for disks.
+/// @return whether there was one before
+/// @throws Problem when that is not possible
+Task<bool> Place(UploadedFile& file, std::string path);
+
 /// The file that a body is written to, on a thread for disks so that a slow one holds up nobody else. Goes when it is
 /// not finished.
 class UploadTarget {

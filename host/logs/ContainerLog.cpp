@@ -21,9 +21,17 @@ void ContainerLog::Append(std::vector<LogLinePtr>& lines) {
 }
 
 void ContainerLog::SetReady() {
-    const std::lock_guard lock(_mutex);
-    _isReady = true;
-    _readyCondition.notify_all();
+    Waiters waiters;
+    {
+        const std::lock_guard lock(_mutex);
+        if (_isReady) {
+            return;
+        }
+        _isReady = true;
+        _readyCondition.notify_all();
+        waiters.swap(_waiters);
+    }
+    Call(waiters);
 }
 
 void ContainerLog::End(Ending ending) {
@@ -83,18 +91,37 @@ ContainerLog::Ending ContainerLog::TheEnding() const {
     return _ending;
 }
 
-void ContainerLog::NotifyOnce(const void* viewer, std::uint64_t position, std::function<void()> callback) {
+bool ContainerLog::HasSettled(const LogMark& mark) const {
+    return _isReady || (_ring.Begin() != _ring.End() && _ring.At(_ring.End() - 1)->mark.time > mark.time) ||
+           _ring.After(mark).has_value();
+}
+
+bool ContainerLog::Knows(const LogMark& mark) const {
+    const std::lock_guard lock(_mutex);
+    return HasSettled(mark);
+}
+
+template <typename Predicate>
+void ContainerLog::CallWhen(Predicate isThere, const void* viewer, std::function<void()> callback) {
     // Destroyed when the lock is open: a callback may own what calls back here.
     Waiters replaced;
     {
         const std::lock_guard lock(_mutex);
         MoveOut(viewer, replaced);
-        if (position >= _ring.End() && !_hasEnded) {
+        if (!isThere()) {
             _waiters.emplace_back(viewer, std::move(callback));
             return;
         }
     }
     callback();
+}
+
+void ContainerLog::NotifyOnce(const void* viewer, std::uint64_t position, std::function<void()> callback) {
+    CallWhen([&] { return position < _ring.End() || _hasEnded; }, viewer, std::move(callback));
+}
+
+void ContainerLog::NotifyWhenKnown(const void* viewer, const LogMark& mark, std::function<void()> callback) {
+    CallWhen([&] { return HasSettled(mark); }, viewer, std::move(callback));
 }
 
 void ContainerLog::Forget(const void* viewer) {

@@ -57,12 +57,20 @@ public:
     /// Calls back once as soon as there is something at the position; at once when there is something already.
     /// @param viewer  key of the call; a second one takes the place of the first
     void NotifyOnce(const void* viewer, std::uint64_t position, std::function<void()> callback);
+    /// @return whether After() can tell for good: the line is there, or it will not come any more
+    bool Knows(const LogMark& mark) const;
+    /// Calls back once, perhaps early, when Knows() may have become true.
+    void NotifyWhenKnown(const void* viewer, const LogMark& mark, std::function<void()> callback);
     /// Forgets the viewer's call.
     void Forget(const void* viewer);
 
 private:
     using Waiters = std::vector<std::pair<const void*, std::function<void()>>>;
 
+    /// With the mutex held.
+    bool HasSettled(const LogMark& mark) const;
+    template <typename Predicate>
+    void CallWhen(Predicate isThere, const void* viewer, std::function<void()> callback);
     void MoveOut(const void* viewer, Waiters& target);
     static void Call(const Waiters& waiters);
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "LogLine.h"
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -65,9 +67,9 @@ private:
 
     const std::shared_ptr<ContainerLog> _log;
     const std::shared_ptr<void> _place;
+    std::optional<LogMark> _after;  ///< to be looked up as soon as the lines from before are there
     std::uint64_t _position = 0;
     bool _hasStarted = false;
-    bool _hasMissed = false;  ///< unknown lines, before the position
     bool _hasEnded = false;
 };
 

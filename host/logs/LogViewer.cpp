@@ -8,17 +8,11 @@
 LogViewer::LogViewer(std::shared_ptr<ContainerLog> log, std::shared_ptr<void> place, const LogStart& start)
     : _log(std::move(log)), _place(std::move(place)) {
     const auto cursor = LogCursor::Read(start.after);
-    if (!cursor) {
-        _position = _log->Tail(start.tail);
-        return;
+    if (cursor && cursor->IsOf(_log->Id())) {
+        _after = cursor->mark;
+    } else {
+        _position = _log->Tail(cursor ? LogStart::All : start.tail);
     }
-    if (!cursor->IsOf(_log->Id())) {
-        _position = _log->Tail(LogStart::All);
-        return;
-    }
-    const auto after = _log->After(cursor->mark);
-    _hasMissed = !after;
-    _position = after ? *after : _log->Tail(LogStart::All);
 }
 
 LogViewer::~LogViewer() { _log->Forget(this); }
@@ -29,10 +23,15 @@ std::optional<std::string> LogViewer::Next(size_t maxBytes) {
         return R"({"type":"start","container":)" + LogText::Quoted(_log->Id()) + R"(,"tty":)" +
                (_log->HasTerminal() ? "true}" : "false}");
     }
-    if (std::exchange(_hasMissed, false)) {
-        return R"({"type":"skipped","count":-1})";
+    if (_after && _log->Knows(*_after)) {
+        const auto after = _log->After(*_after);
+        _after.reset();
+        _position = after ? *after : _log->Tail(LogStart::All);
+        if (!after) {
+            return R"({"type":"skipped","count":-1})";
+        }
     }
-    return _hasEnded ? std::nullopt : FromLog(maxBytes);
+    return _hasEnded || _after ? std::nullopt : FromLog(maxBytes);
 }
 
 std::optional<std::string> LogViewer::FromLog(size_t maxBytes) {
@@ -66,8 +65,10 @@ std::string LogViewer::EndMessage() const {
 }
 
 void LogViewer::NotifyOnce(std::function<void()> callback) {
-    if (!_hasStarted || _hasMissed) {
+    if (!_hasStarted) {
         callback();
+    } else if (_after) {
+        _log->NotifyWhenKnown(this, *_after, std::move(callback));
     } else if (!_hasEnded) {
         _log->NotifyOnce(this, _position, std::move(callback));
     }

@@ -78,16 +78,26 @@ void PodmanLog::Start() {
     try {
         // The thread may be done, and somebody wait for it, before it is even noted here.
         const std::lock_guard lock(_threadMutex);
-        _thread = std::thread([this] { Run(); });
+        if (!IsStopping()) {
+            _thread = std::thread([this] { Run(); });
+            return;
+        }
     } catch (...) {
         _service.UnregisterLogStreamSession(&_receiver);
         throw;
     }
+    _service.UnregisterLogStreamSession(&_receiver);
+}
+
+bool PodmanLog::IsStopping() {
+    const std::lock_guard lock(_stopMutex);
+    return _isStopping;
 }
 
 void PodmanLog::Stop() {
     _log->End({"stopping", "the service stops"});
     {
+        // From here on no thread is started any more; one that is there has a session to be ended.
         const std::lock_guard lock(_stopMutex);
         _isStopping = true;
         _stopCondition.notify_all();

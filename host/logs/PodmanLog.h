@@ -39,7 +39,7 @@ public:
     PodmanLog& operator=(const PodmanLog&) = delete;
     ~PodmanLog() = default;
 
-    /// Asks Podman about the container and starts the thread.
+    /// Asks Podman about the container and starts the thread, unless Stop() has been called.
     /// @throws std::system_error when there is no thread to be had
     void Start();
     /// Ends the log with the code "stopping", at once for viewers, within about a second for the thread. From any
@@ -81,6 +81,7 @@ private:
     /// @return the HTTP code; 200 only when the state could be read
     int RequestState();
     int Request(const std::string& endpoint, std::function<bool(std::string_view)> take);
+    bool IsStopping();
     /// @return false when Stop() was called
     bool Pause(std::chrono::milliseconds time);
 

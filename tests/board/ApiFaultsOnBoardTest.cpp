@@ -244,10 +244,77 @@ TEST_F(ApiOnBoard, FindsWhatIsWrongWithCertificates) {
     EXPECT_EQ(Checks().Verdict("certificates"), "ok");
     Make("server.crt", 20);
     EXPECT_EQ(Checks().Verdict("certificates"), "warning");
+    Output("cd " + CONTAINER_CERTS_DIR +
+           " && openssl req -x509 -key server.key -subj /CN=board -not_before 20200101000000Z -not_after "
+           "$(date -u -d '-1 hour' +%Y%m%d%H%M%SZ) -out server.crt 2>/dev/null");
+    const Checks ended;
+    EXPECT_EQ(ended.Verdict("certificates"), "error");
+    EXPECT_THAT(ended.Found("certificates"), HasSubstr("server.crt has ended"));
+    Make("server.crt", 100);
     Output("printf x > " + CONTAINER_CERTS_DIR + "/ca.crt");
     const Checks wrong;
     EXPECT_EQ(wrong.Verdict("certificates"), "error");
     EXPECT_THAT(wrong.Found("certificates"), HasSubstr("ca.crt is no certificate"));
+}
+
+TEST_F(ApiOnBoard, AsksAToolForItsVersionOnce) {
+    const std::string tool = "/mnt/containers_tools/bin/crun";
+    Output(
+        "cp " + tool +
+        " /tmp/crun && printf '#!/bin/sh\\necho x >>/tmp/asked\\nexec /tmp/crun \"$@\"\\n' >/tmp/asking && "
+        "chmod +x /tmp/asking && mount --bind /tmp/asking " +
+        tool);
+    const std::string found = Checks().Found("versions");
+    EXPECT_THAT(found, testing::MatchesRegex(
+                           "podman [0-9.]+, crun [0-9.]+, conmon [0-9.]+, docker-compose [0-9.]+.*"));
+    EXPECT_EQ(Checks().Found("versions"), found);
+    EXPECT_EQ(Output("wc -l </tmp/asked"), "1");
+    Output("sleep 1.1; umount " + tool +
+           "; sed -i 's/echo x/echo yy/' /tmp/asking; mount --bind /tmp/asking " + tool);
+    EXPECT_EQ(Checks().Found("versions"), found);
+    EXPECT_EQ(Output("tail -n 1 /tmp/asked"), "yy");
+}
+
+TEST_F(ApiOnBoard, StopsAlsoWhenTheSettingsCannotBeWritten) {
+    Output("mv /mnt/cfdrive/containers /mnt/cfdrive/away && touch /mnt/cfdrive/containers");
+    EXPECT_EQ(Post("/service/stop").status, 200);
+    EXPECT_EQ(State(), "stopped");
+    EXPECT_THAT(Processes("podman system service"), IsEmpty());
+    EXPECT_EQ(Output("test -e /run/qxcontainerd.taken && echo taken || echo free"), "free");
+
+    const Answer start = Post("/service/start");
+    EXPECT_EQ(start.status, 409);
+    EXPECT_THAT(start.Detail(), HasSubstr("file system fails"));
+    EXPECT_EQ(State(), "failed");
+    Output("rm /mnt/cfdrive/containers && mv /mnt/cfdrive/away /mnt/cfdrive/containers");
+    EXPECT_EQ(Post("/service/start").status, 200);
+    EXPECT_EQ(State(), "running");
+    EXPECT_THAT(Processes("podman system service"), SizeIs(1));
+    EXPECT_EQ(daemon.Stop(), 0);
+}
+
+TEST_F(ApiOnBoard, EndsInOrderWhileAFileIsUploaded) {
+    Shell(
+        "head -c 50M /dev/zero >/tmp/large; (curl -s --limit-rate 1M --unix-socket "
+        "/run/qxcontainerd/api.sock "
+        "-T /tmp/large http://board/api/v1/plugins/large.crp >/dev/null 2>&1 &)");
+    ASSERT_TRUE(
+        Eventually([] { return !Shell("ls -A /userstorage1/container_rte/plugins").output.empty(); }));
+    EXPECT_EQ(daemon.Stop(), 0);
+    EXPECT_EQ(Output("ls -A /userstorage1/container_rte/plugins"), "");
+}
+
+TEST_F(ApiOnBoard, SaysWhyAFileStays) {
+    Output(
+        "mkdir -p /userstorage1/container_rte/plugins/a.crp "
+        "/userstorage1/container_rte/utilities/compose-files/a.yaml");
+    for (const char* path : {"/plugins/a.crp", "/compose-files/a.yaml"}) {
+        const Answer answer = Ask(path, "-X DELETE");
+        EXPECT_EQ(answer.status, 500) << path;
+        EXPECT_THAT(answer.Detail(), HasSubstr("cannot be removed: Is a directory"));
+    }
+    EXPECT_EQ(Ask("/plugins/b.crp", "-X DELETE").status, 404);
+    EXPECT_EQ(Ask("/compose-files/b.yaml", "-X DELETE").status, 404);
 }
 
 TEST_F(ApiOnBoard, FindsWhatIsWrongWithTheFirmware) {

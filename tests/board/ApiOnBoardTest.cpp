@@ -32,7 +32,7 @@ TEST_F(ApiOnBoard, ShowsTheServiceAndItsChecks) {
 
     const json check = Ask("/check").Json();
     EXPECT_EQ(check["verdict"], "ok") << check.dump(2);
-    EXPECT_THAT(check["checks"], SizeIs(14));
+    EXPECT_THAT(check["checks"], SizeIs(15));
 }
 
 TEST_F(ApiOnBoard, SaysWhoHasWhichCore) {
@@ -76,6 +76,7 @@ TEST_F(ApiOnBoard, TakesContainersThroughTheirLife) {
     ASSERT_THAT(list, SizeIs(1));
     EXPECT_EQ(list[0]["name"], "clock");
     EXPECT_EQ(list[0]["state"], "running");
+    EXPECT_THAT(list[0]["startedAt"].get<std::string>(), testing::MatchesRegex("20.*T.*Z"));
     EXPECT_EQ(Ask("/containers/clock").Json()["Name"], "clock");
 
     EXPECT_EQ(Ask("/containers/clock", "-X DELETE").status, 409);
@@ -98,6 +99,17 @@ TEST_F(ApiOnBoard, GivesLogsAsText) {
                 testing::MatchesRegex("20.*T.* three\n"));
     EXPECT_EQ(Ask("/containers/nobody/logs").status, 404);
     EXPECT_EQ(Ask("/containers/talker/logs?tail=some").status, 400);
+}
+
+TEST_F(ApiOnBoard, GivesWholeLinesOfLogsAsText) {
+    ImportBusybox();
+    Output("podman run -t --network=none --name screen localhost/busybox:1 echo shown");
+    EXPECT_EQ(Ask("/containers/screen/logs").text, "shown\n")
+        << "without the carriage return of the terminal";
+    Output(
+        "podman run --network=none --name parts localhost/busybox:1 sh -c "
+        "'printf be; sleep 0.3; echo other >&2; sleep 0.3; echo gun; printf open'");
+    EXPECT_EQ(Ask("/containers/parts/logs").text, "other\nbegun\nopen");
 }
 
 TEST_F(ApiOnBoard, GivesLogsLive) {
@@ -246,7 +258,15 @@ TEST_F(ApiOnBoard, TakesPlugins) {
     EXPECT_EQ(plugins[0]["name"], "net");
     EXPECT_EQ(Post("/plugins/net.crp/deactivate").status, 204);
     EXPECT_THAT(ReadFile(PLUGIN_CONFIG_FILE), HasSubstr("net"));
+    const auto isDeactivatedNext = [] {
+        return Ask("/plugins").Json()["plugins"][0]["deactivatedNext"].get<bool>();
+    };
+    EXPECT_EQ(plugins[0]["deactivatedNext"], false);
+    EXPECT_TRUE(isDeactivatedNext());
+    EXPECT_EQ(Ask("/plugins").Json()["plugins"][0]["isDeactivated"], false)
+        << "until the daemon starts again";
     EXPECT_EQ(Post("/plugins/net.crp/activate").status, 204);
+    EXPECT_FALSE(isDeactivatedNext());
     EXPECT_EQ(Ask("/plugins/no.crp", "-T /etc/hostname").status, 422);
     EXPECT_EQ(Output("ls -A /userstorage1/container_rte/plugins | grep -c upload || true"), "0");
     EXPECT_EQ(Ask("/plugins/net.crp", "-X DELETE").status, 204);
@@ -362,6 +382,7 @@ TEST(ApiWithTls, IsSpokenWithACertificate) {
         Post("/tokens", "-d '{\"name\":\"a\",\"right\":\"act\"}'").Json()["token"].get<std::string>();
     const std::string words = "--cacert /opt/qx/share/certs/ca.crt -H 'Authorization: Bearer " + token + "' ";
     EXPECT_EQ(Curl(words + "https://localhost:8089/api/v1/service").status, 200);
+    EXPECT_THAT(Ask("/check").text, HasSubstr("server.crt ends in"));
     EXPECT_EQ(Curl(words + "https://localhost:8089/api/v1/openapi.yaml").text, Ask("/openapi.yaml").text);
     EXPECT_NE(Curl("http://localhost:8089/api/v1/service").status, 200);
 }

@@ -53,6 +53,7 @@ TEST(Daemon, TakesTheServiceThroughItsLifeAndTellsTheServiceManager) {
     Daemon daemon({"--enable", "--cores", "1", "--tcp-port", "8080"},
                   std::string("NOTIFY_SOCKET=") + NotifySocket::Path);
 
+    EXPECT_TRUE(manager.Hears("EXTEND_TIMEOUT_USEC=60000000"));
     EXPECT_TRUE(manager.Hears("READY=1"));
     EXPECT_TRUE(PodmanAnswers());
     EXPECT_EQ(Output("curl -sf -m 10 --retry 20 --retry-connrefused --retry-delay 1 "
@@ -60,6 +61,7 @@ TEST(Daemon, TakesTheServiceThroughItsLifeAndTellsTheServiceManager) {
               "OK");
     daemon.Signal(SIGTERM);
     EXPECT_TRUE(manager.Hears("STOPPING=1"));
+    EXPECT_TRUE(manager.Hears("EXTEND_TIMEOUT_USEC=60000000"));
     EXPECT_EQ(daemon.Wait(), 0);
     EXPECT_EQ(StateInFile(), ContainerServiceState::Stopped);
     EXPECT_THAT(Processes("podman"), IsEmpty());

@@ -129,6 +129,11 @@ TEST_F(CtlCompose, SaysWhyAnOperationFailed) {
 TEST_F(CtlCompose, ExplainsTheCodeWhenThereIsNoMessage) {
     daemon.On("POST /projects/demo.yaml/stop", {200, R"({"code":5,"ok":false,"result":null})"});
     daemon.On("POST /projects/demo.yaml/start", {200, R"({"code":7,"ok":true,"result":null})"});
+    daemon.On("POST /projects/demo.yaml/create", {200, R"({"code":4,"ok":false,"result":null})"});
+
+    const Result missing = RunCtl({"compose", "create", "demo.yaml"});
+    EXPECT_EQ(missing.errors, "qxctl: demo.yaml: there is no such file\n");
+    EXPECT_EQ(missing.exitCode, 5);
 
     EXPECT_EQ(RunCtl({"compose", "stop", "demo.yaml"}).errors,
               "qxctl: demo.yaml: the compose tool could not be started\n");

@@ -230,6 +230,32 @@ TEST_F(HttpListenersWithTls, Serve) {
     EXPECT_TRUE(client.IsClosed());
 }
 
+std::string FingerprintOnPort(unsigned short port) {
+    const std::string server = "127.0.0.1:" + std::to_string(port);
+    const std::string command =
+        "openssl s_client -connect " + server +
+        " </dev/null 2>/dev/null | openssl x509 -noout -fingerprint >/tmp/fingerprint";
+    EXPECT_EQ(std::system(command.c_str()), 0);
+    return Sandbox::ReadFile("/tmp/fingerprint");
+}
+
+TEST_F(HttpListenersWithTls, TakeARenewedCertificate) {
+    server.Serve();
+    const std::string first = FingerprintOnPort(server.port);
+    EXPECT_THAT(first, HasSubstr("Fingerprint="));
+    EXPECT_EQ(FingerprintOnPort(server.port), first);
+
+    MakeCertificate("/tmp/new");
+    std::filesystem::rename("/tmp/new.pem", "/tmp/server.pem");
+    EXPECT_EQ(FingerprintOnPort(server.port), first) << "while the key does not fit yet";
+    std::filesystem::rename("/tmp/new.key", "/tmp/server.key");
+    const std::string second = FingerprintOnPort(server.port);
+    EXPECT_THAT(second, HasSubstr("Fingerprint="));
+    EXPECT_NE(second, first);
+    std::filesystem::remove("/tmp/server.pem");
+    EXPECT_EQ(FingerprintOnPort(server.port), second);
+}
+
 TEST_F(HttpListenersWithTls, HaveTheirOrigin) {
     server.Serve();
     EXPECT_EQ(Connect().Ask(Get("/api/v1/hello", "Origin: https://localhost\r\n")).status, 200);

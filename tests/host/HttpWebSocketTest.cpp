@@ -251,6 +251,31 @@ TEST_F(HttpWebSockets, MayBeRefusedBeforeTheHandshake) {
     EXPECT_EQ(client.Ask(Get("/api/v1/hello")).body, "hello") << "the connection is good for more";
 }
 
+TEST_F(HttpWebSockets, EndWithTheirToken) {
+    const std::string token = server.tokens.Make("panel", Right::Look);
+    server.router.AddStream("/mine", Right::Look, [](Request&) -> Task<Stream> {
+        co_return [](WebSocket& ws) -> Task<void> {
+            for (;;) {
+                co_await ws.Send("secret");
+                co_await Pause(milliseconds(20));
+            }
+        };
+    });
+    server.Serve();
+    WebSocketClient client(server.port, "/api/v1/mine", token);
+    EXPECT_EQ(client.Next(), "secret");
+
+    server.tokens.Remove("panel");
+
+    std::string last = "secret";
+    for (int at = 0; at < 500 && !last.empty(); ++at) {
+        last = client.Next();
+    }
+    EXPECT_EQ(last, "");
+    EXPECT_EQ(client.Code(), CloseCode::policy_error);
+    EXPECT_TRUE(IsDeserted());
+}
+
 TEST_F(HttpWebSockets, NeedAWholeHandshake) {
     Serve(UntilCancelled());
     const std::string key = "Sec-WebSocket-Key: MDEyMzQ1Njc4OWFiY2RlZg==\r\n";

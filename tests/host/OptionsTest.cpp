@@ -89,6 +89,14 @@ TEST_F(DaemonOptions, ThatAreWrongAreRefused) {
         EXPECT_THAT(Read(words), Optional(2)) << words[0];
         EXPECT_THAT(errors, HasSubstr(words.back())) << "what is wrong is named";
     }
+    EXPECT_THAT(Read({"--key", "/x.key"}), Optional(2));
+    EXPECT_THAT(Read({"--certificate", "/x.crt"}), Optional(2));
+    EXPECT_THAT(errors, HasSubstr("belong together"));
+    EXPECT_THAT(Read({"--host", "board.example:8089"}), Optional(2));
+    EXPECT_THAT(errors, HasSubstr("without a port, not 'board.example:8089'"));
+    EXPECT_EQ(Read({"--host", "board.example", "--host", "[fd00::1]"}), std::nullopt);
+    EXPECT_THAT(options.server.hosts, ElementsAre("board.example", "[fd00::1]"));
+    EXPECT_THAT(Read({"--make-token", ""}), Optional(2));
     Configure("tcp-prot=8443\n");
     EXPECT_THAT(Read({}), Optional(2));
     EXPECT_THAT(errors, HasSubstr("tcp-prot"));

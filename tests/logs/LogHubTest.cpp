@@ -1,5 +1,7 @@
 #include "LogHubFixture.h"
 
+#include "PodmanLog.h"
+
 #include <atomic>
 #include <filesystem>
 #include <thread>
@@ -324,6 +326,20 @@ TEST_F(LogHubs, TellViewersThatOutliveThemThatTheyStop) {
     EXPECT_TRUE(Sandbox::Eventually([&] { return LiveConnections() == 0; }));
 }
 
+TEST_F(LogHubs, GoOnAfterTheLastLineAlsoWhenPodmanIsSlow) {
+    Serve(Few(100));
+    history = [](Connection& connection) {
+        std::this_thread::sleep_for(milliseconds(5500));
+        ScriptedServer::SendAnswer(connection, 200, NumberedLines(1, 4));
+    };
+    follow = Silent(NumberedLines(4, 8));
+    const LogCursor last{Id, LogMark{1769817600003000000, 1}};
+
+    auto viewer = Watch({.after = last.Write()});
+
+    EXPECT_THAT(viewer.Texts(5), ElementsAre("4", "5", "6", "7", "8"));
+}
+
 // --- Errors ---
 
 TEST_F(LogHubs, RefuseWhatIsNoCursor) {
@@ -361,6 +377,21 @@ TEST_F(LogHubs, RefuseMoreContainersThanTheLimitUnlessOneIsNotWatched) {
     first.viewer.reset();
     EXPECT_NE(Open().viewer, nullptr);
     EXPECT_EQ(hub->Streams(), 1U);
+}
+
+/// As when a hub is stopped while it opens a log.
+TEST_F(LogHubs, StartNoStreamThatHasBeenStopped) {
+    const auto state = ContainerState::Read(State("running"));
+    const auto log = std::make_shared<ContainerLog>(Id, false, 10, 100000);
+    bool isDone = false;
+    PodmanLog reader(QxNContainer::QxCContainer::GetInstance(), *state, log, {10, 100000, 1000},
+                     [&] { isDone = true; });
+    reader.Stop();
+    reader.Join();
+    reader.Start();
+    EXPECT_FALSE(isDone);
+    EXPECT_EQ(log->TheEnding().code, "stopping");
+    EXPECT_THAT(LogRequests(), IsEmpty());
 }
 
 TEST_F(LogHubs, SayThatTheyStop) {
@@ -415,7 +446,7 @@ TEST_F(LogHubs, LeaveDescriptorsAndThreadsAsTheyWere) {
     round();
     const size_t threads = Threads();
     const size_t descriptors = Sandbox::OpenDescriptors().size();
-    for (int i = 0; i < 10; ++i) {
+    for (int i = 0; i < 30; ++i) {
         round();
     }
     // The scripted Podman collects its ended connections when the next one comes.

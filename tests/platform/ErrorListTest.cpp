@@ -1,6 +1,7 @@
 #include "PlatformTest.h"
 #include "Sandbox.h"
 
+#include <filesystem>
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -220,6 +221,7 @@ TEST(ErrorManager, DeletesNullLists) {
     manager().deleteErrorList(nullptr);
     manager().deleteMessageList(nullptr);
     manager().sendErrorList(nullptr, 0);
+    EXPECT_FALSE(std::filesystem::exists("/run/quolex/messages.jsonl"));
 }
 
 TEST(ErrorManager, SendsEachEntryOfAnErrorListAndEmptiesIt) {

@@ -157,6 +157,8 @@ TEST(MessageManager, AcceptsAFailureWithoutAListForErrors) {
     messages->setMessage(QxNSeverity::Info, 0, 1, "test", "text");
 
     QxCMessageManagerClient::getInstance()->sendMessageList(nullptr, messages.get());
+
+    EXPECT_TRUE(fs::is_empty(File));
 }
 
 TEST(MessageManager, LeavesNoPartOfALineOnAFullDisk) {

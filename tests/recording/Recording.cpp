@@ -343,6 +343,8 @@ void QxCScannerBoardHw::getCnCoreCount(QxCErrorListPool& errors, unsigned int& t
     RecordF("getCnCoreCount");
     if (TheScript().coreCountFails) {
         errors.setMessage(QxNSeverity::Error, 0, 1, "board", "no core count");
+        usable = 0;  // as the real one, which then knows only some of them
+        total = TheScript().totalCores;
         return;
     }
     total = TheScript().totalCores;

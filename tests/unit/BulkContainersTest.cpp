@@ -1,8 +1,10 @@
 #include "Board.h"
 #include "QxCContainer.h"
+#include "tests/crp/FailingSystemCall.h"
 
 #include <gmock/gmock.h>
-
+#include <sys/syscall.h>
+#include <cerrno>
 #include <csignal>
 
 using QxNContainer::QxCContainer;
@@ -79,6 +81,17 @@ TEST_P(BulkContainers, ReportsMinusOneWhenPodmanWasKilled) {
 
     EXPECT_THAT(Recording::Logs(),
                 ElementsAre(GetParam().announcement, std::string(GetParam().exitFailure) + "-1."));
+}
+
+TEST_P(BulkContainers, TakesAnInterruptedWaitForSuccess) {
+    Sandbox::InstallProgram("/bin/podman", "exit 125");
+    QxCContainer& service = Service();
+    constexpr FailingArgument WithoutOptions{2, 0};
+    FailSystemCall(SYS_wait4, EINTR, WithoutOptions);
+
+    (service.*GetParam().run)();
+
+    EXPECT_THAT(Recording::Logs(), ElementsAre(GetParam().announcement, GetParam().success));
 }
 
 TEST_P(BulkContainers, TakesAStatusThatCannotBeCollectedForSuccess) {

@@ -241,6 +241,7 @@ TEST_P(ComposeOperation, HandsItsEnvironmentToTheTool) {
 
     Do();
 
+    ASSERT_EQ(Sandbox::Calls().size(), 3U);
     for (const Sandbox::ProgramCall& call : Sandbox::Calls()) {
         EXPECT_EQ(call.Variable("DOCKER_HOST"), "unix:///somewhere");
         EXPECT_EQ(call.Variable("COMPOSE_PROJECT_NAME"), "(unset)");

@@ -232,13 +232,19 @@ TEST_F(WriteThroughRequest, RestoresAlsoWhenTheRequestIsLeftByAnException) {
             throw std::runtime_error("no space for the log");
         }
     };
-    const auto before = Sandbox::OpenDescriptors().size();
-
-    EXPECT_THROW(service.ExecutePodmanRequest("/x", QxCCurlHandler::Get, {}, {}, true), std::runtime_error);
+    const auto run = [&] {
+        EXPECT_THROW(service.ExecutePodmanRequest("/x", QxCCurlHandler::Get, {}, {}, true),
+                     std::runtime_error);
+        return Sandbox::OpenDescriptors().size();
+    };
+    // The server holds the last connection until the next one comes.
+    const size_t after = run();
 
     EXPECT_EQ(ModeWhileItRan(), "write through");
     EXPECT_EQ(Mode(), "write back");
-    EXPECT_LE(Sandbox::OpenDescriptors().size(), before + 1) << "the server may still hold its side";
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(run(), after);
+    }
 }
 
 // --- Terminal or not ---

@@ -5,6 +5,7 @@
 #include "ComposeAccess.h"
 #include "FakePodman.h"
 #include "QxCContainer.h"
+#include "QxCRTELog.h"
 #include "QxCWriteThroughCacheGuard.h"
 #include "ReplacedNew.h"
 #include "support/ChildProcess.h"
@@ -37,6 +38,7 @@ namespace {
 thread_local int platformDepth = 0;
 thread_local long allocationsLeft = -1;  // -1: without end
 bool actionsFail = false;
+bool spawnFails = false;
 
 void* Allocate(size_t size) {
     if (platformDepth == 0 && allocationsLeft >= 0 && allocationsLeft-- == 0) {
@@ -57,6 +59,16 @@ int posix_spawn_file_actions_adddup2(posix_spawn_file_actions_t* actions, int fr
     using Add = int(posix_spawn_file_actions_t*, int, int);
     static auto* const add = reinterpret_cast<Add*>(dlsym(RTLD_NEXT, "posix_spawn_file_actions_adddup2"));
     return actionsFail ? ENOMEM : add(actions, from, to);
+}
+
+int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
+                const posix_spawnattr_t* attributes, char* const* arguments, char* const* environment) {
+    static auto* const spawn = reinterpret_cast<decltype(&posix_spawn)>(dlsym(RTLD_NEXT, "posix_spawn"));
+    if (spawnFails) {
+        errno = EPERM;
+        return EAGAIN;
+    }
+    return spawn(pid, path, actions, attributes, arguments, environment);
 }
 }
 
@@ -152,6 +164,15 @@ TEST(ScarceMemory, TheDiskIsSwitchedBackWithoutMemory) {
     EXPECT_EQ(Sandbox::ReadFile(Board::WriteCache), "write back");
 }
 
+TEST(ScarceMemory, TheDiskIsForcedBackWithoutMemory) {
+    Board::ProvideUserStorage();
+    Sandbox::WriteFile(Board::WriteCache, "write through");
+    allocationsLeft = 0;
+    QxCWriteThroughCacheGuard::ForceRestoreWriteBackMode();
+    allocationsLeft = -1;
+    EXPECT_EQ(Sandbox::ReadFile(Board::WriteCache), "write back");
+}
+
 TEST(ScarceMemory, LinkingTheToolsThrowsAndDoesNotEndTheProcess) {
     Board::ProvideMountedFirmware();
     Sandbox::WriteFile(Board::CNI_PLUGINS + "/a-plugin-with-a-name-that-needs-memory", {});
@@ -199,6 +220,38 @@ TEST(ScarceMemory, AProgramWithoutItsDescriptorsIsNotStarted) {
                 Pair(5, "spawning command failed: Cannot allocate memory"));
 
     EXPECT_THAT(Sandbox::Calls(), IsEmpty());
+}
+
+TEST(Spawning, APluginsShellIsToldByTheErrorNumber) {
+    CRP::QxCRPLoader loader;
+    CRP::PluginInfo plugin{};
+    memcpy(plugin.header.initCommand, "true", sizeof("true"));
+    spawnFails = true;
+
+    EXPECT_FALSE(loader.execInitCommand(plugin, "/mnt"));
+
+    EXPECT_THAT(Recording::Logs(), Contains("[ERROR] Quolex Container Runtime: Initializing plugin failed: "
+                                            "posix_spawn('/bin/sh'): Operation not permitted"));
+}
+
+// --- The log and the cores ---
+
+TEST(ScarceMemory, ALineIsLoggedWithoutMemory) {
+    const std::string text(300, 'x');
+    allocationsLeft = 0;
+    QxCRTE_LOG_Impl(RteLogLevel::Error, "%s %d", text.c_str(), 5);
+    allocationsLeft = -1;
+    EXPECT_THAT(Recording::Logs(), Contains("[ERROR] " + text + " 5"));
+}
+
+TEST(ScarceMemory, CoresAreAssignedWithoutMemory) {
+    Recording::TheScript().totalCores = 8;
+    QxCContainer& service = QxCContainer::GetInstance();
+    ASSERT_TRUE(service.SetContainerServiceUserSettings({0, 2}));
+    allocationsLeft = 0;
+    const bool isAssigned = service.AssignCpuCores();
+    allocationsLeft = -1;
+    EXPECT_TRUE(isAssigned);
 }
 
 // --- The monitor thread ---

@@ -133,6 +133,7 @@ const firstState = () => ({
         exitCode: 0,
         status: "",
         since: Date.now() - 180_000,
+        started: Date.now() - 180_000,
         ...container,
     })),
     images: [
@@ -223,6 +224,7 @@ const firstState = () => ({
     ],
     faults: new Map(),
     slow: 0,
+    hangs: false,
 });
 
 class Answer extends Error {
@@ -243,7 +245,7 @@ export class MockDaemon {
     async listen(port = 0) {
         this.server = createServer((request, response) => void this.handle(request, response));
         this.sockets = new WebSocketServer({ noServer: true, perMessageDeflate: false });
-        this.server.on("upgrade", (request, socket, head) => this.upgrade(request, socket, head));
+        this.server.on("upgrade", (request, socket, head) => void this.upgrade(request, socket, head));
         await new Promise((resolve, reject) => {
             this.server.once("error", reject);
             this.server.listen(port || this.port, "127.0.0.1", resolve);
@@ -390,6 +392,9 @@ export class MockDaemon {
     }
 
     tick() {
+        if (this.state.hangs) {
+            return;
+        }
         const now = Date.now();
         for (const container of this.state.containers) {
             const script = this.scriptOf(container.name);
@@ -426,10 +431,12 @@ export class MockDaemon {
     }
 
     shown(container) {
-        const { since, ...rest } = container;
+        const { since, started, ...rest } = container;
         const minutes = Math.max(1, Math.round((Date.now() - since) / 60_000));
         return {
             ...rest,
+            // to the second
+            startedAt: started ? new Date(started - (started % 1000)).toISOString() : "",
             status:
                 container.state === "running"
                     ? `Up ${minutes} minutes`
@@ -446,6 +453,9 @@ export class MockDaemon {
         container.state = state;
         container.since = Date.now();
         container.exitCode = exitCode;
+        if (state === "running") {
+            container.started = Date.now();
+        }
         if (state === "exited") {
             this.endLog(container.name, "exited", `exit code ${exitCode}`);
         }
@@ -469,7 +479,16 @@ export class MockDaemon {
         return this.state.tokens.get(this.state.sessions.get(cookie));
     }
 
-    upgrade(request, socket, head) {
+    /** Comes back when the mock does not hang, or no longer. */
+    async awake() {
+        while (this.state.hangs) {
+            await new Promise((resolve) => setTimeout(resolve, 50));
+        }
+    }
+
+    async upgrade(request, socket, head) {
+        socket.on("error", () => {});
+        await this.awake();
         const refuse = (status, title, detail) => {
             const body = JSON.stringify({ type: "about:blank", title, status, detail });
             socket.end(
@@ -541,6 +560,7 @@ export class MockDaemon {
                 await this.script(url.pathname.slice(6), JSON.parse((await bodyOf(request)) || "{}"));
                 response.writeHead(204).end();
             } else if (url.pathname.startsWith("/api/v1/")) {
+                await this.awake();
                 await this.api(request, response, url, url.pathname.slice(7));
             } else {
                 serve(url.pathname, response);
@@ -576,6 +596,16 @@ export class MockDaemon {
             case "state":
                 this.become(this.find(given.container), given.state, given.exitCode);
                 break;
+            case "once": {
+                const container = this.find(given.container);
+                this.become(container, "running");
+                this.write(container.name, given.lines);
+                this.become(container, "exited");
+                break;
+            }
+            case "container":
+                this.state.containers.push(this.made(given));
+                break;
             case "end":
                 this.endLog(given.container, given.code, given.reason ?? "");
                 break;
@@ -591,6 +621,9 @@ export class MockDaemon {
                 break;
             case "slow":
                 this.state.slow = given.milliseconds;
+                break;
+            case "hang":
+                this.state.hangs = given.on;
                 break;
             case "forget":
                 this.state.sessions.clear();
@@ -614,6 +647,7 @@ export class MockDaemon {
                     for (const [plugin, isOff] of this.state.switched) {
                         plugin.isDeactivated = isOff;
                     }
+                    this.state.switched.clear();
                     setTimeout(() => void this.listen(), given.away);
                 }, 20);
                 break;
@@ -752,7 +786,7 @@ export class MockDaemon {
                         Status: container.state,
                         Pid: 4711,
                         ExitCode: container.exitCode,
-                        StartedAt: new Date(container.since).toISOString(),
+                        StartedAt: new Date(container.started).toISOString(),
                     },
                     Config: { Cmd: ["sh", "-c", "while true; do date; sleep 1; done"], Env: ["PATH=/bin"] },
                     HostConfig: { RestartPolicy: { Name: "always" }, CpusetCpus: "1" },
@@ -871,7 +905,12 @@ export class MockDaemon {
                 return;
             case "GET plugins":
             case "POST plugins/*":
-                json({ plugins: state.plugins });
+                json({
+                    plugins: state.plugins.map((plugin) => ({
+                        ...plugin,
+                        deactivatedNext: state.switched.get(plugin) ?? plugin.isDeactivated,
+                    })),
+                });
                 return;
             case "PUT plugins/*": {
                 const length = await lengthOf(request);
@@ -898,7 +937,7 @@ export class MockDaemon {
                 return;
             case "POST plugins/*/*":
                 for (const plugin of state.plugins.filter((other) => other.fileName === second)) {
-                    // listed after the next start only
+                    // in effect after the next start only
                     state.switched.set(plugin, third === "deactivate");
                 }
                 done();
@@ -927,6 +966,23 @@ export class MockDaemon {
         return { file, name: project, state: word, containers };
     }
 
+    /** A new container. */
+    made(given) {
+        return {
+            id: hex(this.state.containers.length + 20),
+            image: "localhost/busybox:1",
+            state: "created",
+            status: "",
+            created: new Date().toISOString(),
+            exitCode: 0,
+            project: "",
+            ports: [],
+            since: Date.now(),
+            started: given.state === "running" ? Date.now() : 0,
+            ...given,
+        };
+    }
+
     operate(file, operation) {
         const { state } = this;
         if (!state.files.has(file)) {
@@ -934,18 +990,7 @@ export class MockDaemon {
         }
         const { name: project, containers } = this.project(file);
         if (operation === "create" && containers.length === 0) {
-            state.containers.push({
-                id: hex(state.containers.length + 20),
-                name: `${project}-one-1`,
-                image: "localhost/busybox:1",
-                state: "created",
-                status: "",
-                created: new Date().toISOString(),
-                exitCode: 0,
-                project,
-                ports: [],
-                since: Date.now(),
-            });
+            state.containers.push(this.made({ name: `${project}-one-1`, project }));
             return {
                 code: 1,
                 ok: true,

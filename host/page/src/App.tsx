@@ -9,6 +9,7 @@ import { lookOnly, State } from "./parts/basics";
 import { usePoll } from "./poll";
 import { type Route, useRoute } from "./route";
 import { SignIn } from "./SignIn";
+import { Uploads } from "./uploads";
 import { Board } from "./views/Board";
 import { Containers } from "./views/Containers";
 import { FileEditor } from "./views/FileEditor";
@@ -42,6 +43,7 @@ function tokenOfAddress(): string {
 
 export function App() {
     const api = useMemo(() => new Api(), []);
+    const uploads = useMemo(() => new Uploads(), []);
     const [access, setAccess] = useState<Access>({ state: "asking" });
 
     const open = useCallback(
@@ -79,6 +81,17 @@ export function App() {
             void look();
         }
     }, [api, open, look]);
+
+    useEffect(() => {
+        const warn = (event: BeforeUnloadEvent) => event.preventDefault();
+        const follow = () => {
+            window.removeEventListener("beforeunload", warn);
+            if (uploads.areGoing) {
+                window.addEventListener("beforeunload", warn);
+            }
+        };
+        return uploads.watch(follow);
+    }, [uploads]);
 
     useEffect(() => {
         if (access.state !== "silent") {
@@ -119,7 +132,7 @@ export function App() {
         case "out":
             return <SignIn problem={access.problem} open={open} />;
         case "in":
-            return <Inside api={api} session={access.session} signOut={look} />;
+            return <Inside api={api} session={access.session} uploads={uploads} signOut={look} />;
     }
 }
 
@@ -156,7 +169,17 @@ interface Notice {
 const noticeStays = 8000;
 const mostNotices = 4;
 
-function Inside({ api, session, signOut }: { api: Api; session: types.Session; signOut: () => void }) {
+function Inside({
+    api,
+    session,
+    uploads,
+    signOut,
+}: {
+    api: Api;
+    session: types.Session;
+    uploads: Uploads;
+    signOut: () => void;
+}) {
     const route = useRoute();
     const [notices, setNotices] = useState<Notice[]>([]);
     const [asking, setAsking] = useState<{ question: Question; answer: (yes: boolean) => void } | null>(null);
@@ -171,6 +194,7 @@ function Inside({ api, session, signOut }: { api: Api; session: types.Session; s
             api,
             session,
             mayAct: session.right === "act",
+            uploads,
             tell(text, kind = "done") {
                 const number = nextNotice.current++;
                 setNotices((before) => [...before, { number, text, kind }].slice(-mostNotices));
@@ -193,7 +217,7 @@ function Inside({ api, session, signOut }: { api: Api; session: types.Session; s
                     });
                 }),
         }),
-        [api, session, dismiss],
+        [api, session, uploads, dismiss],
     );
 
     const service = usePoll((signal) => api.get("/service", types.service, signal), "service");
@@ -319,6 +343,7 @@ function View({
             return (
                 <LogPage
                     containers={route.containers}
+                    asked={route.asked}
                     project={route.project}
                     isSilent={service.problem !== ""}
                 />
@@ -334,7 +359,7 @@ function View({
         case "settings":
             return <Settings service={service} signOut={signOut} />;
         case "messages":
-            return <Messages />;
+            return <Messages isSilent={service.problem !== ""} />;
     }
 }
 

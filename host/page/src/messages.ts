@@ -68,6 +68,22 @@ export class MessageFeed {
         };
     }
 
+    /** The daemon answers: no need to wait any longer. */
+    hurry(): void {
+        if (!this.closed && !this.socket) {
+            this.world.cancel(this.timer);
+            this.open();
+        }
+    }
+
+    /** Nobody answers at the other end, though the connection has not noticed. */
+    doubt(): void {
+        if (this.socket) {
+            this.drop();
+            this.retry("The daemon does not answer.");
+        }
+    }
+
     close(): void {
         this.closed = true;
         this.drop();

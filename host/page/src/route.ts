@@ -4,7 +4,7 @@ export type Route =
     | { view: "board" }
     | { view: "containers" }
     | { view: "container"; name: string }
-    | { view: "log"; containers: string[]; project: string }
+    | { view: "log"; containers: string[]; asked: number; project: string }
     | { view: "projects" }
     | { view: "file"; name: string }
     | { view: "plugins" }
@@ -21,7 +21,8 @@ function plain(part: string | undefined): string {
 }
 
 const containerName = /^[A-Za-z0-9][A-Za-z0-9_.-]{0,127}$/;
-const mostLogs = 16;
+/** More logs than these are not shown together. */
+export const mostLogs = 16;
 
 /** What the fragment of the address asks for; the board when it asks for nothing known. */
 export function routeOf(fragment: string): Route {
@@ -40,6 +41,7 @@ export function routeOf(fragment: string): Route {
             return {
                 view: "log",
                 containers: containers.slice(0, mostLogs),
+                asked: containers.length,
                 project: (parameters.get("project") ?? "").slice(0, 200),
             };
         }

@@ -60,6 +60,8 @@ export const container = record({
     exitCode: whole,
     project: text,
     ports: list(text),
+    /** empty when it never was started; undefined when the daemon does not tell */
+    startedAt: orElse<string | undefined>(text, undefined),
 });
 export type Container = Of<typeof container>;
 export const containers = record({ containers: list(container) });
@@ -111,6 +113,8 @@ export const plugin = record({
     created: whole,
     isDeactivated: yesNo,
     isLoaded: yesNo,
+    /** what will hold from the daemon's next start on; undefined when it does not tell */
+    deactivatedNext: orElse<boolean | undefined>(yesNo, undefined),
 });
 export type Plugin = Of<typeof plugin>;
 export const plugins = record({ plugins: list(plugin) });

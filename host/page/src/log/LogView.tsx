@@ -7,16 +7,17 @@ import type { ConnectionState } from "./connection";
 import type { Frame, ViewSettings } from "./engine";
 import { usualBounds } from "./lines";
 import { compile, type PatternText } from "./pattern";
+import type { Standing } from "./protocol";
 import { fontSizes, load, type Remembered, store, tails } from "./remembered";
 import { LogTerminal } from "./terminal";
 
 interface Properties {
-    /** whose logs; the view is made anew when they change */
+    /** whose logs; more may join behind those that are there */
     containers: string[];
     /** what the log is called, also in file names */
     title: string;
-    /** those of them that run */
-    running: string[];
+    /** what is known of containers, these and others */
+    standings: Standing[];
     /** the daemon does not answer at present */
     isSilent: boolean;
 }
@@ -30,7 +31,7 @@ interface Figures extends Omit<Frame, "rows" | "plain"> {
     states: ConnectionState[];
 }
 
-export default function LogView({ containers, title, running, isSilent }: Properties) {
+export default function LogView({ containers, title, standings, isSilent }: Properties) {
     const { api, tell } = useShared();
     const [remembered, setRemembered] = useState<Remembered>(load);
     const [figures, setFigures] = useState<Figures | null>(null);
@@ -118,8 +119,7 @@ export default function LogView({ containers, title, running, isSilent }: Proper
         }, speakEvery);
     }, []);
 
-    // the log: its worker and its terminal live as long as it is about the same containers
-    // the key stands for the containers
+    // the log: its worker and its terminal live as long as the view; containers that join are told to the worker
     useLayoutEffect(() => {
         const place = room.current;
         const area = scroller.current;
@@ -169,7 +169,7 @@ export default function LogView({ containers, title, running, isSilent }: Proper
             client.current = null;
             terminal.current = null;
         };
-    }, [key]);
+    }, []);
 
     useEffect(() => {
         initial.current = remembered;
@@ -183,9 +183,11 @@ export default function LogView({ containers, title, running, isSilent }: Proper
         }
     }, [remembered.fontSize, measure]);
 
+    // the key stands for the containers
     useEffect(() => {
-        client.current?.send({ type: "wake", containers: running });
-    }, [running]);
+        client.current?.join(containers);
+        client.current?.send({ type: "wake", containers: standings });
+    }, [key, standings]);
 
     useEffect(() => {
         client.current?.send({ type: isSilent ? "doubt" : "hurry" });

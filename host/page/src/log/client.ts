@@ -46,9 +46,20 @@ export class LogClient {
         if (message.type === "window") {
             this.window = message;
         }
+        if (message.type === "join") {
+            this.opening.containers = [...this.opening.containers, ...message.containers];
+        }
         this.worker?.postMessage(message);
         if (message.type === "settings") {
             this.wanted();
+        }
+    }
+
+    /** Takes those containers in that are not there yet. */
+    join(containers: readonly string[]): void {
+        const missing = containers.filter((name) => !this.opening.containers.includes(name));
+        if (missing.length > 0) {
+            this.send({ type: "join", containers: missing });
         }
     }
 

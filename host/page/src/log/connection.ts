@@ -49,6 +49,8 @@ export class LogConnection {
     private opened = 0;
     private state: ConnectionState = { phase: "connecting" };
     private wasBroken = false;
+    /** the container's start that was known when the log was last asked for */
+    private startedAt: string | undefined;
     /** the end was said, and nothing came since */
     private saidEnd = false;
 
@@ -69,9 +71,17 @@ export class LogConnection {
         this.world.cancel(this.timer);
     }
 
-    /** The container runs: a log that ended goes on. */
-    wake(): void {
-        if (!this.closed && this.state.phase === "ended") {
+    /** What is known of the container: a log that ended goes on when it runs, or was started since. */
+    wake(isRunning: boolean, startedAt?: string): void {
+        if (this.state.phase === "connecting") {
+            // known before the log is
+            this.startedAt ??= startedAt;
+        } else if (
+            !this.closed &&
+            this.state.phase === "ended" &&
+            (isRunning || startedAt !== this.startedAt)
+        ) {
+            this.startedAt = startedAt;
             this.connect();
         }
     }

@@ -83,6 +83,7 @@ const leastContent = 16;
  */
 export class LogEngine {
     private readonly buffer: LineBuffer;
+    private readonly sources: string[] = [];
     private shown = new Deque<Shown>();
     private firstRow = 0;
     private settings: ViewSettings = usualSettings;
@@ -110,18 +111,29 @@ export class LogEngine {
     private discarded = 0;
 
     /** @param sources names of the containers whose lines come */
-    constructor(
-        private readonly sources: readonly string[],
-        bounds: Bounds = usualBounds,
-    ) {
+    constructor(sources: readonly string[], bounds: Bounds = usualBounds) {
         this.buffer = new LineBuffer(bounds);
-        this.lastOrder = sources.map(() => Number.NEGATIVE_INFINITY);
-        this.nameWidth =
-            sources.length > 1 ? Math.min(longestName, Math.max(...sources.map((name) => name.length))) : 0;
+        for (const name of sources) {
+            this.addSource(name);
+        }
     }
 
     get paused(): boolean {
         return this.pausedAt >= 0;
+    }
+
+    /** One more container whose lines come; what is there stays, and stays in view. */
+    addSource(name: string): void {
+        this.sources.push(name);
+        this.lastOrder.push(Number.NEGATIVE_INFINITY);
+        const width =
+            this.sources.length > 1
+                ? Math.min(longestName, Math.max(...this.sources.map((other) => other.length)))
+                : 0;
+        if (width !== this.nameWidth) {
+            this.nameWidth = width;
+            this.rebuild();
+        }
     }
 
     setSettings(settings: ViewSettings): void {

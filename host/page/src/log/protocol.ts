@@ -1,9 +1,18 @@
 import type { ConnectionState } from "./connection";
 import type { Frame, ViewSettings } from "./engine";
 
+/** What the list of containers says of one. */
+export interface Standing {
+    name: string;
+    isRunning: boolean;
+    /** the time of its last start; undefined when the daemon does not tell */
+    startedAt: string | undefined;
+}
+
 /** What the page asks of the worker that keeps a log. */
 export type ToWorker =
     | { type: "open"; base: string; containers: string[]; tail: number; settings: ViewSettings }
+    | { type: "join"; containers: string[] }
     | { type: "settings"; settings: ViewSettings }
     | { type: "window"; columns: number; rows: number; left: number }
     | { type: "scroll"; row: number }
@@ -14,7 +23,7 @@ export type ToWorker =
     | { type: "clear" }
     | { type: "frame" }
     | { type: "text" }
-    | { type: "wake"; containers: string[] }
+    | { type: "wake"; containers: Standing[] }
     | { type: "hurry" }
     | { type: "doubt" };
 

@@ -14,6 +14,7 @@ let engine: LogEngine | null = null;
 let names: string[] = [];
 let connections: LogConnection[] = [];
 let states: ConnectionState[] = [];
+let join: (name: string) => void = () => {};
 let saidDirty = false;
 const say = (message: FromWorker) => scope.postMessage(message);
 
@@ -83,27 +84,32 @@ function open(message: ToWorker & { type: "open" }): void {
     for (const connection of connections) {
         connection.close();
     }
-    names = message.containers;
-    const current = new LogEngine(names);
+    names = [];
+    connections = [];
+    states = [];
+    const current = new LogEngine([]);
     engine = current;
     engine.setSettings(message.settings);
-    states = names.map(() => ({ phase: "connecting" }));
     const joiners: LineJoiner[] = [];
-    const skipped = (source: number, count: number) => {
+    const note = (source: number, text: string) => {
         joiners[source]?.flush();
         const whose = names.length > 1 ? `${names[source]}: ` : "";
-        current.note(source, whose + skippedText(count, "this page was too slow for them"), Date.now());
+        current.note(source, whose + text, Date.now());
         dirty();
     };
+    const skipped = (source: number, count: number) =>
+        note(source, skippedText(count, "this page was too slow for them"));
     const world = worldAt(message.base, (name, count) => skipped(names.indexOf(name), count));
-    connections = names.map((name, source) => {
-        const whose = names.length > 1 ? `${name}: ` : "";
+    join = (name) => {
+        const source = names.push(name) - 1;
+        states.push({ phase: "connecting" });
+        current.addSource(name);
         const joiner = new LineJoiner((lines) => {
             current.append(source, lines);
             dirty();
         }, world);
         joiners.push(joiner);
-        return new LogConnection(name, message.tail, world, {
+        const connection = new LogConnection(name, message.tail, world, {
             state(state) {
                 states[source] = state;
                 if (state.phase === "unknown") {
@@ -113,16 +119,12 @@ function open(message: ToWorker & { type: "open" }): void {
             },
             lines: (incoming) => joiner.take(incoming.lines),
             skipped: (count) => skipped(source, count),
-            note(text) {
-                joiner.flush();
-                current.note(source, whose + text, Date.now());
-                dirty();
-            },
+            note: (text) => note(source, text),
         });
-    });
-    for (const connection of connections) {
+        connections.push(connection);
         connection.open();
-    }
+    };
+    message.containers.forEach(join);
 }
 
 scope.onmessage = (event: MessageEvent<ToWorker>) => {
@@ -135,6 +137,9 @@ scope.onmessage = (event: MessageEvent<ToWorker>) => {
         return;
     }
     switch (message.type) {
+        case "join":
+            message.containers.forEach(join);
+            break;
         case "settings":
             engine.setSettings(message.settings);
             break;
@@ -164,8 +169,8 @@ scope.onmessage = (event: MessageEvent<ToWorker>) => {
             engine.clear();
             break;
         case "wake":
-            for (const name of message.containers) {
-                connections[names.indexOf(name)]?.wake();
+            for (const { name, isRunning, startedAt } of message.containers) {
+                connections[names.indexOf(name)]?.wake(isRunning, startedAt);
             }
             return;
         case "hurry":

@@ -1,10 +1,12 @@
-import { useRef, useState } from "preact/hooks";
+import { useEffect, useState } from "preact/hooks";
 import { words } from "../api/client";
 import { useShared } from "../context";
 import { bytes } from "../format";
 import { lookOnly } from "./basics";
 
 interface Properties {
+    /** of uploads of one kind there is one at a time */
+    kind: string;
     label: string;
     accept: string;
     help: string;
@@ -17,32 +19,26 @@ interface Properties {
 }
 
 /** Chooses a file and sends it, with progress and a way out. */
-export function Upload({ label, accept, help, send }: Properties) {
-    const { mayAct, tell } = useShared();
-    const [going, setGoing] = useState<{ name: string; sent: number; total: number } | null>(null);
-    const stop = useRef<AbortController | null>(null);
-    const field = useRef<HTMLInputElement>(null);
+export function Upload({ kind, label, accept, help, send }: Properties) {
+    const { mayAct, tell, uploads } = useShared();
+    const [going, setGoing] = useState(uploads.of(kind));
+
+    useEffect(() => {
+        const follow = () => setGoing(uploads.of(kind));
+        follow();
+        return uploads.watch(follow);
+    }, [uploads, kind]);
 
     const start = async (file: File) => {
-        const mine = new AbortController();
-        stop.current = mine;
-        setGoing({ name: file.name, sent: 0, total: file.size });
         try {
-            const said = await send(
-                file,
-                (sent, total) => setGoing({ name: file.name, sent, total }),
-                mine.signal,
+            const said = await uploads.run(kind, file, (onProgress, signal) =>
+                send(file, onProgress, signal),
             );
             if (said) {
                 tell(said);
             }
         } catch (error) {
             tell(`${file.name}: ${words(error)}`, "failed");
-        } finally {
-            setGoing(null);
-            if (field.current) {
-                field.current.value = "";
-            }
         }
     };
 
@@ -55,7 +51,6 @@ export function Upload({ label, accept, help, send }: Properties) {
             >
                 {label}
                 <input
-                    ref={field}
                     class="unseen"
                     type="file"
                     accept={accept}
@@ -63,6 +58,8 @@ export function Upload({ label, accept, help, send }: Properties) {
                     onChange={(event) => {
                         const file = event.currentTarget.files?.[0];
                         if (file) {
+                            // so that the same file can be chosen again
+                            event.currentTarget.value = "";
                             void start(file);
                         }
                     }}
@@ -81,7 +78,7 @@ export function Upload({ label, accept, help, send }: Properties) {
                             ? `${percent} % of ${bytes(going.total)}`
                             : "sent; the board works on it …"}
                     </span>
-                    <button type="button" onClick={() => stop.current?.abort()}>
+                    <button type="button" onClick={() => going.cancel()}>
                         Cancel
                     </button>
                 </>

@@ -44,7 +44,7 @@ function ServicePart({ service }: { service: Polled<types.Service> }) {
         }
     };
     const isBusy = busy.size > 0;
-    const isUp = data !== null && ["starting", "running", "waiting"].includes(data.state);
+    const isUp = data !== null && ["starting", "running"].includes(data.state);
     return (
         <section class="card" aria-labelledby="service-title">
             <h2 id="service-title">Service</h2>

@@ -1,4 +1,4 @@
-import { useCallback, useEffect, useRef, useState } from "preact/hooks";
+import { useCallback, useEffect, useLayoutEffect, useRef, useState } from "preact/hooks";
 import { Problem, segment, words } from "../api/client";
 import * as types from "../api/types";
 import { useShared } from "../context";
@@ -47,7 +47,8 @@ export function FileEditor({ name }: { name: string }) {
     }, [api, name, isNew]);
 
     const isChanged = stored !== null && text !== stored && !(isNew && text === template);
-    useEffect(() => {
+    // at once: the view may go before other effects are run
+    useLayoutEffect(() => {
         if (isChanged) {
             drafts.set(name, text);
         } else if (stored !== null) {

@@ -45,6 +45,7 @@ export function Images() {
             <div class="head">
                 <h1 tabIndex={-1}>Images</h1>
                 <Upload
+                    kind="image"
                     label="Load an archive …"
                     accept=".tar,.gz,.tgz,application/x-tar"
                     help="A file made with podman save or docker save."

@@ -3,21 +3,28 @@ import { useEffect, useMemo, useState } from "preact/hooks";
 import { words } from "../api/client";
 import * as types from "../api/types";
 import { useShared } from "../context";
+import type { Standing } from "../log/protocol";
 import { Loading, Stale } from "../parts/basics";
 import { usePoll } from "../poll";
-import { addressOf } from "../route";
+import { addressOf, mostLogs } from "../route";
 
 interface Properties {
     containers: string[];
+    /** how many containers were asked for, also those beyond what is shown */
+    asked: number;
     project: string;
     isSilent: boolean;
 }
 
-type View = ComponentType<{ containers: string[]; title: string; running: string[]; isSilent: boolean }>;
-const mostLogs = 16;
+type View = ComponentType<{
+    containers: string[];
+    title: string;
+    standings: Standing[];
+    isSilent: boolean;
+}>;
 
 /** The log of some containers, or of all of a project. The terminal is fetched when it is needed. */
-export function LogPage({ containers, project, isSilent }: Properties) {
+export function LogPage({ containers, asked, project, isSilent }: Properties) {
     const { api } = useShared();
     const [loaded, setLoaded] = useState<{ view: View } | null>(null);
     const [problem, setProblem] = useState("");
@@ -44,13 +51,16 @@ export function LogPage({ containers, project, isSilent }: Properties) {
     }, [missing.join(" ")]);
 
     // a new list with every answer: a container may have been restarted between two of them
-    const running = useMemo(
+    const standings = useMemo(
         () =>
-            (polled.data?.containers ?? [])
-                .filter((container) => container.state === "running")
-                .map((container) => container.name),
+            (polled.data?.containers ?? []).map(({ name, state, startedAt }) => ({
+                name,
+                isRunning: state === "running",
+                startedAt,
+            })),
         [polled.data],
     );
+    const count = Math.max(asked, new Set([...members, ...known]).size);
     const title = project || members.join(", ");
     return (
         <>
@@ -68,6 +78,11 @@ export function LogPage({ containers, project, isSilent }: Properties) {
                     {problem}
                 </p>
             ) : null}
+            {count > mostLogs ? (
+                <p class="notice" role="status">
+                    Only the first {mostLogs} of {count} containers are shown.
+                </p>
+            ) : null}
             {members.length === 0 ? (
                 <>
                     <Stale problem={polled.problem} hasData={false} />
@@ -80,13 +95,7 @@ export function LogPage({ containers, project, isSilent }: Properties) {
                     ) : null}
                 </>
             ) : loaded ? (
-                <loaded.view
-                    key={members.join(" ")}
-                    containers={members}
-                    title={title}
-                    running={running}
-                    isSilent={isSilent}
-                />
+                <loaded.view containers={members} title={title} standings={standings} isSilent={isSilent} />
             ) : problem ? null : (
                 <Loading what="the log view" />
             )}

@@ -1,4 +1,4 @@
-import { useEffect, useState } from "preact/hooks";
+import { useEffect, useRef, useState } from "preact/hooks";
 import * as types from "../api/types";
 import { useShared } from "../context";
 import { counted, moment } from "../format";
@@ -12,17 +12,23 @@ const severities: Record<number, readonly [string, string]> = {
 };
 const mostShown = 500;
 
-export function Messages() {
+interface Properties {
+    /** the daemon does not answer at present */
+    isSilent: boolean;
+}
+
+export function Messages({ isSilent }: Properties) {
     const { api } = useShared();
     const [list, setList] = useState<readonly types.Message[]>([]);
     const [state, setState] = useState<FeedState>("connecting");
     const [problem, setProblem] = useState("");
     const [least, setLeast] = useState(1);
     const [wanted, setWanted] = useState("");
+    const feed = useRef<MessageFeed | null>(null);
 
     useEffect(() => {
         const base = new URL(api.base, location.href).href.replace(/^http/, "ws");
-        const feed = new MessageFeed(
+        const mine = new MessageFeed(
             {
                 socket: (path) => new WebSocket(base + path) as never,
                 later: (task, milliseconds) => setTimeout(task, milliseconds),
@@ -35,9 +41,18 @@ export function Messages() {
             },
             () => void api.get("/session", types.session).catch(() => {}),
         );
-        feed.open();
-        return () => feed.close();
+        feed.current = mine;
+        mine.open();
+        return () => mine.close();
     }, [api]);
+
+    useEffect(() => {
+        if (isSilent) {
+            feed.current?.doubt();
+        } else {
+            feed.current?.hurry();
+        }
+    }, [isSilent]);
 
     const words = wanted.toLowerCase();
     const found = list.filter(

@@ -6,8 +6,8 @@ import { Act, Loading, Stale, State, Table, useActing } from "../parts/basics";
 import { Upload } from "../parts/Upload";
 import { usePoll } from "../poll";
 
-/** What was switched, by path, kept while the page is open: the daemon lists it only after its next start. */
-const switched = new Map<string, boolean>();
+/** Whether a plugin is off from the daemon's next start on. */
+const isOff = (plugin: types.Plugin) => plugin.deactivatedNext ?? plugin.isDeactivated;
 
 export function Plugins() {
     const { api, ask } = useShared();
@@ -21,22 +21,10 @@ export function Plugins() {
         act("Plugins", "The plugin directories were read again.", () =>
             api.send("/plugins/rescan", types.plugins, {}),
         );
-    const isOff = (plugin: types.Plugin) => {
-        if (switched.get(plugin.path) === plugin.isDeactivated) {
-            switched.delete(plugin.path);
-        }
-        return switched.get(plugin.path) ?? plugin.isDeactivated;
-    };
     const turn = (plugin: types.Plugin) => {
-        const off = !isOff(plugin);
-        const action = off ? "deactivate" : "activate";
-        return act(
-            plugin.fileName,
-            `${plugin.fileName} ${action}d, from the next start of the daemon.`,
-            async () => {
-                await api.act(`/plugins/${segment(plugin.fileName)}/${action}`);
-                switched.set(plugin.path, off);
-            },
+        const action = isOff(plugin) ? "activate" : "deactivate";
+        return act(plugin.fileName, `${plugin.fileName} ${action}d, from the next start of the daemon.`, () =>
+            api.act(`/plugins/${segment(plugin.fileName)}/${action}`),
         );
     };
     const remove = async (plugin: types.Plugin) => {
@@ -60,6 +48,7 @@ export function Plugins() {
             <div class="head">
                 <h1 tabIndex={-1}>Plugins</h1>
                 <Upload
+                    kind="plugin"
                     label="Upload a plugin …"
                     accept=".crp"
                     help="It is loaded at the next start of the daemon."

@@ -11,8 +11,9 @@ interface Properties {
 
 const policies = {
     never: "The service is never started again by itself.",
-    "on-failure": "The service is started again when it ended with a failure.",
-    always: "The service is started again whenever it ended.",
+    "on-failure":
+        "The service is started again when Podman is lost while it runs. What somebody stopped stays stopped.",
+    always: "The service is started again when Podman is lost while it runs, and when the start that comes with the daemon fails. What somebody stopped stays stopped.",
 };
 
 export function Settings({ service, signOut }: Properties) {

@@ -24,6 +24,8 @@ const area = (page: Page) => page.locator(".log-scroller");
 interface Written {
     text: string;
     stream?: "stdout" | "stderr";
+    /** goes on in the next; for the mock only */
+    partial?: boolean;
 }
 
 const written = isMock ? "clock" : "page-lines";
@@ -167,6 +169,34 @@ describe("the log of a container", () => {
         await page.getByText("1 of 2").waitFor();
         const marked = page.locator(".xterm-rows .xterm-bg-6");
         expect(await marked.allTextContents()).toEqual(["row 5"]);
+    });
+
+    mockIt("finds text across the parts in which a line came, and shows it as one", async () => {
+        const page = await still([
+            { text: "another line" },
+            { text: `${"x".repeat(20)} it is lo`, partial: true },
+            { text: "st in the mid", partial: true },
+            { text: "dle of the line" },
+            { text: "the last line" },
+        ]);
+        const whole = `${"x".repeat(20)} it is lost in the middle of the line`;
+        const rows = await logHas(page, (all) => all.some((row) => row.includes("the last line")), "the end");
+        expect(rows.filter(Boolean).map((row) => row.slice(12).trim())).toEqual([
+            "another line",
+            whole,
+            "the last line",
+        ]);
+        await page.getByLabel("Search", { exact: true }).fill("lost in the middle");
+        await page.getByText("1 line", { exact: true }).waitFor();
+        await page.getByLabel("Search", { exact: true }).press("Enter");
+        await page.getByText("1 of 1").waitFor();
+        expect(await page.locator(".xterm-rows .xterm-bg-6").allTextContents()).toEqual([
+            "lost in the middle",
+        ]);
+        await page.getByLabel("Filter", { exact: true }).fill("^x+ .* line$");
+        await page.getByText("1 of 3").waitFor();
+        const filtered = await logHas(page, (all) => all.filter(Boolean).length === 1, "one row");
+        expect(filtered[0]?.endsWith(whole)).toBe(true);
     });
 
     scriptedIt("shows colours and never markup or control", async () => {
@@ -322,6 +352,25 @@ describe("the log of a container", () => {
         expect(rows.filter((row) => row.includes("before the end"))).toHaveLength(1);
     });
 
+    mockIt("goes on when the container was started again, also when it has ended since", async () => {
+        const page = await enter("/log?c=import");
+        await page.getByText("not running").waitFor();
+        const asked = () => page.waitForResponse((answer) => answer.url().endsWith("/containers"));
+        await asked();
+        await asked();
+        await page.getByText("not running").waitFor();
+        for (const text of ["the second time", "the third time"]) {
+            await script("once", { container: "import", lines: [{ text }] });
+            // the daemon tells starts to the second
+            await page.waitForTimeout(1100);
+            await logHas(page, (all) => all.some((row) => row.includes(text)), text);
+        }
+        await page.getByText("not running").waitFor();
+        const rows = await logRows(page);
+        expect(rows.filter((row) => row.includes("recipe 17"))).toHaveLength(1);
+        expect(rows.filter((row) => row.includes("the second time"))).toHaveLength(1);
+    });
+
     mockIt("comes back after a restart of the daemon, without doubles or gaps", async () => {
         expectFaults(away);
         const page = await still(numbered(5));
@@ -371,6 +420,79 @@ describe("several containers", () => {
         const times = rows.filter((row) => /^\d\d:/.test(row)).map((row) => row.slice(0, 12));
         expect(times).toEqual([...times].sort());
         await shot(page, "log-project");
+    });
+
+    mockIt("take one in that joins later, and keep what one that leaves wrote", async () => {
+        expectFaults(away);
+        const page = await enter("/log?project=demo");
+        const connections = page.locator(".connections");
+        await connections.getByText("live").nth(1).waitFor();
+        for (const name of ["demo-web-1", "demo-db-1"]) {
+            await script("quiet", { container: name, on: true });
+        }
+        await page.getByRole("button", { name: "Clear" }).click();
+        await script("write", { container: "demo-web-1", lines: numbered(200) });
+        const filter = page.getByLabel("Filter", { exact: true });
+        await filter.fill("[05]$");
+        await page.getByText("40 of 200").waitFor();
+        const search = page.getByLabel("Search", { exact: true });
+        await search.fill("row .5$");
+        await page.getByText("9 lines").waitFor();
+        await area(page).focus();
+        await page.keyboard.press("Home");
+        await logHas(page, (rows) => / row 0$/.test(rows[0] ?? ""), "the first row on top");
+        await page.keyboard.press("ArrowDown");
+        await page.keyboard.press("p");
+        const paused = page.getByRole("button", { name: "Paused", pressed: true });
+        await paused.waitFor();
+        const texts = (rows: string[]) => rows.flatMap((row) => /row \d+$/.exec(row)?.[0] ?? []);
+        const before = await logHas(page, (rows) => / row 5$/.test(rows[0] ?? ""), "the second row on top");
+        const same = async (what: string) => {
+            await logHas(page, (rows) => texts(rows).join() === texts(before).join(), what);
+            await paused.waitFor();
+            expect(await filter.inputValue()).toBe("[05]$");
+            expect(await search.inputValue()).toBe("row .5$");
+            await page.getByText("40 of 20").waitFor();
+            await page.getByText("9 lines").waitFor();
+        };
+
+        await script("container", { name: "demo-cache-1", project: "demo", state: "running" });
+        await connections.getByText("live").nth(2).waitFor();
+        await script("write", { container: "demo-cache-1", lines: [{ text: "row 1000" }] });
+        await page.getByRole("button", { name: "1 new line ↓" }).waitFor();
+        await same("what it showed before one joined");
+        // as wide as the longest name
+        expect((await logRows(page))[0]).toMatch(/ demo-web-1 {5}row 5$/);
+        await shot(page, "log-joined");
+
+        const gone = new URL("/api/v1/containers/demo-web-1?force=true", page.url()).href;
+        expect((await page.request.delete(gone)).status()).toBe(204);
+        await connections.getByText("removed").waitFor();
+        await same("what it showed before one left");
+        await paused.click();
+        const after = await logHas(page, (rows) => rows.some((row) => row.endsWith("row 1000")), "all");
+        expect(after.some((row) => / demo-web-1 {5}row 195$/.test(row))).toBe(true);
+        expect(after.some((row) => row.includes("demo-web-1: the container was removed"))).toBe(true);
+    });
+
+    mockIt("are 16 at most, and the page says so", async () => {
+        const names = Array.from({ length: 15 }, (_, index) => `many-${index}`);
+        for (const name of names) {
+            await script("container", { name, project: "many" });
+        }
+        const page = await enter("/log?project=many");
+        const connections = page.locator(".connections li");
+        await connections.nth(14).waitFor();
+        expect(await page.getByText("Only the first").count()).toBe(0);
+        for (const name of ["many-15", "many-16"]) {
+            await script("container", { name, project: "many" });
+        }
+        await page.getByText("Only the first 16 of 17 containers are shown.").waitFor();
+        await connections.nth(15).waitFor();
+        expect(await connections.count()).toBe(16);
+        await shot(page, "log-many");
+        await go(page, `/log?${[...names, "clock", "import", "flood"].map((name) => `c=${name}`).join("&")}`);
+        await page.getByText("Only the first 16 of 18 containers are shown.").waitFor();
     });
 
     mockIt("can be chosen from the table", async () => {

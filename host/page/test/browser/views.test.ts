@@ -1,4 +1,5 @@
 import { readFileSync } from "node:fs";
+import type { Page } from "playwright-core";
 import { describe, expect, it } from "vitest";
 import {
     away,
@@ -68,6 +69,17 @@ describe("the board", () => {
         await service.getByRole("button", { name: "Enable" }).click();
         await service.getByRole("button", { name: "Start" }).click();
         await page.getByText("Service started.").waitFor();
+    });
+
+    mockIt("starts a service that waits for its restart", async () => {
+        await script("set", { part: "service", values: { state: "waiting", problem: "Podman is gone." } });
+        const page = await enter("/board");
+        const service = page.getByRole("region", { name: "Service" });
+        await service.getByText("waiting").waitFor();
+        await service.getByRole("button", { name: "Start" }).click();
+        await page.getByText("Service started.").waitFor();
+        await service.getByText("running").waitFor();
+        expect(await service.getByRole("button", { name: "Start" }).isDisabled()).toBe(true);
     });
 
     mockIt("says why the service does not run, and why Podman does not answer", async () => {
@@ -286,6 +298,60 @@ describe("plugins and images", () => {
         expect(await page.getByRole("button", { name: "Delete sensors.crp" }).count()).toBe(0);
     });
 
+    mockIt("that are switched are seen to be, and can be switched back, after a reload too", async () => {
+        const page = await enter("/plugins");
+        await page.getByRole("button", { name: "Deactivate network.crp" }).click();
+        const network = page.getByRole("row").filter({ hasText: "network.crp" });
+        await network.getByText("off from the daemon's next start").waitFor();
+        await page.reload();
+        await network.getByText("off from the daemon's next start").waitFor();
+        await page.getByRole("button", { name: "Activate network.crp", exact: true }).click();
+        await network.getByText("next start").waitFor({ state: "detached" });
+        await page.getByRole("button", { name: "Activate sensors.crp", exact: true }).click();
+        const sensors = page.getByRole("row").filter({ hasText: "sensors.crp" });
+        await sensors.getByText("on from the daemon's next start").waitFor();
+        expectFaults(away);
+        await script("restart", { away: 500 });
+        await sensors.getByText("next start").waitFor({ state: "detached" });
+        await page.getByRole("button", { name: "Deactivate sensors.crp" }).waitFor();
+    });
+
+    mockIt(
+        "go on being uploaded while another view is looked at, and warn before the page goes",
+        async () => {
+            const page = await enter("/images");
+            await script("slow", { milliseconds: 15_000 });
+            const upload = page.getByLabel("Load an archive");
+            const big = { name: "big.tar", mimeType: "application/x-tar", buffer: Buffer.alloc(20_000_000) };
+            await upload.setInputFiles(big);
+            await page.getByRole("progressbar").waitFor();
+            await page.getByRole("link", { name: "Plugins" }).click();
+            await page.getByRole("heading", { name: "Plugins", level: 1 }).waitFor();
+            expect(await page.getByRole("progressbar").count()).toBe(0);
+            expect(await page.getByLabel("Upload a plugin").isEnabled()).toBe(true);
+            const asked = page.waitForEvent("dialog");
+            await page.close({ runBeforeUnload: true });
+            const question = await asked;
+            expect(question.type()).toBe("beforeunload");
+            await question.dismiss();
+            await page.getByRole("link", { name: "Images" }).click();
+            await page.getByRole("progressbar", { name: "Upload of big.tar" }).waitFor();
+            await page.getByText("sent; the board works on it").waitFor();
+            expect(await upload.isDisabled()).toBe(true);
+            await page.getByRole("button", { name: "Cancel" }).click();
+            await page.getByText("big.tar: Cancelled; nothing was kept.").waitFor();
+            expect(await upload.isEnabled()).toBe(true);
+            await script("slow", { milliseconds: 1000 });
+            await upload.setInputFiles(big);
+            await page.getByRole("progressbar").waitFor();
+            await page.getByRole("link", { name: "Board" }).click();
+            await page.getByText("Loaded localhost/loaded:1.").waitFor();
+            // nothing holds it any longer
+            await page.reload();
+            await page.getByRole("heading", { name: "Board", level: 1 }).waitFor();
+        },
+    );
+
     mockIt("show how far an upload is, and let it be cancelled", async () => {
         const page = await enter("/images");
         await script("slow", { milliseconds: 3000 });
@@ -331,6 +397,23 @@ describe("settings", () => {
         await page.getByLabel("TCP port").waitFor();
         expect(await page.getByLabel("TCP port").inputValue()).toBe("8443");
     });
+
+    mockIt.each([
+        ["never", /^The service is never started again by itself\.$/],
+        [
+            "on-failure",
+            /^The service is started again when Podman is lost while it runs\. What somebody stopped/,
+        ],
+        [
+            "always",
+            /, and when the start that comes with the daemon fails\. What somebody stopped stays stopped\.$/,
+        ],
+    ])("say what the policy of restarts means: %s", async (policy, meaning) => {
+        const restarts = { policy, limit: 5, inARow: 0, nextAt: null, history: [] };
+        await script("set", { part: "service", values: { restarts } });
+        const page = await enter("/settings");
+        await page.getByRole("region", { name: "Restarts" }).getByText(meaning).waitFor();
+    });
 });
 
 describe("messages", () => {
@@ -347,6 +430,26 @@ describe("messages", () => {
         await script("restart", { away: 1500 });
         await page.getByText("disconnected, trying again").waitFor();
         await page.getByText("live").waitFor();
+    });
+});
+
+describe("a daemon that hangs", () => {
+    mockIt("is doubted by messages and by logs", async () => {
+        expectFaults(away);
+        const pages = [await enter("/messages"), await enter("/log?c=clock")];
+        const live = (page: Page) => page.locator("main .state", { hasText: "live" });
+        for (const page of pages) {
+            await live(page).waitFor();
+        }
+        await script("hang", { on: true });
+        await Promise.all(pages.map((page) => live(page).waitFor({ state: "detached", timeout: 30_000 })));
+        for (const page of pages) {
+            await page.getByText("no answer").waitFor();
+        }
+        await script("hang", { on: false });
+        for (const page of pages) {
+            await live(page).waitFor({ timeout: 20_000 });
+        }
     });
 });
 

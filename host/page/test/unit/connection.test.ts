@@ -176,17 +176,58 @@ describe("the connection of a log", () => {
         socket().start();
         socket().say({ type: "lines", lines: [lineOf(7)] });
         socket().say({ type: "end", code: "exited", reason: "exit code 0" });
-        connection.wake();
+        connection.wake(true);
         expect(socket().path).toBe("/containers/clock/logs?after=c7");
         socket().start("id2");
         expect(notes).toContain("the container was made anew");
+    });
+
+    it("goes on when a container was started again, though it has ended again too", () => {
+        const end = () => {
+            socket().start();
+            socket().say({ type: "lines", lines: [lineOf(sockets.length)] });
+            socket().say({ type: "end", code: "exited", reason: "exit code 0" });
+        };
+        end();
+        // what was started before the log was opened may have gone on since
+        connection.wake(false, "2026-11-21T19:00:00Z");
+        expect(sockets).toHaveLength(2);
+        end();
+        connection.wake(false, "2026-11-21T19:00:00Z");
+        expect(sockets).toHaveLength(2);
+        connection.wake(false, "2026-11-21T19:00:09Z");
+        expect(socket().path).toBe("/containers/clock/logs?after=c2");
+        // seen before the end was
+        connection.wake(false, "2026-11-21T19:00:11Z");
+        expect(sockets).toHaveLength(3);
+        end();
+        connection.wake(false, "2026-11-21T19:00:11Z");
+        expect(sockets).toHaveLength(4);
+        expect(lines).toEqual(["line 1", "line 2", "line 3"]);
+    });
+
+    it("is not asked for again because of a start that was known before", () => {
+        connection.wake(false, "2026-11-21T19:00:00Z");
+        socket().start();
+        socket().say({ type: "end", code: "exited", reason: "exit code 0" });
+        connection.wake(false, "2026-11-21T19:00:00Z");
+        expect(sockets).toHaveLength(1);
+        connection.wake(false, "2026-11-21T19:00:01Z");
+        expect(sockets).toHaveLength(2);
+    });
+
+    it("stays ended when nobody tells when the container was started", () => {
+        socket().start();
+        socket().say({ type: "end", code: "exited", reason: "exit code 0" });
+        connection.wake(false);
+        expect(sockets).toHaveLength(1);
     });
 
     it("says an end once, however often it looks", () => {
         for (let round = 0; round < 3; round++) {
             socket().start();
             socket().say({ type: "end", code: "exited", reason: "exit code 0" });
-            connection.wake();
+            connection.wake(true);
         }
         expect(notes).toEqual(["the container does not run: exit code 0"]);
     });
@@ -194,7 +235,7 @@ describe("the connection of a log", () => {
     it("does not wait any longer once the daemon answers", () => {
         socket().start();
         socket().breaks();
-        connection.wake();
+        connection.wake(true);
         expect(sockets).toHaveLength(1);
         connection.hurry();
         expect(timers).toHaveLength(0);
@@ -252,7 +293,7 @@ describe("the connection of a log", () => {
         const before = states.length;
         connection.close();
         socket().breaks();
-        connection.wake();
+        connection.wake(true);
         expect(states).toHaveLength(before);
         expect(sockets).toHaveLength(1);
     });

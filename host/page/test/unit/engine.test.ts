@@ -352,6 +352,33 @@ describe("several containers", () => {
         expect(engine.frame().shown).toBe(52);
     });
 
+    it("may become more, and all that is there stays as it is", () => {
+        const engine = engineOf(["web"]);
+        engine.append(
+            0,
+            Array.from({ length: 50 }, (_, index) => line(`${index} ${"x".repeat(35)}`, index)),
+        );
+        engine.setSettings({
+            ...bare,
+            filter: { ...noPattern, text: "[02468] x" },
+            search: { ...noPattern, text: "^4. x" },
+        });
+        engine.scrollTo(10);
+        engine.pause();
+        expect(engine.frame()).toMatchObject({ endRow: 25, hits: 5 });
+        expect(rows(engine)[0]).toBe(`20 ${"x".repeat(35)}`);
+        engine.addSource("cache");
+        const frame = engine.frame();
+        // the name takes six columns: each line has two rows now
+        expect(frame).toMatchObject({ paused: true, lines: 50, shown: 25, hits: 5, topRow: 20, endRow: 50 });
+        expect(frame.plain[0]).toBe(`web     20 ${"x".repeat(29)}`);
+        engine.append(1, [line("0 x early", 3), line("2 x late", 99)]);
+        expect(engine.frame()).toMatchObject({ plain: frame.plain, lines: 52, shown: 25, fresh: 2 });
+        engine.resume();
+        expect(rows(engine)[4]).toBe("cache   2 x late");
+        expect([...engine.text()][2]).toBe(`${at(3)} cache out 0 x early\n`);
+    });
+
     it("give the same result in whatever pieces they come", () => {
         const one = engineOf(["a", "b", "c"], { lines: 10_000, bytes: 1e9 });
         const other = engineOf(["a", "b", "c"], { lines: 10_000, bytes: 1e9 });

@@ -112,6 +112,40 @@ describe("the client of the interface", () => {
         });
     });
 
+    it("takes containers and plugins of a daemon that tells less of them", () => {
+        const container = {
+            id: "1",
+            name: "clock",
+            image: "localhost/busybox:1",
+            state: "exited",
+            status: "",
+            created: "2026-11-21T19:00:00Z",
+            exitCode: 0,
+            project: "",
+            ports: [],
+        };
+        expect(types.container(container)).toEqual(container);
+        expect(types.container({ ...container, startedAt: "" }).startedAt).toBe("");
+        expect(() => types.container({ ...container, startedAt: 7 })).toThrow(/not as expected/);
+        const plugin = {
+            fileName: "network.crp",
+            path: "/network.crp",
+            directory: "user",
+            name: "network",
+            version: "1.0.0",
+            compatibleOs: "3.*",
+            osCompatible: true,
+            initPriority: 1,
+            pluginType: 1,
+            size: 1,
+            created: 1,
+            isDeactivated: true,
+            isLoaded: false,
+        };
+        expect(types.plugin(plugin)).toEqual(plugin);
+        expect(types.plugin({ ...plugin, deactivatedNext: false }).deactivatedNext).toBe(false);
+    });
+
     it("takes an operation without a result", () => {
         expect(types.projectResult({ code: 6, ok: false, result: null })).toEqual({
             code: 6,
@@ -264,11 +298,13 @@ describe("addresses", () => {
         expect(routeOf(addressOf.log(["a", "b"]))).toEqual({
             view: "log",
             containers: ["a", "b"],
+            asked: 2,
             project: "",
         });
         expect(routeOf(addressOf.projectLog("my project"))).toEqual({
             view: "log",
             containers: [],
+            asked: 0,
             project: "my project",
         });
         expect(routeOf(addressOf.file("demo.yaml"))).toEqual({ view: "file", name: "demo.yaml" });
@@ -277,14 +313,17 @@ describe("addresses", () => {
     it("that somebody made up lead nowhere bad", () => {
         expect(routeOf("#/containers/..%2F..%2Fservice")).toEqual({ view: "containers" });
         expect(routeOf("#/containers/%zz")).toEqual({ view: "containers" });
-        expect(routeOf("#/log?c=../x&c=ok&c=ok")).toEqual({ view: "log", containers: ["ok"], project: "" });
-        expect(
-            (
-                routeOf(
-                    `#/log?${"c=a1&".repeat(5)}${Array.from({ length: 99 }, (_, index) => `c=n${index}`).join("&")}`,
-                ) as { containers: string[] }
-            ).containers,
-        ).toHaveLength(16);
+        expect(routeOf("#/log?c=../x&c=ok&c=ok")).toEqual({
+            view: "log",
+            containers: ["ok"],
+            asked: 1,
+            project: "",
+        });
+        const many = routeOf(
+            `#/log?${"c=a1&".repeat(5)}${Array.from({ length: 99 }, (_, index) => `c=n${index}`).join("&")}`,
+        ) as { containers: string[]; asked: number };
+        expect(many.containers).toHaveLength(16);
+        expect(many.asked).toBe(100);
     });
 });
 
@@ -334,6 +373,7 @@ describe("the feed of messages", () => {
     });
     const setUp = () => {
         const sockets: {
+            closed: boolean;
             onopen: (() => void) | null;
             onmessage: ((event: { data: unknown }) => void) | null;
             onclose: ((event: never) => void) | null;
@@ -343,19 +383,28 @@ describe("the feed of messages", () => {
         const feed = new MessageFeed(
             {
                 socket: () => {
-                    const made = { onopen: null, onmessage: null, onclose: null, onerror: null, close() {} };
+                    const made = {
+                        closed: false,
+                        onopen: null,
+                        onmessage: null,
+                        onclose: null,
+                        onerror: null,
+                        close() {
+                            made.closed = true;
+                        },
+                    };
                     sockets.push(made);
                     return made;
                 },
                 later: (task, after) => timers.push({ task, after }),
-                cancel: () => {},
+                cancel: () => timers.shift(),
             },
             (list, state, problem) => seen.push({ texts: list.map((item) => item.text), state, problem }),
         );
         feed.open();
         const say = (value: unknown) =>
             sockets[sockets.length - 1]?.onmessage?.({ data: JSON.stringify(value) });
-        return { sockets, timers, seen, say, last: () => seen[seen.length - 1] };
+        return { feed, sockets, timers, seen, say, last: () => seen[seen.length - 1] };
     };
 
     it("begins anew after a break, without doubles", () => {
@@ -382,6 +431,29 @@ describe("the feed of messages", () => {
         }
         expect(last()?.texts).toHaveLength(mostMessages);
         expect(last()?.texts[mostMessages - 1]).toBe("4 899");
+    });
+
+    it("gives up a connection when the daemon is silent, and goes on as soon as it answers", () => {
+        const { feed, sockets, timers, say, last } = setUp();
+        sockets[0]?.onopen?.();
+        say({ type: "messages", messages: [message("a")] });
+        feed.hurry();
+        expect(sockets).toHaveLength(1);
+        feed.doubt();
+        expect(last()).toEqual({ texts: ["a"], state: "waiting", problem: "The daemon does not answer." });
+        expect(sockets[0]).toMatchObject({ closed: true, onmessage: null });
+        feed.doubt();
+        expect(timers).toHaveLength(1);
+        feed.hurry();
+        expect(timers).toHaveLength(0);
+        expect(last()?.state).toBe("connecting");
+        say({ type: "messages", messages: [message("a"), message("b")] });
+        expect(last()).toEqual({ texts: ["a", "b"], state: "live", problem: "" });
+        feed.close();
+        feed.hurry();
+        feed.doubt();
+        expect(sockets).toHaveLength(2);
+        expect(last()?.state).toBe("live");
     });
 
     it("says what is wrong with what comes", () => {
