@@ -98,7 +98,6 @@ void LinkBare() {
     constexpr const char* links[] = {"/bin/podman",
                                      "/bin/crun",
                                      "/usr/bin/conmon",
-                                     "/usr/bin/conmon",
                                      "/bin/docker-compose",
                                      "/var/lib/containers",
                                      "/etc/containers/policy.json",

@@ -188,8 +188,12 @@ private:
         _header.emplace();
         _header->header_limit(static_cast<std::uint32_t>(_ground.options.largestTarget));
         _header->body_limit(boost::none);
-        co_await http::async_read_header(_stream, _input, *_header,
-                                         asio::redirect_error(asio::use_awaitable, error));
+        const size_t length = co_await http::async_read_header(
+            _stream, _input, *_header, asio::redirect_error(asio::use_awaitable, error));
+        // The parser looks at the limit only while it waits for more.
+        if (!error && length > _ground.options.largestTarget) {
+            error = http::error::header_limit;
+        }
     }
 
     Task<bool> AnswerUnreadable(beast::error_code error) {

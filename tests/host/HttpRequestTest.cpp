@@ -233,6 +233,24 @@ TEST_F(HttpRequests, WithALongHeaderAreRefused) {
     EXPECT_EQ(Ask(Get("/api/v1/hello", "X: " + std::string(900, 'x') + "\r\n")).status, 200);
 }
 
+TEST_F(HttpRequests, WithALongHeaderInPiecesAreRefused) {
+    server.options.largestTarget = 1000;
+    server.Serve();
+    const auto withLength = [](size_t length) {
+        const size_t others = Get("/api/v1/hello", "X: \r\n").size();
+        return Get("/api/v1/hello", "X: " + std::string(length - others, 'x') + "\r\n");
+    };
+    for (const size_t cut : {20U, 60U, 500U, 990U}) {
+        for (const auto& [length, status] : {std::pair(1000U, 200), std::pair(1001U, 431)}) {
+            HttpClient client(server.port);
+            client.Send(withLength(length).substr(0, cut));
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            client.Send(withLength(length).substr(cut));
+            EXPECT_EQ(client.Read().status, status) << length << " bytes, cut at " << cut;
+        }
+    }
+}
+
 TEST_F(HttpRequests, AreDecodedSegmentBySegment) {
     server.Serve();
     EXPECT_EQ(Ask(Get("/api/v1/names/a%20b%2Fc%c3%A4+%2e%2e")).body, "a b/c\xc3\xa4+..");

@@ -31,6 +31,7 @@ task_bench() {
         local result
         result=build/bench/$(basename "$program").json
         step "Measure $(basename "$program")" "$program" --benchmark_repetitions=5 \
+            --benchmark_enable_random_interleaving=true \
             --benchmark_filter="${1:-.}" --benchmark_out="$result" --benchmark_out_format=json
         results+=("$result")
     done

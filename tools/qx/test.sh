@@ -13,9 +13,10 @@ Installs what is missing, builds everything and runs every test:
   board     the library with the real Podman, each test on a virtual board of its own
 the web page's own tests, and a few seconds of every fuzz target
 
-  --deep         also runs the page in a browser, before a stand-in and before the daemon on a board; the unit, platform and
-                 tools tests under the address, undefined behaviour and thread sanitizers; the tests with failing calls and
-                 killed processes; and the board tests on boards of the other suite
+  --deep         also runs the page in a browser, before a stand-in and before the daemon on a board; the tests with failing
+                 calls and killed processes; every fuzz target for a minute; the library's tests under valgrind; the unit,
+                 platform and tools tests under the address, undefined behaviour and thread sanitizers; and the board tests
+                 on boards of the other suite
   --only LABEL   only the tests of one label
 
 QX_BOARD_SUITE=forky or trixie in the environment chooses the suite of the boards; board/README.md tells which one is
@@ -43,11 +44,17 @@ stage_for_board() {
     make_certificates "build/$1/stage/share/certs"
 }
 
-# run_tests PRESET CTEST-OPTIONS...
+# run_tests PRESET NAME CTEST-OPTIONS...: the outcome goes to build/logs/NAME.log and NAME.xml.
 run_tests() {
-    local preset=$1
-    shift
-    ctest --test-dir "build/$preset" --output-on-failure --no-tests=error -j "$(nproc)" "$@"
+    local preset=$1 name=$2
+    shift 2
+    mkdir -p build/logs
+    ctest --test-dir "build/$preset" --output-on-failure --no-tests=error -j "$(nproc)" \
+        --output-junit "$root/build/logs/$name.xml" "$@" 2>&1 | tee "build/logs/$name.log"
+    if gaps "$preset" "build/logs/$name.log"; then
+        grep '\*\*\*Skipped' "build/logs/$name.log" >&2
+        die 1 "tests were skipped that this machine can run"
+    fi
 }
 
 # gaps PRESET LOG: says whether tests were skipped that this machine could have run; a test that it cannot run says so
@@ -111,12 +118,7 @@ task_test() {
         step "Stage the product for the board" stage_for_board release
         step "Test the virtual board itself" board/tests/run.sh
     fi
-    mkdir -p build/logs
-    run_tests release -LE deep --output-junit "$root/build/logs/tests.xml" ${only:+-L "$only"} 2>&1 | tee build/logs/tests.log
-    if gaps release build/logs/tests.log; then
-        grep '\*\*\*Skipped' build/logs/tests.log >&2
-        die 1 "tests were skipped that this machine can run"
-    fi
+    run_tests release tests -LE deep ${only:+-L "$only"}
     if [ -z "$only" ]; then
         step "Compare with the promises" tests/checks/promises.py build/release docs/behaviour.md docs/security.md \
             --ran build/logs/tests.xml
@@ -127,21 +129,35 @@ task_test() {
     say "All tests passed."
 }
 
+# check_memory: the library's tests under valgrind.
+check_memory() {
+    local program
+    for program in unit podman demux; do
+        step "Check memory in the $program tests" env QX_EACH_TEST='*' valgrind -q --vgdb=no --error-exitcode=99 \
+            --leak-check=full --show-leak-kinds=definite --errors-for-leak-kinds=definite \
+            --suppressions=tests/valgrind.supp "build/release/bin/qx_${program}_tests"
+    done
+}
+
 # deep_tests [LABEL]
 deep_tests() {
     local preset suite
     if [ -z "${1:-}" ]; then
-        run_tests release -L deep
+        run_tests release deep -L deep
+        step "Compare with the promises of the deep tests" tests/checks/promises.py build/release docs/torture.md \
+            --ran build/logs/deep.xml
         test_page_in_browser
+        run_fuzzers 60
+        check_memory
     fi
     for preset in asan tsan; do
         build "$preset"
-        run_tests "$preset" -L 'unit|platform|tools'
+        run_tests "$preset" "$preset" -L 'unit|platform|tools'
     done
     [ "${1:-board}" = board ] || return 0
     suite=$(other_suite)
     board/board fetch --suite "$suite"
-    QX_BOARD_SUITE=$suite run_tests release -L board
+    QX_BOARD_SUITE=$suite run_tests release "board-$suite" -L board
 }
 
 # other_suite: the suite of which the boards were not so far.
