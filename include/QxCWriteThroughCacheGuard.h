@@ -15,7 +15,7 @@ namespace QxNContainer {
 /// counted: of two that overlap, the first to end switches the disk back. The switch is the kernel's block
 /// queue attribute "write_cache" (Documentation/ABI/stable/sysfs-block).
 ///
-/// Errors: a failed write gives a warning line in the log; nothing is raised. Thread safety: no shared state;
+/// Errors: an attribute that cannot be opened gives a warning line in the log; nothing is raised. Thread safety: no shared state;
 /// one guard belongs to one thread at a time. Blocks for sysfs access, and for sync() when it ends.
 class QX_EXPORT QxCWriteThroughCacheGuard {
 public:

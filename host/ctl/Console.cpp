@@ -12,6 +12,8 @@
 
 namespace {
 
+constexpr size_t LongestWaiting = 64 << 10;
+
 bool IsWithoutColours() {
     const char* const noColour = getenv("NO_COLOR");
     const char* const terminal = getenv("TERM");
@@ -59,15 +61,24 @@ std::string Console::Styled(std::string_view text, Style style) const {
 }
 
 void Console::Write(std::string_view text) const {
-    if (fwrite(text.data(), 1, text.size(), stdout) != text.size()) {
-        FailToWrite();
+    _waiting += text;
+    if (_waiting.size() >= LongestWaiting) {
+        Flush();
     }
 }
 
+// Not by the C library's stream, which loses text when a signal interrupts it.
 void Console::Flush() const {
-    if (fflush(stdout) != 0) {
-        FailToWrite();
+    std::string_view rest = _waiting;
+    while (!rest.empty()) {
+        const ssize_t count = TEMP_FAILURE_RETRY(write(STDOUT_FILENO, rest.data(), rest.size()));
+        if (count < 0) {
+            _waiting.clear();
+            FailToWrite();
+        }
+        rest.remove_prefix(static_cast<size_t>(count));
     }
+    _waiting.clear();
 }
 
 void Tell(std::string_view text) { fprintf(stderr, "qxctl: %s\n", Printable(text, Lines::AreKept).c_str()); }

@@ -16,7 +16,7 @@ public:
     /// @return the text in a style; as it is where there are no colours
     std::string Styled(std::string_view text, Style style) const;
 
-    /// Writes to the standard output. When that fails, the tool ends: nobody reads any more.
+    /// Writes to the standard output, at the latest with Flush(). When that fails, the tool ends: nobody reads any more.
     void Write(std::string_view text) const;
     /// Hands over what was written; for output that somebody watches.
     void Flush() const;
@@ -24,6 +24,7 @@ public:
 private:
     bool _isTerminal;
     bool _hasColours;
+    mutable std::string _waiting;
 };
 
 /// Tells the user something beside the result, on the standard error output.

@@ -82,9 +82,15 @@ int Run(int argc, char** argv) {
         return app.exit(error) == 0 ? ExitCode::Fine : ExitCode::Usage;
     }
     Interruption::EndsWith(ExitCode::Interrupted);
-    const int exitCode = tool.command();
-    tool.console.Flush();
-    return exitCode;
+    try {
+        const int exitCode = tool.command();
+        tool.console.Flush();
+        return exitCode;
+    } catch (const CtlError&) {
+        // What was there before it failed.
+        tool.console.Flush();
+        throw;
+    }
 }
 
 }  // namespace

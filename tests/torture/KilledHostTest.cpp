@@ -11,6 +11,8 @@
 
 #include <gmock/gmock.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <map>
 
 using QxNContainer::QxCContainer;
@@ -226,22 +228,72 @@ TEST_F(KilledHostTest, ADiskInWriteThroughModeIsPutBackByTheNextStop) {
     waitpid(podman, nullptr, 0);
 }
 
+/// As Podman's service does it: what has the name of its socket goes before it listens there. It answers every
+/// request with its process id.
+constexpr const char* ListenAsPodman = R"(exec python3 -c '
+import os, socket
+path = "/run/podman/podman.sock"
+try:
+    os.unlink(path)
+except FileNotFoundError:
+    pass
+os.umask(0o177)
+listener = socket.socket(socket.AF_UNIX)
+listener.bind(path)
+listener.listen()
+body = str(os.getpid()).encode()
+while True:
+    client = listener.accept()[0]
+    client.recv(65536)
+    client.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: %d\r\nConnection: close\r\n\r\n%s" % (len(body), body))
+    client.close()
+')";
+
+/// Binds a Unix socket and ends without taking its name away, as a service that was killed.
+void LeaveSocket(const std::string& path) {
+    fs::create_directories(fs::path(path).parent_path());
+    fs::remove(path);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof(address.sun_path) - 1);
+    const int left = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_EQ(bind(left, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    close(left);
+}
+
+/// @return the process that answers on Podman's socket; 0 when none does
+int AnsweringService() {
+    int service = 0;
+    Sandbox::Eventually([&] {
+        const PodmanResponse response =
+            Service().ExecutePodmanRequest("/info", QxCCurlHandler::Get, {}, {}, false);
+        service = response.httpCode == 200 ? std::stoi(response.body) : 0;
+        return service != 0;
+    });
+    return service;
+}
+
 TEST_F(KilledHostTest, ServicesOfAKilledHostDoNotHinderTheNextStart) {
     Board::ProvideContainerSystem(R"({"enabled": true, "tcp_port": 8080})");
-    FakePodman{}.Install();
-    Sandbox::WriteFile(Board::PODMAN_SOCKET, "stale");
+    FakePodman{.unixService = ListenAsPodman}.Install();
+    LeaveSocket(Board::PODMAN_SOCKET);
+    ASSERT_TRUE(fs::is_socket(Board::PODMAN_SOCKET));
 
     EXPECT_EQ(KilledHost::RunToItsEnd([] {
                   EXPECT_TRUE(Service().init() && Service().Start() && FakePodman::IsWatched());
-                  raise(SIGKILL);
-                  return 0;
+                  EXPECT_THAT(Sandbox::Children(), Contains(AnsweringService()));
+                  return testing::Test::HasFailure() ? 1 : raise(SIGKILL);
               }),
               -1);
     const std::vector<int> orphans = Sandbox::Children();
     EXPECT_THAT(orphans, SizeIs(2));
+    EXPECT_THAT(orphans, Contains(AnsweringService()));
     EXPECT_EQ(KilledHost::RunToItsEnd([] {
                   EXPECT_TRUE(Service().init() && Service().Start() && FakePodman::IsWatched());
                   EXPECT_THAT(Sandbox::Children(), SizeIs(2));
+                  // The killed host's service goes on listening where nobody finds it.
+                  EXPECT_TRUE(Sandbox::Eventually(
+                      [] { return testing::Value(Sandbox::Children(), Contains(AnsweringService())); }));
                   EXPECT_TRUE(Service().Stop());
                   EXPECT_THAT(Sandbox::Children(), IsEmpty());
                   return testing::Test::HasFailure() ? 1 : 0;
@@ -249,6 +301,15 @@ TEST_F(KilledHostTest, ServicesOfAKilledHostDoNotHinderTheNextStart) {
               0);
     // Nobody knows them any more; whoever runs the host ends them with it.
     EXPECT_EQ(Sandbox::Children(), orphans);
+    // What the ended service has left there is as little in the way as at the beginning.
+    EXPECT_TRUE(fs::is_socket(Board::PODMAN_SOCKET));
+    EXPECT_EQ(KilledHost::RunToItsEnd([] {
+                  EXPECT_TRUE(Service().init() && Service().Start() && FakePodman::IsWatched());
+                  EXPECT_THAT(Sandbox::Children(), Contains(AnsweringService()));
+                  EXPECT_TRUE(Service().Stop());
+                  return testing::Test::HasFailure() ? 1 : 0;
+              }),
+              0);
 }
 
 }  // namespace

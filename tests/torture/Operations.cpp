@@ -14,6 +14,7 @@
 
 #include <sched.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <csignal>
 #include <memory>
 
@@ -40,25 +41,94 @@ void OwnMounts() {
     mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr);
 }
 
-void FurnishBoard() {
-    OwnMounts();
-    Board::ProvideContainerSystem();
+void FurnishPrograms() {
     Script("/bin/podman", "case \"$1\" in system) exec sleep 1000;; esac");
     Script("/usr/bin/mount",
            "mkdir -p /mnt/containers_tools/bin/plugins; : > /mnt/containers_tools/bin/plugins/bridge");
 }
 
-void PrepareSettings() { Board::WriteSettings(R"({"enabled": true, "tcp_port": 0, "cores_num": 3})"); }
+void FurnishBoard() {
+    OwnMounts();
+    Board::ProvideContainerSystem();
+    FurnishPrograms();
+}
+
+// --- Settings ---
+
+/// The settings file as another program writes it: without "max_cpu_core_count", which every write of the
+/// library adds.
+void WriteSettings(bool enabled, int port, int state) {
+    Board::WriteSettings(std::string(R"({"enabled": )") + Word(enabled) + R"(, "tcp_port": )" +
+                         std::to_string(port) + R"(, "cores_num": 3, "state": )" + std::to_string(state) +
+                         "}");
+}
+
+/// The same values in the file and in memory.
+void PrepareState(bool enabled, int state) {
+    WriteSettings(enabled, 0, state);
+    Service().GetContainerServiceStatus(true);
+}
+
+void PrepareSettings() { PrepareState(true, ContainerServiceState::Initialized); }
+
+void PrepareDisabled() { PrepareState(false, ContainerServiceState::Initialized); }
+
+void PrepareChangedFile() {
+    PrepareDisabled();
+    WriteSettings(true, 8080, ContainerServiceState::Running);
+}
+
+void InspectMemory(Outcome& outcome) {
+    const QxCCTESettings::QxSUserSettings user = Service().GetContainerServiceUserSettings();
+    outcome.Add(", memory %s %u %u state %d", Service().IsContainerServiceEnabled(false) ? "on" : "off",
+                user.tcpPort, user.coresNum, Service().GetContainerServiceStatus(false));
+}
+
+void InspectFile(Outcome& outcome) {
+    const std::string text = Board::Settings();
+    const QxNJson::json settings = QxNJson::json::parse(text);
+    if (settings.is_invalid()) {
+        outcome.Add(", file %s", text.empty() ? "empty" : "broken");
+        return;
+    }
+    const auto value = [&](const char* key) {
+        return settings.contains(key) ? settings[key].dump() : std::string("none");
+    };
+    outcome.Add(", file %s %s %s state %s max %s", value("enabled") == "true" ? "on" : "off",
+                value("tcp_port").c_str(), value("cores_num").c_str(), value("state").c_str(),
+                value("max_cpu_core_count").c_str());
+}
 
 void InspectSettings(Outcome& outcome) {
-    const QxNJson::json settings = QxNJson::json::parse(Board::Settings());
-    outcome.Add(", file %s", settings.is_invalid() ? "broken" : "whole");
+    InspectMemory(outcome);
+    InspectFile(outcome);
+}
+
+void PrepareCoreCounts() {
+    Recording::TheScript().totalCores = 8;
+    QxCCTESettings::GetInstance()->ExtractCpuCoreCounts();
+    PrepareSettings();
+    Recording::TheScript().totalCores = 16;
+}
+
+void ExtractCoreCounts(Outcome& outcome) {
+    outcome.Add("%s", Word(QxCCTESettings::GetInstance()->ExtractCpuCoreCounts()));
+}
+
+void InspectCoreCounts(Outcome& outcome) {
+    unsigned int total = 0;
+    unsigned int usable = 0;
+    unsigned int max = 0;
+    int unused = 0;
+    QxCCTESettings::GetInstance()->getCpuCoreCounts(total, usable, max, unused);
+    outcome.Add(", cores %u %u %u %d", total, usable, max, unused);
+    InspectFile(outcome);
 }
 
 // --- Life ---
 
 void PrepareInit() {
-    PrepareSettings();
+    PrepareState(true, ContainerServiceState::NotInitialized);
     for (const char* path : {"/mnt/containers_tools", "/opt/cni", "/etc/containers", "/var/lib/containers",
                              "/mnt/cfdrive/containers/certs", "/userstorage1/container_rte"}) {
         fs::remove_all(path);
@@ -87,7 +157,7 @@ bool MonitorIsSettled() {
 
 void StartAndStop(Outcome& outcome) {
     const bool started = Service().Start();
-    outcome.Add("start %s, ", Word(started));
+    outcome.Add("start %s state %d, ", Word(started), Service().GetContainerServiceStatus(false));
     if (started) {
         Sandbox::Eventually(MonitorIsSettled);
     }
@@ -98,7 +168,7 @@ void StartAndStop(Outcome& outcome) {
 void StopAgain(Outcome& outcome) {
     outcome.Add(", stop again %s", Word(Service().Stop()));
     InspectWriteCache(outcome);
-    outcome.Add(", state %d", Service().GetContainerServiceStatus(false));
+    InspectSettings(outcome);
 }
 
 void FurnishTcp() {
@@ -108,20 +178,43 @@ void FurnishTcp() {
     }
 }
 
+pid_t spawned = -1;
+
+void SpawnService(Outcome& outcome, unsigned int port) {
+    spawned = -1;
+    spawned = Service().SpawnPodmanService(port);
+    outcome.Add("%s", spawned > 0 ? "spawned" : spawned == -1 ? "not spawned" : "WRONG id");
+}
+
+void InspectService(Outcome& outcome) {
+    int status = 0;
+    if (spawned > 0 && kill(spawned, SIGTERM) == 0 && waitpid(spawned, &status, 0) == spawned) {
+        outcome.Add(", ended by signal %d", WTERMSIG(status));
+    }
+}
+
 // --- Requests ---
 
 class CountingSocket : public QxNSmartWebApi::QxCWebSocket {
 public:
     int sendBinary(QxCErrorListPool&, const unsigned char*, unsigned int length, int, bool) override {
         bytes += length;
+        if (closes) {
+            QxCContainer::LogStreamCloseHandler(nullptr, 0, this);
+        }
         return 0;
     }
     unsigned int bytes = 0;
+    bool closes = false;  ///< with the first message
 };
+
+CountingSocket logSocket;
+std::shared_ptr<QxCContainer::QxSLogStreamSession> logSession;
 
 struct RequestArguments {
     std::string endpoint = "/echo";
     std::string container = "clock";
+    std::string terminal = "terminal";
     std::string file = "/upload";
     std::string none;
     std::vector<std::string> headers{"Accept: application/json",
@@ -141,19 +234,45 @@ void Request(Outcome& outcome, QxCCurlHandler::MethodType method, bool upload, b
     outcome.Add("code %d, %zu bytes", response.httpCode, response.body.size());
 }
 
-void Stream(Outcome& outcome) {
+struct StreamArguments {
+    std::string container = "clock";
+    std::string endpoint = "/logs";
+    bool closes = false;
+};
+
+void Stream(Outcome& outcome, const StreamArguments& stream) {
     static const RequestArguments arguments;
-    static const std::string endpoint = "/logs";
-    static CountingSocket socket;
     static QxCErrorListPool& errors = *QxCErrorManager::getSingleton()->createErrorList(0, 1, 20, 5, 300);
-    socket.bytes = 0;
+    logSocket.bytes = 0;
+    logSocket.closes = stream.closes;
     struct Registration {
-        ~Registration() { Service().UnregisterLogStreamSession(&socket); }
+        ~Registration() { Service().UnregisterLogStreamSession(&logSocket); }
     } registration;
-    const auto session = Service().RegisterLogStreamSession(&socket, arguments.container);
+    const auto session = Service().RegisterLogStreamSession(&logSocket, stream.container);
     const PodmanResponse response = Service().StreamPodmanRequest(
-        endpoint, QxCCurlHandler::Get, arguments.headers, errors, session, &socket);
-    outcome.Add("code %d, %u bytes", response.httpCode, socket.bytes);
+        stream.endpoint, QxCCurlHandler::Get, arguments.headers, errors, session, &logSocket);
+    outcome.Add("%scode %d, %u bytes%s", session->tty ? "tty, " : "", response.httpCode, logSocket.bytes,
+                session->abortFlag ? ", aborted" : "");
+}
+
+void PrepareClose() {
+    PrepareSettings();
+    logSession = Service().RegisterLogStreamSession(&logSocket, "clock");
+}
+
+/// As the WebSocket layer calls it, also for what has no session.
+void CloseStreams(Outcome& outcome) {
+    static CountingSocket unknown;
+    QxCContainer::LogStreamCloseHandler(nullptr, 0, nullptr);
+    QxCContainer::LogStreamCloseHandler("text", 4, &unknown);
+    outcome.Add("%s", logSession->abortFlag ? "TOO EARLY, " : "");
+    QxCContainer::LogStreamCloseHandler("text", 4, &logSocket);
+    outcome.Add("%s", logSession->abortFlag ? "aborted" : "goes on");
+}
+
+void ReleaseClose() {
+    Service().UnregisterLogStreamSession(&logSocket);
+    logSession.reset();
 }
 
 void Handler(Outcome& outcome) {
@@ -169,6 +288,27 @@ void Handler(Outcome& outcome) {
     handler.SetPayload(payload);
     const std::string body = handler.Execute();
     outcome.Add("code %d, %zu bytes", handler.GetHttpCode(), body.size());
+}
+
+/// @param before  whether the request is aborted before it begins, not at the first bytes of the answer
+void AbortedHandler(Outcome& outcome, bool before) {
+    static const std::string url = "http://localhost/endless/logs";
+    static std::atomic<bool> abort;
+    static size_t bytes;
+    abort = before;
+    bytes = 0;
+    QxCCurlHandler handler;
+    handler.SetUnixSocket(Board::PODMAN_SOCKET);
+    handler.SetMethodType(QxCCurlHandler::Get);
+    handler.SetUrl(url);
+    handler.SetStreamCallback([](const char*, size_t length) {
+        bytes += length;
+        abort = true;
+        return length;
+    });
+    handler.SetAbortFlag(&abort);
+    const std::string body = handler.Execute();
+    outcome.Add("code %d, %zu bytes", handler.GetHttpCode(), bytes);
 }
 
 // --- Compose ---
@@ -204,13 +344,26 @@ void Compose(Outcome& outcome, int (QxCContainer::*operation)(const char*, QxNJs
 std::unique_ptr<LoopDevices> loopDevices;  // for one run only: others on this machine wait for their turn
 std::string pluginImage;
 
+void MakePluginImage() {
+    Sandbox::WriteFile("/image/init.sh", "echo init >> /initialised\n");
+    pluginImage = PluginMaker::ImageOf("/image");
+}
+
 void FurnishPlugins() {
     OwnMounts();
     Board::MountUserStorage();
     Board::WriteSettings(R"({"enabled": true})");
     fs::create_directories("/userstorage1/container_rte");
-    Sandbox::WriteFile("/image/init.sh", "echo init >> /initialised\n");
-    pluginImage = PluginMaker::ImageOf("/image");
+    MakePluginImage();
+}
+
+/// A container system whose loop devices are those of the machine.
+void FurnishInitWithPlugin() {
+    OwnMounts();
+    Board::MountUserStorage();
+    Recording::TheScript().mounts = {{"/userstorage1", "/dev/sda1", 2}};
+    FurnishPrograms();
+    MakePluginImage();
 }
 
 void PlacePlugin(const std::string& directory) {
@@ -242,6 +395,7 @@ void InspectConfig(Outcome& outcome) {
 }
 
 void PrepareLoad() {
+    fs::create_directories("/userstorage1/container_rte");
     fs::remove_all("/mnt/crp_network");
     fs::remove("/initialised");
     loopDevices = std::make_unique<LoopDevices>();
@@ -260,22 +414,31 @@ void InspectLoad(Outcome& outcome) {
                 loopDevices->Bound().size(), fs::exists("/initialised") ? "ran" : "did not run");
 }
 
+void InspectInit(Outcome& outcome) {
+    InspectSettings(outcome);
+    InspectLoad(outcome);
+}
+
 std::vector<Operation> MakeOperations() {
     using Method = QxCCurlHandler;
     std::vector<Operation> all;
     const auto add = [&](Operation operation) { all.push_back(std::move(operation)); };
 
-    add({"instance", FurnishBoard, PrepareSettings,
+    add({"instance", FurnishBoard, [] { WriteSettings(true, 8080, ContainerServiceState::Stopped); },
          [](Outcome& o) {
              Service();
              o.Add("made");
+             InspectMemory(o);
          },
-         InspectSettings, [] {}, true});
+         InspectFile, [] {}, true});
     add({"init", FurnishBoard, PrepareInit, [](Outcome& o) { o.Add("%s", Word(Service().init())); },
-         [](Outcome& o) {
-             o.Add(", state %d", Service().GetContainerServiceStatus(false));
-             InspectSettings(o);
-         }});
+         InspectSettings});
+    add({"init-plugin", FurnishInitWithPlugin,
+         [] {
+             PrepareInit();
+             PrepareLoad();
+         },
+         [](Outcome& o) { o.Add("%s", Word(Service().init())); }, InspectInit, [] { loopDevices.reset(); }});
     add({"start-stop", FurnishBoard, PrepareSettings, StartAndStop, StopAgain});
     add({"start-stop-tcp", FurnishTcp,
          [] {
@@ -290,7 +453,17 @@ std::vector<Operation> MakeOperations() {
              Service().SetContainerServiceUserSettings({8080, 1});
          },
          StartAndStop, StopAgain});
-    add({"enable", FurnishBoard, PrepareSettings,
+    add({"spawn-service", FurnishBoard, PrepareSettings, [](Outcome& o) { SpawnService(o, 0); },
+         InspectService});
+    add({"spawn-service-tcp", FurnishTcp, PrepareSettings, [](Outcome& o) { SpawnService(o, 8080); },
+         InspectService});
+    add({"spawn-service-no-tls", FurnishTcp,
+         [] {
+             PrepareSettings();
+             fs::remove(Board::CONTAINER_CERTS_DIR + "/server.key");
+         },
+         [](Outcome& o) { SpawnService(o, 8080); }, InspectService});
+    add({"enable", FurnishBoard, PrepareDisabled,
          [](Outcome& o) { o.Add("%s", Word(Service().EnableContainerService())); }, InspectSettings});
     add({"disable", FurnishBoard, PrepareSettings,
          [](Outcome& o) { o.Add("%s", Word(Service().DisableContainerService())); }, InspectSettings});
@@ -299,7 +472,15 @@ std::vector<Operation> MakeOperations() {
              o.Add("%s", Word(Service().SetContainerServiceUserSettings({8080, 2})));
          },
          InspectSettings});
-    add({"queries", FurnishBoard, PrepareSettings, [](Outcome& o) {
+    add({"core-counts", FurnishBoard, PrepareCoreCounts, ExtractCoreCounts, InspectCoreCounts});
+    add({"core-counts-unknown", FurnishBoard,
+         [] {
+             Recording::TheScript().coreCountFails = false;
+             PrepareCoreCounts();
+             Recording::TheScript().coreCountFails = true;
+         },
+         ExtractCoreCounts, InspectCoreCounts});
+    add({"queries", FurnishBoard, PrepareChangedFile, [](Outcome& o) {
              const bool enabled = Service().IsContainerServiceEnabled(true);
              const int state = Service().GetContainerServiceStatus(true);
              o.Add("enabled %s, state %d, port %u, at most %u cores", Word(enabled), state,
@@ -307,8 +488,7 @@ std::vector<Operation> MakeOperations() {
                    Service().GetMaxAllowedCpuCoreCount());
          }});
     add({"is-container-system", FurnishBoard, PrepareSettings,
-         [](Outcome& o) { o.Add("%s", Word(Service().IsContainerSystem())); },
-         [](Outcome& o) { o.Add(", enabled %s", Word(Service().IsContainerServiceEnabled(false))); }});
+         [](Outcome& o) { o.Add("%s", Word(Service().IsContainerSystem())); }, InspectSettings});
     add({"user-storage", FurnishBoard, PrepareSettings, [](Outcome& o) {
              std::string reason;
              const bool valid = Service().HasValidUserStorage(&reason);
@@ -339,6 +519,19 @@ std::vector<Operation> MakeOperations() {
          },
          [](Outcome& o) { o.Add("%s", Word(Service().TriggerInventoryTreeScan())); }});
 
+    add({"inventory-unknown", FurnishBoard,
+         [] {
+             fs::remove(Board::CONTAINER_TOOLS);
+             Recording::TheScript().processes.clear();
+         },
+         [](Outcome& o) { o.Add("%s", Word(Service().TriggerInventoryTreeScan())); }});
+    add({"inventory-image", FurnishBoard,
+         [] {
+             Sandbox::WriteFile(Board::CONTAINER_TOOLS, "image");
+             Recording::TheScript().processes["QxInventoryManager"] = 7;
+         },
+         [](Outcome& o) { o.Add("%s", Word(Service().TriggerInventoryTreeScan())); }});
+
     add({"get", FurnishRequests, PrepareSettings, [](Outcome& o) { Request(o, Method::Get, false, false); }});
     add({"delete", FurnishRequests, PrepareSettings,
          [](Outcome& o) { Request(o, Method::Delete, false, false); }});
@@ -356,8 +549,31 @@ std::vector<Operation> MakeOperations() {
              static const RequestArguments arguments;
              o.Add("%s", Word(Service().IsContainerTty(arguments.container)));
          }});
-    add({"stream", FurnishRequests, PrepareSettings, Stream});
+    add({"tty-terminal", FurnishRequests, PrepareSettings, [](Outcome& o) {
+             static const RequestArguments arguments;
+             o.Add("%s", Word(Service().IsContainerTty(arguments.terminal)));
+         }});
+    add({"stream", FurnishRequests, PrepareSettings, [](Outcome& o) {
+             static const StreamArguments arguments;
+             Stream(o, arguments);
+         }});
+    add({"stream-terminal", FurnishRequests, PrepareSettings, [](Outcome& o) {
+             static const StreamArguments arguments{"terminal", "/logs", false};
+             Stream(o, arguments);
+         }});
+    add({"stream-closed", FurnishRequests, PrepareSettings, [](Outcome& o) {
+             static const StreamArguments arguments{"clock", "/endless/logs", true};
+             Stream(o, arguments);
+         }});
+    add({"stream-terminal-closed", FurnishRequests, PrepareSettings, [](Outcome& o) {
+             static const StreamArguments arguments{"terminal", "/endless/logs", true};
+             Stream(o, arguments);
+         }});
+    add({"close-handler", FurnishRequests, PrepareClose, CloseStreams, [](Outcome&) {}, ReleaseClose});
     add({"curl-handler", FurnishRequests, PrepareSettings, Handler});
+    add({"curl-aborted", FurnishRequests, PrepareSettings, [](Outcome& o) { AbortedHandler(o, false); }});
+    add({"curl-aborted-before", FurnishRequests, PrepareSettings,
+         [](Outcome& o) { AbortedHandler(o, true); }});
 
     add({"compose-create", FurnishCompose, PrepareCompose("", "created"),
          [](Outcome& o) { Compose(o, &QxCContainer::CreateCompose); }});

@@ -33,7 +33,8 @@ struct Operation {
     std::function<void(Outcome&)> inspect = [](Outcome&) {};
     /// Gives back what prepare() took for this run only.
     std::function<void()> release = [] {};
-    /// Whether the operation's first call in a process is meant, with everything that is made only once.
+    /// Whether the operation's first call in a process is meant, with everything that is made only once. It is
+    /// then run once more without failing calls, and may leave as much memory as when nothing fails.
     bool isCold = false;
 };
 

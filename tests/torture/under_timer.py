@@ -4,13 +4,28 @@
 Usage: under_timer.py TIMER-LIBRARY EXCEPTIONS PROGRAM...
 
 EXCEPTIONS lists the tests that are left out, one a line, with the reason behind a '#'. One that does not exist is an
-error.
+error. Of the programs that a test starts only the tools are interrupted, too.
 """
 
 import concurrent.futures
 import os
+import re
 import subprocess
 import sys
+
+TOOLS = ["crp", "qxctl"]
+
+# The tests' own functions, and the blocking sockets of the clients and servers that they are made of.
+TESTS = re.compile(
+    r"""^(
+        .*_Test::TestBody | .*Test::.* | testing::.* | main$ | \(anonymous\ namespace\)::.*
+        | (Sandbox|ToolRun|CtlRun)::.*
+        | .*(ScriptedServer|ScriptedDaemon|HttpClient|WebSocketClient|TestServer|LoopDevices|Terminal|RequestReader).*
+        | .*boost::asio::detail::(socket_ops|reactive_socket_service).*
+    )""", re.VERBOSE)
+
+# Those of the library that report it when a signal interrupts their read or wait.
+REPORTING = re.compile(r"CRP::QxCRPLoader::|QxCComposeFileHandler::|QxNContainer::|QxNSupport::ReapWithin")
 
 
 def tests_of(program):
@@ -26,8 +41,33 @@ def tests_of(program):
     return names
 
 
-def run(program, test, library):
-    environment = dict(os.environ, LD_PRELOAD=library)
+def functions_of(program):
+    """Address, size and name of every function."""
+    symbols = subprocess.run(["nm", "-C", "-S", "--defined-only", program], check=True, capture_output=True,
+                             text=True).stdout
+    lines = (line.split(" ", 3) for line in symbols.splitlines())
+    return [(int(line[0], 16), int(line[1], 16), line[3]) for line in lines if len(line) == 4 and line[2] in "tTwWuU"]
+
+
+def addresses(functions, names):
+    """Where the functions of these names lie, as "FROM-TO FROM-TO ...", relative to the program."""
+    joined = []
+    for begin, size, _ in sorted(function for function in functions if names.match(function[2])):
+        if joined and begin <= joined[-1][1] + 16:
+            joined[-1][1] = max(begin + size, joined[-1][1])
+        else:
+            joined.append([begin, begin + size])
+    return " ".join(f"{begin:x}-{end:x}" for begin, end in joined)
+
+
+def environment_of(program, library):
+    functions = functions_of(program)
+    return dict(os.environ, LD_PRELOAD=library, QX_TIMER_TESTS=addresses(functions, TESTS),
+                QX_TIMER_REPORTING=addresses(functions, REPORTING),
+                QX_TIMER_PROGRAMS=" ".join([os.path.basename(program)] + TOOLS))
+
+
+def run(program, test, environment):
     try:
         ended = subprocess.run([program, "--gtest_filter=" + test], env=environment, timeout=120, text=True,
                                errors="replace", stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
@@ -41,6 +81,7 @@ def main():
     library, exceptions_file, programs = sys.argv[1], sys.argv[2], sys.argv[3:]
     with open(exceptions_file, encoding="utf-8") as lines:
         exceptions = {line.split("#")[0].strip() for line in lines} - {""}
+    environments = {program: environment_of(program, library) for program in programs}
     tests = [(program, test) for program in programs for test in tests_of(program)]
     unknown = exceptions - {test for _, test in tests}
     tests = [(program, test) for program, test in tests if test not in exceptions]
@@ -49,7 +90,7 @@ def main():
     failed = []
     # Most of a test's time goes into waiting.
     with concurrent.futures.ThreadPoolExecutor(max_workers=2 * os.cpu_count()) as workers:
-        results = workers.map(lambda item: run(*item, library), tests)
+        results = workers.map(lambda item: run(*item, environments[item[0]]), tests)
         for number, ((program, test), (code, output)) in enumerate(zip(tests, results), 1):
             if code != 0:
                 failed.append(test)

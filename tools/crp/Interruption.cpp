@@ -42,7 +42,7 @@ int Interruption::WaitFor(pid_t child) const {
         const int signal = sigwaitinfo(&awaited, nullptr);
         if (signal > 0 && signal != SIGCHLD) {
             kill(child, SIGKILL);
-            waitpid(child, nullptr, 0);
+            TEMP_FAILURE_RETRY(waitpid(child, nullptr, 0));
             throw Interrupted{signal};
         }
     }

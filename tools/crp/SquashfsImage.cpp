@@ -100,7 +100,7 @@ LookupResult Find(const std::string& file, const std::string& path) {
         }
     });
     int status = 0;
-    if (waitpid(listing.pid, &status, 0) < 0 || status != 0) {
+    if (TEMP_FAILURE_RETRY(waitpid(listing.pid, &status, 0)) < 0 || status != 0) {
         return {Lookup::Unreadable};
     }
     return result;
