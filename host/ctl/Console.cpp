@@ -62,7 +62,7 @@ std::string Console::Styled(std::string_view text, Style style) const {
 
 void Console::Write(std::string_view text) const {
     _waiting += text;
-    if (_waiting.size() >= LongestWaiting) {
+    if (_isTerminal || _waiting.size() >= LongestWaiting) {
         Flush();
     }
 }
