@@ -139,6 +139,26 @@ protected:
     TcpOnBoard() : ApiOnBoard({"--tcp-port", "8443"}) {}
 };
 
+class OneRestart : public ApiOnBoard {
+protected:
+    OneRestart() : ApiOnBoard({"--restart-limit", "1"}) {}
+};
+
+TEST_F(OneRestart, IsAllWhenOneIsTheLimit) {
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    Output("pkill -KILL -f '[p]odman system service'");
+    ASSERT_TRUE(Eventually([] { return Restarts() == 1 && State() == "running"; }));
+    Output("pkill -KILL -f '[p]odman system service'");
+
+    ASSERT_TRUE(Becomes("failed"));
+    EXPECT_THAT(Problem(), HasSubstr("Podman is gone"));
+    EXPECT_THAT(
+        Problem(),
+        HasSubstr("After so many restarts in a row it is not started again; start the service by hand."));
+    EXPECT_EQ(Post("/service/start").status, 200);
+    EXPECT_EQ(Ask("/service").Json()["restarts"]["inARow"], 0);
+}
+
 TEST_F(TcpOnBoard, IsWatchedToo) {
     EXPECT_EQ(Checks().Verdict("tcp"), "ok");
     // One that ends right after its start would not be started again.
