@@ -224,7 +224,8 @@ private:
     MessageFollower _messages{server.io, "/run/messages"};
     LogHub _logs{QxNContainer::QxCContainer::GetInstance()};
     StreamThreads _streams{4};
-    Ground _ground{_keeper, _messages, _logs, _streams, server.tokens, _workers, _workers, _workers, "", "", 0};
+    Ground _ground{_keeper, _messages, _logs, _streams, server.tokens, _workers, _workers, _workers,
+                   "",      "",        "",    0};
 };
 
 void LineOurs(benchmark::State& state) {

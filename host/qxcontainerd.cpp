@@ -95,7 +95,8 @@ private:
             co_return;
         }
         _ground.emplace(Ground{_keeper, _messages, *_logs, _streams, _tokens, _workers, _podman, _compose,
-                               _options.server.page, _options.server.certificate, _options.largestUpload});
+                               _options.server.page, _options.server.certificate, _options.server.key,
+                               _options.largestUpload});
         _router = MakeRouter(*_ground);
         // Before anything is started: an address that cannot be had must leave nothing behind.
         std::optional<QxNHttp::Server> server;

@@ -186,10 +186,9 @@ Owner FromPem(const std::string& path, Read read, Free free) {
 }
 
 /// @return whether the server's key is a key, and that of its certificate
-bool IsKeyRight() {
-    const std::string directory = paths::CONTAINER_CERTS_DIR;
-    const auto key = FromPem<Key>(directory + "/server.key", PEM_read_PrivateKey, EVP_PKEY_free);
-    const auto certificate = FromPem<Certificate>(directory + "/server.crt", PEM_read_X509, X509_free);
+bool IsKeyRight(const std::string& keyFile, const std::string& certificateFile) {
+    const auto key = FromPem<Key>(keyFile, PEM_read_PrivateKey, EVP_PKEY_free);
+    const auto certificate = FromPem<Certificate>(certificateFile, PEM_read_X509, X509_free);
     return key && certificate && X509_check_private_key(certificate.get(), key.get()) == 1;
 }
 
@@ -213,15 +212,17 @@ std::string ValidityText(const std::optional<int>& days) {
 
 const char* VerdictOf(int days) { return days < 0 ? Error : days < SoonDays ? Warning : Ok; }
 
-Check CheckOwnCertificate(const std::string& path) {
+Check CheckOwnCertificate(const std::string& path, const std::string& key) {
     const std::string title = "Certificate of this interface";
     if (path.empty()) {
         return {"own-certificate", title, Ok, "not needed: TLS is not spoken"};
     }
     const auto days = DaysLeft(path);
-    const char* const verdict = VerdictOf(days.value_or(-1));
-    return {"own-certificate", title, verdict, path + ValidityText(days),
-            verdict == Ok ? "" : "Replace the file and its key; the daemon takes the new ones by itself."};
+    const bool fits = IsKeyRight(key, path);
+    const char* const verdict = fits ? VerdictOf(days.value_or(-1)) : Error;
+    return {"own-certificate", title, verdict,
+            path + ValidityText(days) + (fits ? "" : ", " + key + " is not its key: the pair before is used"),
+            verdict == Ok ? "" : "Replace both files; the daemon takes new ones that fit by itself."};
 }
 
 Check CheckCertificates(unsigned tcpPort) {
@@ -251,7 +252,7 @@ Check CheckCertificates(unsigned tcpPort) {
         found += (found.empty() ? "" : ", ") + std::string(name) + ValidityText(days);
         least = std::min(least, days.value_or(-1));
     }
-    if (!IsKeyRight()) {
+    if (!IsKeyRight(paths::CONTAINER_CERTS_DIR + "/server.key", paths::CONTAINER_CERTS_DIR + "/server.crt")) {
         found += ", server.key is not the key of server.crt";
         least = -1;
     }
@@ -427,7 +428,8 @@ QxNHttp::Task<json> CheckBoard(Ground& ground) {
         return ToJson({CheckEnabled(service), CheckUserStorage(service), CheckFirmware(), CheckMount(),
                        CheckLinks(), CheckCoreSettings(settings.coresNum, most),
                        CheckCpuSet(settings.coresNum), podman, tcp, CheckCertificates(settings.tcpPort),
-                       CheckOwnCertificate(ground.certificate), CheckSpace(service), CheckVersions(),
+                       CheckOwnCertificate(ground.certificate, ground.certificateKey), CheckSpace(service),
+                       CheckVersions(),
                        plugins
                            ? CheckPlugins(*plugins)
                            : Check{"plugins", "Plugins", Unknown, "the service is just starting or stopping"},

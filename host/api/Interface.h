@@ -31,7 +31,8 @@ struct Ground {
     boost::asio::thread_pool& compose;  ///< for operations on projects, which take minutes
     std::string page;                   ///< the page's directory
     std::string certificate;            ///< of the interface; empty without TLS
-    std::uint64_t largestUpload;        ///< bytes
+    std::string certificateKey;
+    std::uint64_t largestUpload;  ///< bytes
     std::set<std::string> busyProjects = {};
     /// Plugins by name and version that were activated or deactivated since the start: whether they are deactivated.
     std::map<std::pair<std::string, std::string>, bool> switchedPlugins = {};

@@ -82,10 +82,20 @@ Task<Reply> Download(Ground& ground, Request& request) {
     const std::string tail = TailText(request, "all");
     const bool hasTimestamps = request.Flag("timestamps", false);
     const PodmanAsk inspection(ContainerState::Endpoint(container));
-    const PodmanResponse answer = co_await AskPodman(ground, inspection);
-    const auto state = ContainerState::Read(answer.body);
+    std::optional<ContainerState> state;
+    try {
+        const PodmanResponse answer = co_await AskPodman(ground, inspection);
+        state = ContainerState::Read(answer.body);
+    } catch (const Problem& problem) {
+        if (problem.status != Status::not_found) {
+            throw;
+        }
+    }
+    if (!state) {
+        throw Problem(Status::not_found, "There is no such container.");
+    }
     const auto download = std::make_shared<LogDownload>(co_await boost::asio::this_coro::executor,
-                                                        state && state->hasTerminal, hasTimestamps);
+                                                        state->hasTerminal, hasTimestamps);
     if (!download->Start(ground.streams, ground.keeper.Service(), container, tail)) {
         throw Problem(Status::service_unavailable, "There are too many streams of logs; try again later.");
     }

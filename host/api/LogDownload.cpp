@@ -8,6 +8,7 @@
 #include <array>
 #include <condition_variable>
 #include <mutex>
+#include <optional>
 
 using QxNContainer::QxCContainer;
 using QxNHttp::Problem;
@@ -27,15 +28,23 @@ struct LogDownload::Pipe final : QxNSmartWebApi::QxCWebSocket {
 
     /// Takes a line, or a part of one: parts of different streams come in turns.
     void Take(const LogParser::Piece& line, std::string& text) {
-        std::string& whole = begun[static_cast<size_t>(line.source)];
-        if (hasTimestamps && whole.empty()) {
+        const auto source = static_cast<size_t>(line.source);
+        std::string& whole = begun[source];
+        if (hasTimestamps && whole.empty() && given != source) {
             whole.append(line.timeText).append(" ");
         }
         whole.append(line.text);
         if (!line.isPartial || whole.size() >= LongestLine) {
-            text.append(whole).append("\n");
-            whole.clear();
+            Give(source, text);
+            given = line.isPartial ? std::optional(source) : std::nullopt;
+            text.append(line.isPartial ? "" : "\n");
         }
+    }
+
+    void Give(size_t source, std::string& text) {
+        text.append(given && given != source ? "\n" : "").append(begun[source]);
+        begun[source].clear();
+        given = source;
     }
 
     int sendBinary(QxCErrorListPool&, const unsigned char* data, unsigned int length, int, bool) override {
@@ -68,8 +77,10 @@ struct LogDownload::Pipe final : QxNSmartWebApi::QxCWebSocket {
         }
         service.UnregisterLogStreamSession(this);
         const std::lock_guard lock(mutex);
-        for (const std::string& line : begun) {
-            waiting += line;
+        for (size_t source = 0; source < begun.size(); ++source) {
+            if (!begun[source].empty()) {
+                Give(source, waiting);
+            }
         }
         hasEnded = true;
         httpCode = response.httpCode;
@@ -80,6 +91,7 @@ struct LogDownload::Pipe final : QxNSmartWebApi::QxCWebSocket {
     const bool hasTimestamps;
     LogParser parser;
     std::array<std::string, 3> begun;  ///< lines without an end yet, by source
+    std::optional<size_t> given;  ///< the source of a line whose beginning was given, because it is too long
     std::mutex mutex;
     std::condition_variable room;
     std::string waiting;

@@ -49,6 +49,7 @@ Task<Reply> Upload(Ground& ground, Request& request) {
     QxNHttp::UploadedFile visible(Directory() + "/" + visibleName, file.Size());
     const json found = co_await Rescan(ground);
     if (FindFile(found, visibleName).is_null()) {
+        co_await OnWorker(ground, [&] { visible.Remove(); });
         throw Problem(Status::unprocessable_entity,
                       "This is no plugin file: it does not end in a plugin's trailer. Nothing was kept.");
     }
@@ -59,7 +60,9 @@ Task<Reply> Upload(Ground& ground, Request& request) {
 
 Task<Reply> Remove(Ground& ground, const std::string& name) {
     FileName(name);
-    RemoveFile(Directory() + "/" + name, "There is no plugin file '" + name + "' in the user directory.");
+    co_await OnWorker(ground, [&] {
+        RemoveFile(Directory() + "/" + name, "There is no plugin file '" + name + "' in the user directory.");
+    });
     co_await Rescan(ground);
     co_return Reply::Empty();
 }

@@ -7,9 +7,11 @@
 #include "Text.h"
 #include "Tool.h"
 
+#include <algorithm>
 #include <deque>
 #include <string>
-#include <unordered_set>
+#include <utility>
+#include <vector>
 
 using Answers::Value;
 
@@ -17,7 +19,7 @@ namespace {
 
 /// Most that the daemon gives at once.
 constexpr const char* LargestTail = "10000";
-constexpr size_t MostMessages = 10000;
+constexpr size_t MostCompared = 100;
 
 struct Severity {
     std::string word;
@@ -63,28 +65,51 @@ public:
     Next Show(const Value& message) override {
         const std::string type = Answers::Text(message, "type");
         if (type == "messages") {
-            for (const Value& each : Answers::Array(message, "messages")) {
-                ShowNew(each);
-            }
+            ShowNew(Answers::Array(message, "messages"));
             _tool.console.Flush();
         }
         return type == "end" ? Next::ConnectAgain : Next::GoOn;
     }
 
-    /// After a break all messages that are there come again.
-    void OnConnected() override { _again = {_shown.begin(), _shown.end()}; }
+    /// After a break all messages that are there come again, in one answer.
+    void OnConnected() override { _hasBreak = !_shown.empty(); }
 
 private:
-    void ShowNew(const Value& message) {
-        // By all that they say: the board's clock may have been set back.
-        std::string text = QxNJson::json(message).dump();
-        const auto known = _again.find(text);
-        if (known != _again.end()) {
-            _again.erase(known);
-            return;
+    template <typename Messages>
+    void ShowNew(const Messages& messages) {
+        std::vector<std::string> texts;
+        for (const Value& each : messages) {
+            texts.push_back(QxNJson::json(each).dump());
         }
+        size_t at = std::exchange(_hasBreak, false) ? BehindTheKnown(texts) : 0;
+        for (const Value& each : messages) {
+            if (at == 0) {
+                Print(each);
+            } else {
+                --at;
+            }
+        }
+    }
+
+    /// By all that they say: the board's clock may have been set back.
+    /// @return how many of them come up to the last one that was shown; 0 when that is not among them
+    size_t BehindTheKnown(const std::vector<std::string>& texts) const {
+        for (size_t count = texts.size(); count > 0; --count) {
+            // Several that say the same: as many lines before it have to be the same too.
+            const size_t compared = std::min({count, _shown.size(), MostCompared});
+            if (std::equal(texts.begin() + static_cast<std::ptrdiff_t>(count - compared),
+                           texts.begin() + static_cast<std::ptrdiff_t>(count),
+                           _shown.end() - static_cast<std::ptrdiff_t>(compared))) {
+                return count;
+            }
+        }
+        return 0;
+    }
+
+    void Print(const Value& message) {
+        std::string text = QxNJson::json(message).dump();
         _shown.push_back(std::move(text));
-        if (_shown.size() > MostMessages) {
+        if (_shown.size() > MostCompared) {
             _shown.pop_front();
         }
         if (_tool.json) {
@@ -97,7 +122,7 @@ private:
     const std::string _tail;
     const Tool& _tool;
     std::deque<std::string> _shown;
-    std::unordered_multiset<std::string> _again;  ///< those of them that may still come again
+    bool _hasBreak = false;  ///< since the last of them
 };
 
 void PrintMessages(const Tool& tool, const Value& answer) {

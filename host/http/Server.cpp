@@ -201,6 +201,11 @@ struct Server::Impl : std::enable_shared_from_this<Impl> {
         if (!error) {
             context.use_private_key_file(options.key, asio::ssl::context::pem, error);
         }
+        // A key of another kind does not show before.
+        if (!error && SSL_CTX_check_private_key(context.native_handle()) != 1) {
+            error =
+                boost::system::error_code(static_cast<int>(ERR_get_error()), asio::error::get_ssl_category());
+        }
         if (error) {
             throw std::runtime_error("the certificate " + options.certificate + " and its key " +
                                      options.key + " cannot be used: " + error.message());

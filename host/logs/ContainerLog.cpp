@@ -91,12 +91,16 @@ ContainerLog::Ending ContainerLog::TheEnding() const {
     return _ending;
 }
 
-bool ContainerLog::HasSettled(const LogMark& mark) const {
-    return _isReady || (_ring.Begin() != _ring.End() && _ring.At(_ring.End() - 1)->mark.time > mark.time) ||
-           _ring.After(mark).has_value();
+bool ContainerLog::HasSettled(const std::optional<LogMark>& mark) const {
+    const bool isEmpty = _ring.Begin() == _ring.End();
+    if (_isReady || !mark) {
+        return _isReady || !isEmpty;
+    }
+    return (!isEmpty && _ring.At(_ring.End() - 1)->mark.time > mark->time) ||
+           _ring.After(*mark).has_value();
 }
 
-bool ContainerLog::Knows(const LogMark& mark) const {
+bool ContainerLog::Knows(const std::optional<LogMark>& mark) const {
     const std::lock_guard lock(_mutex);
     return HasSettled(mark);
 }
@@ -120,7 +124,8 @@ void ContainerLog::NotifyOnce(const void* viewer, std::uint64_t position, std::f
     CallWhen([&] { return position < _ring.End() || _hasEnded; }, viewer, std::move(callback));
 }
 
-void ContainerLog::NotifyWhenKnown(const void* viewer, const LogMark& mark, std::function<void()> callback) {
+void ContainerLog::NotifyWhenKnown(const void* viewer, const std::optional<LogMark>& mark,
+                                   std::function<void()> callback) {
     CallWhen([&] { return HasSettled(mark); }, viewer, std::move(callback));
 }
 

@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -57,10 +58,12 @@ public:
     /// Calls back once as soon as there is something at the position; at once when there is something already.
     /// @param viewer  key of the call; a second one takes the place of the first
     void NotifyOnce(const void* viewer, std::uint64_t position, std::function<void()> callback);
-    /// @return whether After() can tell for good: the line is there, or it will not come any more
-    bool Knows(const LogMark& mark) const;
+    /// @return whether After() can tell for good: the line is there, or it will not come any more; without a mark,
+    ///         whether Tail() can
+    bool Knows(const std::optional<LogMark>& mark) const;
     /// Calls back once, perhaps early, when Knows() may have become true.
-    void NotifyWhenKnown(const void* viewer, const LogMark& mark, std::function<void()> callback);
+    void NotifyWhenKnown(const void* viewer, const std::optional<LogMark>& mark,
+                         std::function<void()> callback);
     /// Forgets the viewer's call.
     void Forget(const void* viewer);
 
@@ -68,7 +71,7 @@ private:
     using Waiters = std::vector<std::pair<const void*, std::function<void()>>>;
 
     /// With the mutex held.
-    bool HasSettled(const LogMark& mark) const;
+    bool HasSettled(const std::optional<LogMark>& mark) const;
     template <typename Predicate>
     void CallWhen(Predicate isThere, const void* viewer, std::function<void()> callback);
     void MoveOut(const void* viewer, Waiters& target);

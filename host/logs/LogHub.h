@@ -67,7 +67,9 @@ private:
 
     const std::shared_ptr<ContainerLog> _log;
     const std::shared_ptr<void> _place;
-    std::optional<LogMark> _after;  ///< to be looked up as soon as the lines from before are there
+    // To be looked up as soon as the lines from before are there.
+    std::optional<LogMark> _after;
+    std::optional<size_t> _tail;
     std::uint64_t _position = 0;
     bool _hasStarted = false;
     bool _hasEnded = false;

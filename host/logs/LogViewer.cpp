@@ -11,7 +11,7 @@ LogViewer::LogViewer(std::shared_ptr<ContainerLog> log, std::shared_ptr<void> pl
     if (cursor && cursor->IsOf(_log->Id())) {
         _after = cursor->mark;
     } else {
-        _position = _log->Tail(cursor ? LogStart::All : start.tail);
+        _tail = cursor ? LogStart::All : start.tail;
     }
 }
 
@@ -31,7 +31,10 @@ std::optional<std::string> LogViewer::Next(size_t maxBytes) {
             return R"({"type":"skipped","count":-1})";
         }
     }
-    return _hasEnded || _after ? std::nullopt : FromLog(maxBytes);
+    if (_tail && _log->Knows(std::nullopt)) {
+        _position = _log->Tail(*std::exchange(_tail, std::nullopt));
+    }
+    return _hasEnded || _after || _tail ? std::nullopt : FromLog(maxBytes);
 }
 
 std::optional<std::string> LogViewer::FromLog(size_t maxBytes) {
@@ -67,8 +70,8 @@ std::string LogViewer::EndMessage() const {
 void LogViewer::NotifyOnce(std::function<void()> callback) {
     if (!_hasStarted) {
         callback();
-    } else if (_after) {
-        _log->NotifyWhenKnown(this, *_after, std::move(callback));
+    } else if (_after || _tail) {
+        _log->NotifyWhenKnown(this, _after, std::move(callback));
     } else if (!_hasEnded) {
         _log->NotifyOnce(this, _position, std::move(callback));
     }

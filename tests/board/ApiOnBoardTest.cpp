@@ -110,6 +110,10 @@ TEST_F(ApiOnBoard, GivesWholeLinesOfLogsAsText) {
         "podman run --network=none --name parts localhost/busybox:1 sh -c "
         "'printf be; sleep 0.3; echo other >&2; sleep 0.3; echo gun; printf open'");
     EXPECT_EQ(Ask("/containers/parts/logs").text, "other\nbegun\nopen");
+    Output(
+        "podman run --network=none --name large localhost/busybox:1 sh -c "
+        "'head -c 100000 /dev/zero | tr \"\\0\" x; echo; printf out; printf err >&2'");
+    EXPECT_EQ(Ask("/containers/large/logs").text, std::string(100000, 'x') + "\nout\nerr");
 }
 
 TEST_F(ApiOnBoard, GivesLogsLive) {
@@ -375,14 +379,17 @@ TEST_F(ApiOnBoard, EndsInOrderAndLeavesNothing) {
 }
 
 TEST(ApiWithTls, IsSpokenWithACertificate) {
-    Daemon daemon({"--enable", "--certificate", "/opt/qx/share/certs/server.crt", "--key",
-                   "/opt/qx/share/certs/server.key"});
+    Output("cp /opt/qx/share/certs/server.* /run");
+    Daemon daemon({"--enable", "--certificate", "/run/server.crt", "--key", "/run/server.key"});
     ASSERT_TRUE(Becomes("running"));
     const std::string token =
         Post("/tokens", "-d '{\"name\":\"a\",\"right\":\"act\"}'").Json()["token"].get<std::string>();
     const std::string words = "--cacert /opt/qx/share/certs/ca.crt -H 'Authorization: Bearer " + token + "' ";
     EXPECT_EQ(Curl(words + "https://localhost:8089/api/v1/service").status, 200);
-    EXPECT_THAT(Ask("/check").text, HasSubstr("server.crt ends in"));
+    EXPECT_THAT(Ask("/check").text, HasSubstr("/run/server.crt ends in"));
+    Output("openssl genrsa -out /run/server.key 2>/dev/null");
+    EXPECT_THAT(Ask("/check").text, HasSubstr("/run/server.key is not its key: the pair before is used"));
+    EXPECT_EQ(Curl(words + "https://localhost:8089/api/v1/service").status, 200);
     EXPECT_EQ(Curl(words + "https://localhost:8089/api/v1/openapi.yaml").text, Ask("/openapi.yaml").text);
     EXPECT_NE(Curl("http://localhost:8089/api/v1/service").status, 200);
 }

@@ -23,11 +23,25 @@ struct Record {
     std::vector<std::string> opens;
 };
 
+/// @return the text at an address of this process, as the kernel sees it: the thread that it belongs to waits
+inline std::string TextAt(std::uint64_t address) {
+    char text[4096] = {};
+    const int memory = open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
+    // What lies behind it may not be there.
+    for (size_t length = 0; length + 1 < sizeof(text); ++length) {
+        if (pread(memory, text + length, 1, static_cast<off_t>(address + length)) != 1 || text[length] == '\0') {
+            break;
+        }
+    }
+    close(memory);
+    return text;
+}
+
 /// @return path, access, and "inherited" when programs that are started get the descriptor too
 inline std::string Describe(const seccomp_data& call) {
     constexpr const char* Access[] = {" read", " write", " read-write", " nothing"};
     const auto flags = static_cast<unsigned int>(call.args[2]);
-    return reinterpret_cast<const char*>(call.args[1]) + std::string(Access[flags & O_ACCMODE]) +
+    return TextAt(call.args[1]) + Access[flags & O_ACCMODE] +
            ((flags & O_CLOEXEC) != 0 ? "" : " inherited");
 }
 

@@ -92,9 +92,9 @@ TEST_F(CtlMessages, ComesBackWithoutDoubles) {
         live.Drop();
     });
     daemon.OnLive("/messages?tail=10000", [](ScriptedDaemon::Live& live) {
-        live.Send(Messages(
-            {Message(1, 1, "one"), Message(2, 1, "two"), Message(2, 1, "again"), Message(2, 1, "three")},
-            "messages"));
+        live.Send(Messages({Message(0, 1, "older than what was asked for at first"), Message(1, 1, "one"),
+                            Message(2, 1, "two"), Message(2, 1, "again"), Message(2, 1, "three")},
+                           "messages"));
         live.Drop();
     });
     daemon.OnLive("/messages?tail=10000", [](ScriptedDaemon::Live& live) {

@@ -338,6 +338,9 @@ TEST_F(LogHubs, GoOnAfterTheLastLineAlsoWhenPodmanIsSlow) {
     auto viewer = Watch({.after = last.Write()});
 
     EXPECT_THAT(viewer.Texts(5), ElementsAre("4", "5", "6", "7", "8"));
+    Serve(Few(100));
+    EXPECT_THAT(Watch({.tail = 2}).Texts(7), ElementsAre("2", "3", "4", "5", "6", "7", "8"))
+        << "not from the first one on";
 }
 
 // --- Errors ---

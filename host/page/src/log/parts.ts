@@ -41,7 +41,7 @@ export class LineJoiner {
                 lines.push(whole);
             }
         }
-        this.rearm();
+        this.arm();
         if (lines.length > 0) {
             this.give(lines);
         }
@@ -51,18 +51,18 @@ export class LineJoiner {
     flush(): void {
         const lines = [...this.open.values()];
         this.open.clear();
-        this.rearm();
+        this.arm();
         if (lines.length > 0) {
             this.give(lines);
         }
     }
 
-    private rearm(): void {
-        if (this.timer !== null) {
+    /** A running timer stays, whatever else comes: something open may have waited since it was set. */
+    private arm(): void {
+        if (this.timer !== null && this.open.size === 0) {
             this.timers.cancel(this.timer);
             this.timer = null;
-        }
-        if (this.open.size > 0) {
+        } else if (this.timer === null && this.open.size > 0) {
             this.timer = this.timers.later(() => {
                 this.timer = null;
                 this.flush();

@@ -63,6 +63,17 @@ describe("lines in parts", () => {
         expect(given[1]).toEqual([piece("ok", false)]);
     });
 
+    it("do not wait longer because more comes", () => {
+        joiner.take([piece(".", true)]);
+        joiner.take([piece(".", true), piece("other", false, "stderr")]);
+        joiner.take([piece(".", true)]);
+        expect(waiting).toHaveLength(1);
+        waiting.shift()?.();
+        expect(given).toEqual([[piece("other", false, "stderr")], [piece("...", true)]]);
+        joiner.take([piece(".", true)]);
+        expect(waiting).toHaveLength(1);
+    });
+
     it("are given when nothing more will come", () => {
         joiner.take([piece("rest", true)]);
         joiner.flush();
