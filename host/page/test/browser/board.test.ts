@@ -193,7 +193,11 @@ describeOnBoard("containers", () => {
         await run("page-ended", "exit 3");
         await run("page-running", "exec sleep 1000");
         const page = await enter("/containers");
-        await page.getByRole("row").filter({ hasText: "page-ended" }).getByText("exited", { exact: true }).waitFor();
+        await page
+            .getByRole("row")
+            .filter({ hasText: "page-ended" })
+            .getByText("exited", { exact: true })
+            .waitFor();
         await page.getByRole("button", { name: "Remove page-ended" }).click();
         await page.getByRole("button", { name: "Cancel" }).click();
         await page.getByRole("link", { name: "page-ended", exact: true }).waitFor();
