@@ -96,8 +96,7 @@ bool ContainerLog::HasSettled(const std::optional<LogMark>& mark) const {
     if (_isReady || !mark) {
         return _isReady || !isEmpty;
     }
-    return (!isEmpty && _ring.At(_ring.End() - 1)->mark.time > mark->time) ||
-           _ring.After(*mark).has_value();
+    return (!isEmpty && _ring.At(_ring.End() - 1)->mark.time > mark->time) || _ring.After(*mark).has_value();
 }
 
 bool ContainerLog::Knows(const std::optional<LogMark>& mark) const {
