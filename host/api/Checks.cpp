@@ -277,7 +277,7 @@ std::string AskVersion(const std::string& program) {
     for (std::string word; outcome.exitCode == 0 && words >> word;) {
         const size_t digits = word.find_first_of("0123456789");
         if (digits <= 1 && word.find('.') != std::string::npos) {
-            return word.substr(digits, word.find_last_not_of(",") - digits + 1);
+            return word.substr(digits, word.find_last_not_of(',') - digits + 1);
         }
     }
     return {};
@@ -303,7 +303,7 @@ std::string VersionOf(const std::string& program) {
             return known->second.version;
         }
     }
-    const std::string version = AskVersion(program);
+    std::string version = AskVersion(program);
     if (!version.empty()) {
         const std::lock_guard lock(mutex);
         versions[program] = {file, version};
@@ -315,6 +315,7 @@ Check CheckVersions() {
     const std::array programs{&paths::PODMAN, &paths::CRUN, &paths::CONMON, &paths::DOCKER_COMPOSE};
     // Side by side: one that hangs takes all of its time.
     std::vector<std::future<std::string>> versions;
+    versions.reserve(programs.size());
     for (const std::string* const program : programs) {
         versions.push_back(std::async(std::launch::async, VersionOf, *program));
     }
@@ -345,7 +346,7 @@ std::string WhySkipped(const json& plugin, const json& all) {
     }
     const bool isSuperseded = std::any_of(all.begin(), all.end(), [&](const auto& other) {
         return other["name"] == plugin["name"] && other["path"] != plugin["path"] &&
-               other["isLoaded"] == true;
+               other["isLoaded"] == json(true);
     });
     return isSuperseded ? "another file of the same plugin is loaded"
                         : "it came after the start, or its image or init command failed";

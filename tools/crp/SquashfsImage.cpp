@@ -29,7 +29,7 @@ void ForEachLine(int descriptor, const std::function<void(std::string_view)>& ta
         }
         pending.append(buffer.data(), static_cast<std::size_t>(count));
         std::size_t start = 0;
-        for (std::size_t end; (end = pending.find('\n', start)) != std::string::npos; start = end + 1) {
+        for (std::size_t end = 0; (end = pending.find('\n', start)) != std::string::npos; start = end + 1) {
             take(std::string_view(pending).substr(start, end - start));
         }
         pending.erase(0, start);
