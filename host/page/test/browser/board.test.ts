@@ -196,7 +196,7 @@ describeOnBoard("containers", () => {
         await page
             .getByRole("row")
             .filter({ hasText: "page-ended" })
-            .getByText("exited", { exact: true })
+            .getByText(/exited/)
             .waitFor();
         await page.getByRole("button", { name: "Remove page-ended" }).click();
         await page.getByRole("button", { name: "Cancel" }).click();
