@@ -111,6 +111,10 @@ TEST(ApiStart, CanBeTakenBackWhileItHangs) {
         "chmod +x /bin/podman");
     Daemon daemon({"--enable"});
     ASSERT_TRUE(Becomes("starting"));
+    EXPECT_TRUE(Eventually([] {
+        const Answer answer = Ask("/containers");
+        return answer.status == 503 && answer.Detail().find("just starting or stopping") != std::string::npos;
+    }));
     ASSERT_TRUE(Logged("Starting all containers"));
 
     EXPECT_EQ(Post("/service/stop").status, 200);
@@ -157,6 +161,36 @@ TEST_F(OneRestart, IsAllWhenOneIsTheLimit) {
         HasSubstr("After so many restarts in a row it is not started again; start the service by hand."));
     EXPECT_EQ(Post("/service/start").status, 200);
     EXPECT_EQ(Ask("/service").Json()["restarts"]["inARow"], 0);
+}
+
+TEST(LateRestart, NeedNotBeWaitedFor) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Daemon daemon({"--enable", "--restart-delay", "600", "--restart-delay-max", "600"});
+    ASSERT_TRUE(Becomes("running"));
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    Output("pkill -KILL -f '[p]odman system service'");
+    ASSERT_TRUE(Becomes("waiting"));
+    EXPECT_FALSE(Ask("/service").Json()["restarts"]["nextAt"].is_null());
+
+    EXPECT_EQ(Post("/service/start").status, 200);
+    EXPECT_EQ(State(), "running");
+    EXPECT_TRUE(Ask("/service").Json()["restarts"]["nextAt"].is_null());
+    Output("pkill -KILL -f '[p]odman system service'");
+    EXPECT_TRUE(Becomes("waiting")) << "it is watched as before";
+}
+
+TEST_F(ApiOnBoard, ChangesSettingsAtOnce) {
+    const std::string change =
+        "curl -s -o /dev/null --unix-socket /run/qxcontainerd/api.sock -X PATCH "
+        "http://board/api/v1/service/settings -d ";
+    for (int port = 9001; port < 9011; ++port) {
+        const std::string cores = std::to_string(port % 2);
+        Shell(change + "'{\"tcpPort\":" + std::to_string(port) + "}' & " + change + "'{\"cores\":" + cores +
+              "}' & wait");
+        const json settings = Ask("/service").Json()["settings"];
+        EXPECT_EQ(settings["tcpPort"], port);
+        EXPECT_EQ(settings["cores"], port % 2);
+    }
 }
 
 TEST_F(TcpOnBoard, IsWatchedToo) {
