@@ -29,7 +29,8 @@ inline std::string TextAt(std::uint64_t address) {
     const int memory = open("/proc/self/mem", O_RDONLY | O_CLOEXEC);
     // What lies behind it may not be there.
     for (size_t length = 0; length + 1 < sizeof(text); ++length) {
-        if (pread(memory, text + length, 1, static_cast<off_t>(address + length)) != 1 || text[length] == '\0') {
+        if (pread(memory, text + length, 1, static_cast<off_t>(address + length)) != 1 ||
+            text[length] == '\0') {
             break;
         }
     }
@@ -41,8 +42,7 @@ inline std::string TextAt(std::uint64_t address) {
 inline std::string Describe(const seccomp_data& call) {
     constexpr const char* Access[] = {" read", " write", " read-write", " nothing"};
     const auto flags = static_cast<unsigned int>(call.args[2]);
-    return TextAt(call.args[1]) + Access[flags & O_ACCMODE] +
-           ((flags & O_CLOEXEC) != 0 ? "" : " inherited");
+    return TextAt(call.args[1]) + Access[flags & O_ACCMODE] + ((flags & O_CLOEXEC) != 0 ? "" : " inherited");
 }
 
 /// Lets every call happen once it is recorded.
