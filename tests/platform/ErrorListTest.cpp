@@ -1,8 +1,8 @@
 #include "PlatformTest.h"
 #include "Sandbox.h"
 
-#include <filesystem>
 #include <gmock/gmock.h>
+#include <filesystem>
 
 #include <chrono>
 #include <thread>
