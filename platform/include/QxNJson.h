@@ -36,11 +36,13 @@ public:
     /// Deepest nesting of arrays and objects that is parsed; writing a value takes stack for every level.
     static constexpr int MaxDepth = 500;
 
-    /// Parses a text. One that is nested deeper than MaxDepth counts as malformed.
+    /// Parses a text. One that is nested deeper than MaxDepth counts as malformed, and so does one with a NUL, which
+    /// would pass for the end of the text.
     /// @param text          the whole text; UTF-8
     /// @param throwOnError  whether malformed text raises `parse_error` instead of giving an invalid value
     static json parse(std::string_view text, bool throwOnError = false) {
-        const std::string_view parsed = isTooDeep(text) ? std::string_view() : text;
+        const bool isRefused = text.find('\0') != std::string_view::npos || isTooDeep(text);
+        const std::string_view parsed = isRefused ? std::string_view() : text;
         return Base::parse(parsed.begin(), parsed.end(), nullptr, throwOnError);
     }
 

@@ -23,6 +23,15 @@ TEST(Json, MalformedTextIsInvalidOrRaisesAsAsked) {
     EXPECT_THROW(json::parse("{", true), json::parse_error);
 }
 
+TEST(Json, ANulIsNoEnd) {
+    using namespace std::string_literals;
+    for (const std::string& text : {"{}\0"s, "{}\0{"s, "1\0"s, "\0"s, "[\0]"s, "\"a\0b\""s}) {
+        EXPECT_TRUE(json::parse(text).is_invalid()) << testing::PrintToString(text);
+        EXPECT_ANY_THROW(json::parse(text, true));
+    }
+    EXPECT_EQ(json::parse(R"("a\u0000b")").get<std::string>(), "a\0b"s) << "escaped it is a character";
+}
+
 TEST(Json, NestingIsBounded) {
     EXPECT_EQ(json::parse(Nested(json::MaxDepth)).dump(), Nested(json::MaxDepth));
     EXPECT_TRUE(json::parse(Nested(json::MaxDepth + 1)).is_invalid());
