@@ -90,9 +90,10 @@ Task<Reply> Download(Ground& ground, Request& request) {
         if (problem.status != Status::not_found) {
             throw;
         }
+        throw Problem(Status::not_found, "There is no such container.");
     }
     if (!state) {
-        throw Problem(Status::not_found, "There is no such container.");
+        throw Problem(Status::bad_gateway, "Podman's answer about the container cannot be understood.");
     }
     const auto download = std::make_shared<LogDownload>(co_await boost::asio::this_coro::executor,
                                                         state->hasTerminal, hasTimestamps);

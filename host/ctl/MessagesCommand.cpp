@@ -96,7 +96,7 @@ private:
     size_t BehindTheKnown(const std::vector<std::string>& texts) const {
         for (size_t count = texts.size(); count > 0; --count) {
             // Several that say the same: as many lines before it have to be the same too.
-            const size_t compared = std::min({count, _shown.size(), MostCompared});
+            const size_t compared = std::min(count, _shown.size());
             if (std::equal(texts.begin() + static_cast<std::ptrdiff_t>(count - compared),
                            texts.begin() + static_cast<std::ptrdiff_t>(count),
                            _shown.end() - static_cast<std::ptrdiff_t>(compared))) {
@@ -107,8 +107,7 @@ private:
     }
 
     void Print(const Value& message) {
-        std::string text = QxNJson::json(message).dump();
-        _shown.push_back(std::move(text));
+        _shown.push_back(QxNJson::json(message).dump());
         if (_shown.size() > MostCompared) {
             _shown.pop_front();
         }
