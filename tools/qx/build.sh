@@ -52,7 +52,8 @@ stage() {
     local stage_dir=$root/build/$1/stage library
     rm -rf "$stage_dir"
     cmake --install "build/$1" --prefix "$stage_dir" >/dev/null
-    find "$stage_dir/bin" "$stage_dir/lib" -type f -print0 | xargs -0 ldd 2>/dev/null |
+    # ldd complains of files that are no programs.
+    find "$stage_dir/bin" "$stage_dir/lib" -type f -print0 | { xargs -0 ldd 2>/dev/null || true; } |
         awk '$2 == "=>" && $3 ~ /^\// { print $3 }' | sort -u |
         grep -vE "/(libc|libm|libdl|libpthread|librt|libresolv|libstdc\+\+|libgcc_s)\.so|^$root/" |
         while read -r library; do
