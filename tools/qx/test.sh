@@ -126,7 +126,7 @@ task_test() {
         run_fuzzers 5
     fi
     [ -z "$deep" ] || deep_tests "$only"
-    say "All tests passed."
+    say "All tests passed, in $(((SECONDS + 30) / 60)) minutes."
 }
 
 # check_memory: the library's tests under valgrind.
@@ -158,6 +158,8 @@ deep_tests() {
     suite=$(other_suite)
     board/board fetch --suite "$suite"
     QX_BOARD_SUITE=$suite run_tests release "board-$suite" -L board
+    [ -n "${1:-}" ] || step "Compare with the promises of both suites" tests/checks/promises.py build/release \
+        docs/behaviour.md docs/security.md --ran build/logs/tests.xml --ran "build/logs/board-$suite.xml"
 }
 
 # other_suite: the suite of which the boards were not so far.
