@@ -57,10 +57,10 @@ void FurnishBoard() {
 
 /// The settings file as another program writes it: without "max_cpu_core_count", which every write of the
 /// library adds.
-void WriteSettings(bool enabled, int port, int state) {
+void WriteSettings(bool enabled, int port, int state, int cores = 3) {
     Board::WriteSettings(std::string(R"({"enabled": )") + Word(enabled) + R"(, "tcp_port": )" +
-                         std::to_string(port) + R"(, "cores_num": 3, "state": )" + std::to_string(state) +
-                         "}");
+                         std::to_string(port) + R"(, "cores_num": )" + std::to_string(cores) +
+                         R"(, "state": )" + std::to_string(state) + "}");
 }
 
 /// The same values in the file and in memory.
@@ -75,7 +75,17 @@ void PrepareDisabled() { PrepareState(false, ContainerServiceState::Initialized)
 
 void PrepareChangedFile() {
     PrepareDisabled();
-    WriteSettings(true, 8080, ContainerServiceState::Running);
+    WriteSettings(true, 8080, ContainerServiceState::Running, 2);
+}
+
+/// As on a configuration drive that never had settings.
+void PrepareNoSettingsDirectory() {
+    PrepareSettings();
+    fs::remove_all(fs::path(Board::SETTINGS_FILE).parent_path());
+}
+
+void SetUserSettings(Outcome& outcome) {
+    outcome.Add("%s", Word(Service().SetContainerServiceUserSettings({8080, 2})));
 }
 
 void InspectMemory(Outcome& outcome) {
@@ -85,6 +95,10 @@ void InspectMemory(Outcome& outcome) {
 }
 
 void InspectFile(Outcome& outcome) {
+    if (!fs::exists(Board::SETTINGS_FILE)) {
+        outcome.Add(", no file");
+        return;
+    }
     const std::string text = Board::Settings();
     const QxNJson::json settings = QxNJson::json::parse(text);
     if (settings.is_invalid()) {
@@ -171,6 +185,18 @@ void StopAgain(Outcome& outcome) {
     InspectSettings(outcome);
 }
 
+/// A "/run" of its own: that of the sandbox has the socket of the scripted Podman service.
+void FurnishRun() {
+    FurnishBoard();
+    mount("tmpfs", "/run", "tmpfs", 0, nullptr);
+}
+
+/// As after the board's start.
+void PrepareNoSocketDirectory() {
+    PrepareSettings();
+    fs::remove_all(fs::path(Board::PODMAN_SOCKET).parent_path());
+}
+
 void FurnishTcp() {
     FurnishBoard();
     for (const char* file : {"/ca.crt", "/server.crt", "/server.key"}) {
@@ -191,6 +217,12 @@ void InspectService(Outcome& outcome) {
     if (spawned > 0 && kill(spawned, SIGTERM) == 0 && waitpid(spawned, &status, 0) == spawned) {
         outcome.Add(", ended by signal %d", WTERMSIG(status));
     }
+}
+
+void InspectSocketDirectory(Outcome& outcome) {
+    InspectService(outcome);
+    const bool isThere = fs::is_directory(fs::path(Board::PODMAN_SOCKET).parent_path());
+    outcome.Add(", %s", isThere ? "directory made" : "no directory");
 }
 
 // --- Requests ---
@@ -357,6 +389,13 @@ void FurnishPlugins() {
     MakePluginImage();
 }
 
+/// Plugins that are delivered with the system, in a directory of their own.
+void FurnishSystemPlugins() {
+    FurnishPlugins();
+    fs::create_directories(CRP::SYSTEM_PLUGIN_DIR);
+    mount("tmpfs", CRP::SYSTEM_PLUGIN_DIR, "tmpfs", 0, nullptr);
+}
+
 /// A container system whose loop devices are those of the machine.
 void FurnishInitWithPlugin() {
     OwnMounts();
@@ -389,7 +428,25 @@ void PrepareConfigWithEntry() {
     Service().addPluginToConfig("network", "1.0.0");
 }
 
+/// Only the system has a plugin; the user's directory is not there.
+void PrepareNoPluginDirectory() {
+    fs::remove_all(Board::PLUGINS_DIR);
+    PluginMaker::Write(std::string(CRP::SYSTEM_PLUGIN_DIR) + "/network.crp",
+                       PluginMaker::Trailer("network", "1.0.0"));
+    Service().scanContainerPluginsDir();
+}
+
+void Deactivate(Outcome& outcome) {
+    static const std::string name = "network";
+    static const std::string version = "1.0.0";
+    outcome.Add("code %d", Service().addPluginToConfig(name, version));
+}
+
 void InspectConfig(Outcome& outcome) {
+    if (!fs::exists(Board::PLUGIN_CONFIG_FILE)) {
+        outcome.Add(", no file");
+        return;
+    }
     const QxNJson::json config = QxNJson::json::parse(Sandbox::ReadFile(Board::PLUGIN_CONFIG_FILE));
     outcome.Add(", file %s", config.is_invalid() ? "broken" : config.dump().c_str());
 }
@@ -409,6 +466,12 @@ void Load(Outcome& outcome) {
     outcome.Add("done");
 }
 
+void PrepareLoadDeactivated() {
+    PrepareLoad();
+    Sandbox::WriteFile(Board::PLUGIN_CONFIG_FILE,
+                       R"({"deactivated_plugins": [{"name": "network", "version": "1.0.0"}]})");
+}
+
 void InspectLoad(Outcome& outcome) {
     outcome.Add(", %zu mounts, %zu devices, init command %s", LoopDevices::Mounts().size(),
                 loopDevices->Bound().size(), fs::exists("/initialised") ? "ran" : "did not run");
@@ -417,6 +480,60 @@ void InspectLoad(Outcome& outcome) {
 void InspectInit(Outcome& outcome) {
     InspectSettings(outcome);
     InspectLoad(outcome);
+}
+
+/// Of each name one plugin of the user and one of the system: once the system's is newer, once the user's. A
+/// third one, the newest of all, is for another release. The names do not fit into a short string.
+void PrepareDuplicates() {
+    struct Plugin {
+        std::string directory;
+        const char* name;
+        const char* version;
+        std::uint32_t priority;
+        const char* compatibleOs;
+    };
+    for (const Plugin& plugin : {Plugin{Board::PLUGINS_DIR, "plant-floor-network", "1.0.0", 1, ""},
+                                 {Board::PLUGINS_DIR, "plant-floor-storage", "2.0.0", 2, ""},
+                                 {CRP::SYSTEM_PLUGIN_DIR, "plant-floor-network", "1.2.0", 1, ""},
+                                 {CRP::SYSTEM_PLUGIN_DIR, "plant-floor-storage", "1.9.9", 2, ""},
+                                 {CRP::SYSTEM_PLUGIN_DIR, "plant-floor-network", "3.0.0", 1, "no release"}}) {
+        CrpPluginHeader trailer = PluginMaker::Trailer(plugin.name, plugin.version, plugin.compatibleOs);
+        trailer.initPriority = plugin.priority;
+        PluginMaker::Write(plugin.directory + "/" + plugin.name + "-" + plugin.version, trailer);
+    }
+}
+
+void ScanDuplicates(Outcome& outcome) {
+    CRP::QxCRPScanner scanner(Board::PLUGINS_DIR);
+    const std::vector<CRP::PluginInfo> plugins = scanner.scan();
+    outcome.Add("%zu plugins", plugins.size());
+    for (const CRP::PluginInfo& plugin : plugins) {
+        outcome.Add(", %s %s", plugin.header.name, plugin.header.version);
+    }
+}
+
+void PrepareSkipped() {
+    Sandbox::WriteFile(
+        Board::PLUGIN_CONFIG_FILE,
+        R"({"deactivated_plugins": ["", {"name": "plant-floor-network", "version": "1.0.0"}]})");
+}
+
+/// None of them is loaded, each for another reason. The deactivated one has a second reason, which shows where
+/// the list is not known.
+std::vector<CRP::PluginInfo> SkippedPlugins() {
+    std::vector<CRP::PluginInfo> plugins{PluginMaker::Record("plant-floor-network", "1.0.0", false),
+                                         PluginMaker::Record("plant-floor-storage", "1.0.0", false),
+                                         PluginMaker::Record("plant-floor-display", "1.0.0")};
+    plugins.back().header.pluginType = CRP_PLUGIN_TYPE_SQUASHFS + 1;
+    return plugins;
+}
+
+void LoadSkipped(Outcome& outcome) {
+    static const std::vector<CRP::PluginInfo> plugins = SkippedPlugins();
+    CRP::QxCRPLoader loader;
+    outcome.Add("init %s, ", Word(loader.init(Board::PLUGIN_CONFIG_FILE)));
+    loader.loadPlugins(plugins);
+    outcome.Add("%zu deactivated", loader.getDeactivatedPlugins().size());
 }
 
 std::vector<Operation> MakeOperations() {
@@ -453,6 +570,7 @@ std::vector<Operation> MakeOperations() {
              Service().SetContainerServiceUserSettings({8080, 1});
          },
          StartAndStop, StopAgain});
+    add({"start-stop-no-directory", FurnishRun, PrepareNoSocketDirectory, StartAndStop, StopAgain});
     add({"spawn-service", FurnishBoard, PrepareSettings, [](Outcome& o) { SpawnService(o, 0); },
          InspectService});
     add({"spawn-service-tcp", FurnishTcp, PrepareSettings, [](Outcome& o) { SpawnService(o, 8080); },
@@ -463,15 +581,21 @@ std::vector<Operation> MakeOperations() {
              fs::remove(Board::CONTAINER_CERTS_DIR + "/server.key");
          },
          [](Outcome& o) { SpawnService(o, 8080); }, InspectService});
+    add({"spawn-service-no-directory", FurnishRun, PrepareNoSocketDirectory,
+         [](Outcome& o) { SpawnService(o, 0); }, InspectSocketDirectory});
     add({"enable", FurnishBoard, PrepareDisabled,
          [](Outcome& o) { o.Add("%s", Word(Service().EnableContainerService())); }, InspectSettings});
     add({"disable", FurnishBoard, PrepareSettings,
          [](Outcome& o) { o.Add("%s", Word(Service().DisableContainerService())); }, InspectSettings});
-    add({"user-settings", FurnishBoard, PrepareSettings,
-         [](Outcome& o) {
-             o.Add("%s", Word(Service().SetContainerServiceUserSettings({8080, 2})));
-         },
+    add({"user-settings", FurnishBoard, PrepareSettings, SetUserSettings, InspectSettings});
+    add({"user-settings-no-directory", FurnishBoard, PrepareNoSettingsDirectory, SetUserSettings,
          InspectSettings});
+    add({"user-settings-reread", FurnishBoard, PrepareChangedFile,
+         [](Outcome& o) {
+             const auto user = QxCCTESettings::GetInstance()->getServiceUserSettings(true);
+             o.Add("port %u, %u cores", user.tcpPort, user.coresNum);
+         },
+         InspectMemory});
     add({"core-counts", FurnishBoard, PrepareCoreCounts, ExtractCoreCounts, InspectCoreCounts});
     add({"core-counts-unknown", FurnishBoard,
          [] {
@@ -588,16 +712,13 @@ std::vector<Operation> MakeOperations() {
              Service().scanContainerPluginsDir();
              o.Add("done");
          }});
+    add({"scan-duplicates", FurnishSystemPlugins, PrepareDuplicates, ScanDuplicates});
     add({"list", FurnishPlugins, PrepareConfig, [](Outcome& o) {
              const QxNJson::json list = Service().listPlugins();
              o.Add("%zu plugins", list["plugins"].size());
          }});
-    add({"deactivate", FurnishPlugins, PrepareConfig,
-         [](Outcome& o) {
-             static const std::string name = "network";
-             static const std::string version = "1.0.0";
-             o.Add("code %d", Service().addPluginToConfig(name, version));
-         },
+    add({"deactivate", FurnishPlugins, PrepareConfig, Deactivate, InspectConfig});
+    add({"deactivate-no-directory", FurnishSystemPlugins, PrepareNoPluginDirectory, Deactivate,
          InspectConfig});
     add({"activate", FurnishPlugins, PrepareConfigWithEntry,
          [](Outcome& o) {
@@ -613,6 +734,9 @@ std::vector<Operation> MakeOperations() {
          },
          InspectConfig});
     add({"load", FurnishPlugins, PrepareLoad, Load, InspectLoad, [] { loopDevices.reset(); }});
+    add({"load-deactivated", FurnishPlugins, PrepareLoadDeactivated, Load, InspectLoad,
+         [] { loopDevices.reset(); }});
+    add({"load-skipped", FurnishPlugins, PrepareSkipped, LoadSkipped});
     return all;
 }
 

@@ -57,6 +57,7 @@ constexpr const char* NoFunction = "none";
 /// What a run tells the process that started it.
 struct Report {
     char outcome[8192];
+    char end[256];  ///< how it terminated, instead of the outcome, which other threads may still write to
     unsigned long failedCalls;
     long blocksLeft;    ///< of memory
     void* callers[64];  ///< of std::terminate
@@ -84,8 +85,8 @@ const char* ExceptionName() {
 
 [[noreturn]] void TellAndEnd() {
     FailingCalls_Disarm();
-    Outcome outcome(report->outcome, sizeof(report->outcome));
-    outcome.Add("terminate because of %s", ExceptionName());
+    Outcome end(report->end, sizeof(report->end));
+    end.Add("terminate because of %s", ExceptionName());
     report->failedCalls = FailingCalls_Failed();
     report->callerCount = backtrace(report->callers, static_cast<int>(std::size(report->callers)));
     running->release();
@@ -242,10 +243,7 @@ std::string Run(const Operation& operation, const char* function, unsigned long 
     }
     int status = 0;
     waitpid(child, &status, 0);
-    std::string outcome = report->outcome;
-    if (report->callerCount > 0) {
-        outcome += " in " + Culprit();
-    }
+    std::string outcome = report->callerCount > 0 ? report->end + (" in " + Culprit()) : report->outcome;
     if (WIFSIGNALED(status)) {
         outcome += WTERMSIG(status) == SIGALRM ? "; NO END"
                                                : "; CRASHED by signal " + std::to_string(WTERMSIG(status));
@@ -332,7 +330,7 @@ public:
 
     /// @return whether every outcome is one that may be
     bool Print(unsigned long calls, std::chrono::milliseconds elapsed) const {
-        printf("%-22s %-18s %4lu calls, %2zu outcomes, %5lld ms%s\n", _operation.name, _function, calls,
+        printf("%-26s %-18s %4lu calls, %2zu outcomes, %5lld ms%s\n", _operation.name, _function, calls,
                _outcomes.size(), static_cast<long long>(elapsed.count()), _good ? "" : "  FAILED");
         for (const auto& [outcome, occurrences] : _outcomes) {
             if (!occurrences.isAllowed || getenv("QX_TORTURE_VERBOSE") != nullptr) {
@@ -477,7 +475,7 @@ bool EveryFunctionFailed(const std::vector<const char*>& functions, const Rules&
     for (size_t i = 0; i < functions.size(); ++i) {
         const bool isNeverCalled = rules.Allow("all", functions[i], "never called");
         if (somethingFailedOnce[i] == isNeverCalled) {
-            printf("%-22s %-18s %s\n", "all", functions[i],
+            printf("%-26s %-18s %s\n", "all", functions[i],
                    isNeverCalled ? "is called, which the rules deny" : "is never called");
             good = false;
         }
