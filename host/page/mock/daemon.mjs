@@ -936,7 +936,10 @@ export class MockDaemon {
                 done();
                 return;
             case "POST plugins/*/*":
-                for (const plugin of state.plugins.filter((other) => other.fileName === second)) {
+                for (const plugin of state.plugins.filter(
+                    (other) =>
+                        other.fileName === second && other.directory === url.searchParams.get("directory"),
+                )) {
                     // in effect after the next start only
                     state.switched.set(plugin, third === "deactivate");
                 }

@@ -409,22 +409,12 @@ export class LogEngine {
         if (this.paused && line.number > this.pausedAt) {
             return false;
         }
-        if (line.kind === "note") {
-            return true;
-        }
-        if (
-            this.settings.streams === "stderr"
-                ? line.kind !== "stderr"
-                : this.settings.streams === "stdout" && line.kind === "stderr"
-        ) {
-            return false;
-        }
-        return this.filter ? this.filter.matches(line.plain) : true;
+        return line.kind === "note" || this.isWanted(line);
     }
 
     private show(line: LogLine, isNew: boolean): void {
         if (!this.passes(line)) {
-            if (isNew && this.paused && line.kind !== "note" && this.matchesFilter(line)) {
+            if (isNew && this.paused && line.kind !== "note" && this.isWanted(line)) {
                 this.fresh++;
             }
             return;
@@ -437,7 +427,15 @@ export class LogEngine {
         }
     }
 
-    private matchesFilter(line: LogLine): boolean {
+    /** Whether a line of a container is of the streams and of the texts that are looked at. */
+    private isWanted(line: LogLine): boolean {
+        if (
+            this.settings.streams === "stderr"
+                ? line.kind !== "stderr"
+                : this.settings.streams === "stdout" && line.kind === "stderr"
+        ) {
+            return false;
+        }
         return this.filter ? this.filter.matches(line.plain) : true;
     }
 

@@ -24,7 +24,7 @@ export function Plugins() {
     const turn = (plugin: types.Plugin) => {
         const action = isOff(plugin) ? "activate" : "deactivate";
         return act(plugin.fileName, `${plugin.fileName} ${action}d, from the next start of the daemon.`, () =>
-            api.act(`/plugins/${segment(plugin.fileName)}/${action}`),
+            api.act(`/plugins/${segment(plugin.fileName)}/${action}?directory=${plugin.directory}`),
         );
     };
     const remove = async (plugin: types.Plugin) => {

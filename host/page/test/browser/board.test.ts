@@ -479,7 +479,7 @@ describeOnBoard("projects", () => {
         await live(log).nth(1).waitFor();
         const shown = await logHas(
             log,
-            (rows) => rows.filter(Boolean).length > 10 && /one$/.test(rows.join("\n")) !== null,
+            (rows) => rows.filter(Boolean).length > 10 && /one$/m.test(rows.join("\n")),
             "lines",
         );
         const names = shown.flatMap((line) => /page-pair-(one|two)-1 +(one|two)$/.exec(line)?.slice(1) ?? []);

@@ -206,6 +206,15 @@ describe("pausing", () => {
         expect(engine.frame()).toMatchObject({ paused: false, following: true, fresh: 0 });
     });
 
+    it("counts what will be shown, and nothing else", () => {
+        const engine = engineOf(["one"], undefined, { ...bare, streams: "stderr" });
+        engine.pause();
+        engine.append(0, [...many(10), line("wrong", 10, { stream: "stderr" })]);
+        expect(engine.frame()).toMatchObject({ paused: true, fresh: 1 });
+        engine.resume();
+        expect(rows(engine)).toEqual(["! wrong"]);
+    });
+
     it("keeps what is being read when the buffer is full, and says what was lost", () => {
         const engine = engineOf(["one"], { lines: 100, bytes: 1e9 });
         engine.append(0, many(100));
