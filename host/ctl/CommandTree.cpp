@@ -100,3 +100,15 @@ std::string ShellQuoted(const std::string& text) {
     }
     return quoted + "'";
 }
+
+std::string ValueFunction(const CommandNode& tool) {
+    std::string text =
+        "# What the value of an option is; fails for an option without one.\n_qxctl_value() {\n    case $1 "
+        "in\n";
+    for (const CommandOption& option : OptionsWithValue(tool)) {
+        for (const std::string& name : option.names) {
+            text += "        " + name + ") value_kind=" + ShellQuoted(option.value.name) + " ;;\n";
+        }
+    }
+    return text + "        *) return 1 ;;\n    esac\n}\n";
+}

@@ -42,5 +42,8 @@ std::vector<CommandOption> OptionsWithValue(const CommandNode& tool);
 /// @return a text between apostrophes, as bash and zsh read it
 std::string ShellQuoted(const std::string& text);
 
+/// @return the function `_qxctl_value` of bash and zsh: what the value of an option is
+std::string ValueFunction(const CommandNode& tool);
+
 /// @return the node and all below it, from the top
 std::vector<const CommandNode*> AllNodes(const CommandNode& node);

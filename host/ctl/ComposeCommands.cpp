@@ -6,6 +6,8 @@
 #include "Text.h"
 #include "Tool.h"
 
+#include <regex>
+
 using Answers::Value;
 
 namespace {
@@ -53,9 +55,10 @@ void AddLs(CLI::App& group, Tool& tool) {
 /// The tool may say other things of a file under its name; one that cannot be kept under it is told apart by its text only.
 std::string CheckPath(const std::string& file) {
     const std::string name = file.substr(file.rfind('/') + 1);
-    const bool isYaml = name.ends_with(".yaml") || name.ends_with(".yml");
-    return isYaml ? ApiPath({"compose-files", "check"}, {{"file", name}})
-                  : ApiPath({"compose-files", "check"});
+    // The daemon's rule for names of compose files.
+    static const std::regex NameOfKept("[A-Za-z0-9][A-Za-z0-9._-]*\\.ya?ml");
+    return std::regex_match(name, NameOfKept) ? ApiPath({"compose-files", "check"}, {{"file", name}})
+                                              : ApiPath({"compose-files", "check"});
 }
 
 std::string ReadStored(const Tool& tool, const std::string& file) {

@@ -18,7 +18,7 @@ using Answers::Value;
 namespace {
 
 /// Most that the daemon gives at once.
-constexpr const char* LargestTail = "10000";
+constexpr unsigned int LargestTail = 10000;
 constexpr size_t MostCompared = 100;
 
 struct Severity {
@@ -56,10 +56,12 @@ std::string LineText(const Value& message, const Console& console) {
 /// Messages as they come.
 class FollowedMessages : public Followed {
 public:
-    FollowedMessages(std::string tail, const Tool& tool) : _tail(std::move(tail)), _tool(tool) {}
+    FollowedMessages(unsigned int tail, const Tool& tool) : _tail(tail), _tool(tool), _hidesNext(tail == 0) {}
 
+    /// One at least, which tells what is new after a break.
     std::string Target() const override {
-        return ApiPath({"messages"}, {{"tail", _shown.empty() ? _tail : LargestTail}});
+        return ApiPath({"messages"},
+                       {{"tail", std::to_string(_wasConnected ? LargestTail : std::max(_tail, 1U))}});
     }
 
     Next Show(const Value& message) override {
@@ -72,7 +74,10 @@ public:
     }
 
     /// After a break all messages that are there come again, in one answer.
-    void OnConnected() override { _hasBreak = !_shown.empty(); }
+    void OnConnected() override {
+        _hasBreak = !_known.empty();
+        _wasConnected = true;
+    }
 
 private:
     template <typename Messages>
@@ -83,44 +88,53 @@ private:
         }
         size_t at = std::exchange(_hasBreak, false) ? BehindTheKnown(texts) : 0;
         for (const Value& each : messages) {
-            if (at == 0) {
-                Print(each);
-            } else {
+            if (at > 0) {
                 --at;
+                continue;
+            }
+            Remember(each);
+            if (!std::exchange(_hidesNext, false)) {
+                Print(each);
             }
         }
+        _hidesNext = false;
     }
 
     /// By all that they say: the board's clock may have been set back.
-    /// @return how many of them come up to the last one that was shown; 0 when that is not among them
+    /// @return how many of them come up to the last one that is known; 0 when that is not among them
     size_t BehindTheKnown(const std::vector<std::string>& texts) const {
         for (size_t count = texts.size(); count > 0; --count) {
             // Several that say the same: as many lines before it have to be the same too.
-            const size_t compared = std::min(count, _shown.size());
+            const size_t compared = std::min(count, _known.size());
             if (std::equal(texts.begin() + static_cast<std::ptrdiff_t>(count - compared),
                            texts.begin() + static_cast<std::ptrdiff_t>(count),
-                           _shown.end() - static_cast<std::ptrdiff_t>(compared))) {
+                           _known.end() - static_cast<std::ptrdiff_t>(compared))) {
                 return count;
             }
         }
         return 0;
     }
 
-    void Print(const Value& message) {
-        _shown.push_back(QxNJson::json(message).dump());
-        if (_shown.size() > MostCompared) {
-            _shown.pop_front();
+    void Remember(const Value& message) {
+        _known.push_back(QxNJson::json(message).dump());
+        if (_known.size() > MostCompared) {
+            _known.pop_front();
         }
+    }
+
+    void Print(const Value& message) const {
         if (_tool.json) {
-            _tool.PrintText(_shown.back());
+            _tool.PrintText(_known.back());
         } else {
             _tool.Print(LineText(message, _tool.console));
         }
     }
 
-    const std::string _tail;
+    const unsigned int _tail;
     const Tool& _tool;
-    std::deque<std::string> _shown;
+    std::deque<std::string> _known;
+    bool _hidesNext;  ///< for it was there before
+    bool _wasConnected = false;
     bool _hasBreak = false;  ///< since the last of them
 };
 
@@ -151,17 +165,16 @@ void AddMessagesCommand(CLI::App& app, Tool& tool) {
     command->add_flag("-f,--follow", options->follows,
                       "Go on with new messages until Ctrl-C; a broken connection is made again");
     command->add_option("--tail", options->tail, "How many of those that are there; default 100")
-        ->check(CLI::Range(0, 10000))
+        ->check(CLI::Range(0U, LargestTail))
         ->type_name("N");
     OnCommand(command, tool, [&tool, options] {
-        const std::string tail = std::to_string(options->tail);
         if (options->follows) {
             Interruption::EndsWith(ExitCode::Fine);
-            FollowedMessages messages(tail, tool);
+            FollowedMessages messages(options->tail, tool);
             Follow(tool.MakeEndpoint(), messages);
             return ExitCode::Fine;
         }
-        return tool.Show({.target = ApiPath({"messages"}, {{"tail", tail}})},
+        return tool.Show({.target = ApiPath({"messages"}, {{"tail", std::to_string(options->tail)}})},
                          [&](const Value& answer) { PrintMessages(tool, answer); });
     });
 }

@@ -13,7 +13,8 @@ namespace {
 /// The only type that is loaded.
 constexpr long long Squashfs = 1;
 
-Table::Cell StateOf(const Value& plugin) {
+/// @return what holds of it since the daemon's start
+Table::Cell StateNow(const Value& plugin) {
     if (Answers::Flag(plugin, "isLoaded")) {
         return {"loaded", Style::Good};
     }
@@ -25,6 +26,15 @@ Table::Cell StateOf(const Value& plugin) {
     }
     const long long type = Answers::Number(plugin, "pluginType");
     return {type == Squashfs ? "not loaded" : "of unknown type " + std::to_string(type), Style::Warning};
+}
+
+Table::Cell StateOf(const Value& plugin) {
+    Table::Cell cell = StateNow(plugin);
+    const bool isOffNext = Answers::Flag(plugin, "deactivatedNext");
+    if (isOffNext != Answers::Flag(plugin, "isDeactivated")) {
+        cell.text += isOffNext ? ", off from the next start" : ", on from the next start";
+    }
+    return cell;
 }
 
 void PrintPlugins(const Tool& tool, const Value& answer) {

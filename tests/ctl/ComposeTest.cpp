@@ -85,6 +85,9 @@ TEST_F(CtlCompose, ChecksAFile) {
     EXPECT_EQ(bad.exitCode, 1);
     EXPECT_EQ(bad.output, "line 1: no\nservices\n- is no project\n");
     EXPECT_EQ(RunCtl({"compose", "check", "--json", "-"}).exitCode, 1);
+    // It could not be kept under such a name, which is not what was asked.
+    Sandbox::WriteFile("/run/my demo.yaml", "services: {}\n");
+    EXPECT_EQ(RunCtl({"compose", "check", "/run/my demo.yaml"}).exitCode, 1);
 }
 
 TEST_F(CtlCompose, ChecksAFileOfTheBoard) {

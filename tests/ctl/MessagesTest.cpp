@@ -77,13 +77,40 @@ TEST_F(CtlMessages, FollowsThem) {
 }
 
 TEST_F(CtlMessages, FollowsThemAsTheyCame) {
-    daemon.OnLive("/messages?tail=0", [](ScriptedDaemon::Live& live) {
+    daemon.OnLive("/messages?tail=2", [](ScriptedDaemon::Live& live) {
         live.Send(Messages({Message(1, 1, "one"), Message(2, 1, "two")}, "messages"));
         live.WaitForEnd();
     });
 
-    EXPECT_EQ(FollowUntil("two", {"--json", "--tail", "0"}).output,
+    EXPECT_EQ(FollowUntil("two", {"--json", "--tail", "2"}).output,
               Message(1, 1, "one").dump() + "\n" + Message(2, 1, "two").dump() + "\n");
+}
+
+TEST_F(CtlMessages, FollowsNewOnesOnly) {
+    // The last one before tells after a break which are new.
+    daemon.OnLive("/messages?tail=1", [](ScriptedDaemon::Live& live) {
+        live.Send(Messages({Message(1, 1, "before")}, "messages"));
+        live.Drop();
+    });
+    daemon.OnLive("/messages?tail=10000", [](ScriptedDaemon::Live& live) {
+        live.Send(
+            Messages({Message(0, 1, "long before"), Message(1, 1, "before"), Message(2, 1, "in the break")},
+                     "messages"));
+        live.WaitForEnd();
+    });
+
+    EXPECT_EQ(FollowUntil("in the break", {"--json", "--tail", "0"}).output,
+              Message(2, 1, "in the break").dump() + "\n");
+}
+
+TEST_F(CtlMessages, FollowsTheFirstOfAll) {
+    daemon.OnLive("/messages?tail=1", [](ScriptedDaemon::Live& live) {
+        live.Send(Messages({}, "messages"));
+        live.Send(Messages({Message(1, 1, "first")}, "messages"));
+        live.WaitForEnd();
+    });
+
+    EXPECT_EQ(FollowUntil("first", {"--json", "--tail", "0"}).output, Message(1, 1, "first").dump() + "\n");
 }
 
 TEST_F(CtlMessages, ComesBackWithoutDoubles) {

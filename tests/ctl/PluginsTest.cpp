@@ -19,11 +19,32 @@ std::string Plugin(const std::string& file, const std::string& differing) {
 
 const std::string Plugins =
     R"({"plugins":[)" +
-    Plugin("a.crp", R"("osCompatible":true,"pluginType":1,"isDeactivated":false,"isLoaded":true)") + "," +
-    Plugin("b.crp", R"("osCompatible":true,"pluginType":1,"isDeactivated":true,"isLoaded":false)") + "," +
-    Plugin("c.crp", R"("osCompatible":false,"pluginType":1,"isDeactivated":false,"isLoaded":false)") + "," +
-    Plugin("d.crp", R"("osCompatible":true,"pluginType":7,"isDeactivated":false,"isLoaded":false)") + "," +
-    Plugin("e.crp", R"("osCompatible":true,"pluginType":1,"isDeactivated":false,"isLoaded":false)") + "]}";
+    Plugin(
+        "a.crp",
+        R"("osCompatible":true,"pluginType":1,"isDeactivated":false,"deactivatedNext":false,"isLoaded":true)") +
+    "," +
+    Plugin(
+        "b.crp",
+        R"("osCompatible":true,"pluginType":1,"isDeactivated":true,"deactivatedNext":true,"isLoaded":false)") +
+    "," +
+    Plugin(
+        "c.crp",
+        R"("osCompatible":false,"pluginType":1,"isDeactivated":false,"deactivatedNext":false,"isLoaded":false)") +
+    "," +
+    Plugin(
+        "d.crp",
+        R"("osCompatible":true,"pluginType":7,"isDeactivated":false,"deactivatedNext":false,"isLoaded":false)") +
+    "," +
+    Plugin(
+        "e.crp",
+        R"("osCompatible":true,"pluginType":1,"isDeactivated":false,"deactivatedNext":false,"isLoaded":false)") +
+    "," +
+    Plugin("f.crp", R"("osCompatible":true,"pluginType":1,"isDeactivated":false,"deactivatedNext":true,)"
+                    R"("isLoaded":true)") +
+    "," +
+    Plugin("g.crp", R"("osCompatible":true,"pluginType":1,"isDeactivated":true,"deactivatedNext":false,)"
+                    R"("isLoaded":false)") +
+    "]}";
 
 constexpr const char* PluginsTable =
     "FILE   NAME     VERSION  PRIORITY  DIRECTORY     SIZE  STATE\n"
@@ -31,7 +52,9 @@ constexpr const char* PluginsTable =
     "b.crp  network  1.0.0          10  user       2.0 KiB  deactivated\n"
     "c.crp  network  1.0.0          10  user       2.0 KiB  for OS release -rt\n"
     "d.crp  network  1.0.0          10  user       2.0 KiB  of unknown type 7\n"
-    "e.crp  network  1.0.0          10  user       2.0 KiB  not loaded\n";
+    "e.crp  network  1.0.0          10  user       2.0 KiB  not loaded\n"
+    "f.crp  network  1.0.0          10  user       2.0 KiB  loaded, off from the next start\n"
+    "g.crp  network  1.0.0          10  user       2.0 KiB  deactivated, on from the next start\n";
 
 class CtlPlugins : public testing::Test {
 protected:
