@@ -3,6 +3,7 @@
 #include "QxCContainer.h"
 #include "QxCRTELog.h"
 #include "QxCWriteThroughCacheGuard.h"
+#include "QxNContainerPaths.h"
 #include "daemon/PodmanServices.h"
 #include "http/Clock.h"
 
@@ -10,6 +11,7 @@
 #include <boost/asio/detached.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <exception>
+#include <filesystem>
 
 namespace asio = boost::asio;
 using QxNContainer::QxCContainer;
@@ -39,6 +41,17 @@ std::string WhyNotInitialised(const QxCContainer& service) {
         return Disabled;
     }
     return "This board cannot run containers; the check and the log file say why.";
+}
+
+/// The library's own thread does so too, but an exception there would end the process.
+/// @throws std::filesystem::filesystem_error
+void LookAtWhatPodmanNeeds() {
+    namespace fs = std::filesystem;
+    fs::create_directories(fs::path(QxNContainer::QxNContainerPaths::PODMAN_SOCKET).parent_path());
+    const std::string& certificates = QxNContainer::QxNContainerPaths::CONTAINER_CERTS_DIR;
+    if (fs::is_directory(certificates)) {
+        const fs::directory_iterator readable(certificates);
+    }
 }
 
 json TimeOrNull(const std::optional<std::chrono::system_clock::time_point>& time) {
@@ -78,7 +91,7 @@ Task<void> ServiceKeeper::Begin(std::function<void(QxCContainer&)> prepare) {
     _service = co_await OnControlThread([&] {
         QxCContainer& service = QxCContainer::GetInstance();
         prepare(service);
-        _wasEnabled = service.IsContainerServiceEnabled(false);
+        _isWanted = service.IsContainerServiceEnabled(false);
         _settings = service.GetContainerServiceUserSettings();
         return &service;
     });
@@ -113,7 +126,7 @@ Task<void> ServiceKeeper::Start() {
 
 Task<void> ServiceKeeper::StartWithDaemon() {
     co_await StartLibrary(false);
-    if (_state == State::Failed && _options.restart.rule == RestartPolicy::Rule::Always) {
+    if (_state == State::Failed && _options.restart.rule == RestartPolicy::Rule::Always && _isWanted) {
         co_await HandleLoss(_problem, false);
     }
 }
@@ -143,7 +156,10 @@ Task<void> ServiceKeeper::Shutdown() {
 
 Task<void> ServiceKeeper::Enable(bool isEnabled) {
     const bool isWritten = co_await OnControlThread([this, isEnabled] {
-        return isEnabled ? _service->EnableContainerService() : _service->DisableContainerService();
+        const bool isDone =
+            isEnabled ? _service->EnableContainerService() : _service->DisableContainerService();
+        _isWanted = isDone ? isEnabled : _isWanted.load();
+        return isDone;
     });
     if (!isWritten) {
         throw Problem(Status::internal_server_error,
@@ -227,7 +243,7 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
     Leftovers::Mark(_tcpPort);
     if (!_isInitialised) {
         // The library switches itself off where the board is not ready, such as before a drive is mounted.
-        if (_options.restart.rule == RestartPolicy::Rule::Always && _wasEnabled) {
+        if (_options.restart.rule == RestartPolicy::Rule::Always && _isWanted) {
             _service->EnableContainerService();
         }
         if (!_service->init()) {
@@ -243,6 +259,7 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
             return "The cores cannot be given to the containers; the check and the log file say why.";
         }
     }
+    LookAtWhatPodmanNeeds();
     // Also where it throws, Podman may be there and has to be stopped.
     _isStarted = true;
     _isStarted = _service->Start();
@@ -455,9 +472,9 @@ Task<void> ServiceKeeper::HandleLoss(std::string cause, bool hasRun) {
         const bool isLimit = _policy.InARow() >= _policy.Rules().limit;
         const auto delay = _policy.Lost(Clock::now(), cause, hasRun);
         if (!delay) {
-            Fail(cause +
-                 (isLimit ? ". After so many restarts in a row it is not started again"
-                          : ". By the rules it is not started again") +
+            Fail(cause + (cause.ends_with('.') ? "" : ".") +
+                 (isLimit ? " After so many restarts in a row it is not started again"
+                          : " By the rules it is not started again") +
                  "; start the service by hand.");
             co_return;
         }
@@ -467,6 +484,10 @@ Task<void> ServiceKeeper::HandleLoss(std::string cause, bool hasRun) {
         _nextRestart.reset();
         if (_state != State::Waiting || _isEnding) {
             co_return;  // somebody stopped or started the service meanwhile
+        }
+        if (!_isWanted) {
+            Fail(Disabled);
+            co_return;
         }
         ++_restarts;
         co_await StartLibrary(true);

@@ -73,6 +73,20 @@ public:
     auto OnControlThread(Function function) {
         return QxNHttp::InBackground(_control, std::move(function));
     }
+    /// The same for what need not be done: a start may hold that thread for as long as a plugin's command takes.
+    /// @param function  owns what it uses
+    /// @throws Problem after the deadline
+    template <typename Function>
+    QxNHttp::Task<std::invoke_result_t<Function>> OnControlThreadWithin(
+        std::chrono::steady_clock::duration deadline, Function function) {
+        auto result = co_await QxNHttp::InBackgroundWithin(_control, deadline, std::move(function));
+        if (!result) {
+            throw QxNHttp::Problem(QxNHttp::Status::service_unavailable,
+                                   std::string("The service is just ") + TextOf(_state) +
+                                       ", which takes its time; try again when that is done.");
+        }
+        co_return std::move(*result);
+    }
 
     /// @return the service as the interface shows it
     QxNJson::json Describe() const;
@@ -156,7 +170,8 @@ private:
     std::atomic<unsigned> _tcpPort{0};  ///< of the last start; 0 for none
     bool _isTcpUnsound = false;         ///< the second service ended right after its start
     unsigned _starts = 0;
-    bool _wasEnabled = false;  ///< before the library looked at the board for the first time
+    /// Whether people want it enabled, whatever the library makes of it where the board is not ready.
+    std::atomic<bool> _isWanted{false};
     unsigned _restarts = 0;
     std::string _podmanVersion;
     std::optional<Clock::time_point> _startedAt;
