@@ -59,10 +59,10 @@ bool IsPodmansEnd(const QxNJson::json& message) {
 /// Everything that lives as long as the daemon serves.
 class Daemon {
 public:
-    Daemon(const Options& options, const ServiceManager& serviceManager)
+    Daemon(const Options& options, const ServiceManager& serviceManager, QxNHttp::Tokens& tokens)
         : _options(options),
           _serviceManager(serviceManager),
-          _tokens(options.tokens),
+          _tokens(tokens),
           _keeper(_io, options.keeper, serviceManager),
           _messages(_io, options.messages),
           _signals(_io, SIGTERM, SIGINT) {}
@@ -195,7 +195,7 @@ private:
     const Options& _options;
     const ServiceManager& _serviceManager;
     // What requests use is there until the last of them has gone, with the threads and the io_context.
-    QxNHttp::Tokens _tokens;
+    QxNHttp::Tokens& _tokens;
     std::optional<LogHub> _logs;
     StreamThreads _streams{LogStreams};
     std::optional<Ground> _ground;
@@ -220,8 +220,15 @@ int main(int argc, char** argv) {
         if (const auto exitCode = ReadOptions(argc, argv, options)) {
             return *exitCode;
         }
+        std::optional<QxNHttp::Tokens> tokens;
+        try {
+            tokens.emplace(options.tokens);
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "qxcontainerd: %s\n", error.what());
+            return NoAddress;
+        }
         const ServiceManager serviceManager;
-        Daemon daemon(options, serviceManager);
+        Daemon daemon(options, serviceManager, *tokens);
         return daemon.Run();
     } catch (const std::exception& error) {
         std::fprintf(stderr, "qxcontainerd: %s\n", error.what());

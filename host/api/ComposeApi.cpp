@@ -40,6 +40,9 @@ const std::string& ComposeFileName(const std::string& name) {
     return name;
 }
 
+/// @return the name of the project of a compose file
+std::string ProjectOf(const std::string& file) { return fs::path(file).stem().string(); }
+
 std::map<std::string, fs::directory_entry> Files() {
     std::map<std::string, fs::directory_entry> files;
     std::error_code error;
@@ -97,7 +100,7 @@ const char* StateOf(const json& containers) {
 }
 
 json DescribeProject(const std::string& file, const std::optional<json>& containers) {
-    const std::string name = fs::path(file).stem().string();
+    const std::string name = ProjectOf(file);
     json own = json::array();
     if (containers) {
         for (const auto& container : *containers) {
@@ -133,18 +136,18 @@ Task<Reply> ListProjects(Ground& ground) {
 /// One operation on a project at a time: compose does not serialise them.
 class BusyProject {
 public:
-    BusyProject(Ground& ground, const std::string& file) : _ground(ground), _file(file) {
-        if (!_ground.busyProjects.insert(file).second) {
-            throw Problem(Status::conflict, "Another operation on '" + file + "' is still running.");
+    BusyProject(Ground& ground, const std::string& file) : _ground(ground), _project(ProjectOf(file)) {
+        if (!_ground.busyProjects.insert(_project).second) {
+            throw Problem(Status::conflict, "Another operation on '" + _project + "' is still running.");
         }
     }
     BusyProject(const BusyProject&) = delete;
     BusyProject& operator=(const BusyProject&) = delete;
-    ~BusyProject() { _ground.busyProjects.erase(_file); }
+    ~BusyProject() { _ground.busyProjects.erase(_project); }
 
 private:
     Ground& _ground;
-    const std::string _file;
+    const std::string _project;
 };
 
 using Operation = int (QxCContainer::*)(const char*, json&);
@@ -185,7 +188,7 @@ Task<Reply> Operate(Ground& ground, const std::string& file, const std::string& 
 /// the directory of the files.
 Task<Reply> CheckText(Ground& ground, Request& request) {
     const std::string file = request.Parameter("file");
-    const std::string project = file.empty() ? "check" : fs::path(ComposeFileName(file)).stem().string();
+    const std::string project = file.empty() ? "check" : ProjectOf(ComposeFileName(file));
     const std::string text = co_await request.body->Text(LongestFile);
     const auto outcome = co_await QxNHttp::InBackground(ground.compose, [&] {
         return RunProgram(QxNComposeFileHandler::ComposeTool::Path,
@@ -233,11 +236,13 @@ void AddComposeRequests(QxNHttp::Router& router, Ground& ground) {
     });
     router.Add(Verb::put, "/compose-files/{file}", Right::Act,
                [&ground](Request& request) -> Task<Reply> { co_return co_await WriteFile(ground, request); });
-    router.Add(Verb::delete_, "/compose-files/{file}", Right::Act, [](Request& request) -> Task<Reply> {
-        const std::string& name = ComposeFileName(request.segments[3]);
-        RemoveFile(Directory() + name, "There is no compose file '" + name + "'.");
-        co_return Reply::Empty();
-    });
+    router.Add(
+        Verb::delete_, "/compose-files/{file}", Right::Act, [&ground](Request& request) -> Task<Reply> {
+            const std::string& name = ComposeFileName(request.segments[3]);
+            co_await OnWorker(
+                ground, [&] { RemoveFile(Directory() + name, "There is no compose file '" + name + "'."); });
+            co_return Reply::Empty();
+        });
     router.Add(Verb::get, "/projects", Right::Look,
                [&ground](Request&) -> Task<Reply> { co_return co_await ListProjects(ground); });
     router.Add(Verb::post, "/projects/{file}/{operation}", Right::Act,

@@ -3,6 +3,7 @@
 #include "api/Names.h"
 #include "http/Clock.h"
 
+#include <algorithm>
 #include <cctype>
 #include <map>
 
@@ -19,7 +20,14 @@ namespace {
 
 /// Stopping may take as long as the container's own time for it.
 constexpr std::chrono::seconds ActionDeadline{300};
+constexpr std::int64_t MostPorts = 65535;
 
+/// @return a port, or several next to each other
+std::string PortText(std::int64_t first, std::int64_t count) {
+    return std::to_string(first) + (count > 1 ? "-" + std::to_string(first + count - 1) : "");
+}
+
+/// Podman joins ports that are next to each other on both sides.
 json PortTexts(const json& ports) {
     json texts = json::array();
     if (ports.is_array()) {
@@ -27,9 +35,10 @@ json PortTexts(const json& ports) {
             const json port = value;
             const std::string host = TextMember(port, "host_ip");
             const std::int64_t hostPort = NumberMember(port, "host_port");
+            const std::int64_t count = std::clamp<std::int64_t>(NumberMember(port, "range"), 1, MostPorts);
             texts.push_back(
-                (hostPort == 0 ? "" : (host.empty() ? "" : host + ":") + std::to_string(hostPort) + "->") +
-                std::to_string(NumberMember(port, "container_port")) + "/" + TextMember(port, "protocol"));
+                (hostPort == 0 ? "" : (host.empty() ? "" : host + ":") + PortText(hostPort, count) + "->") +
+                PortText(NumberMember(port, "container_port"), count) + "/" + TextMember(port, "protocol"));
         }
     }
     return texts;

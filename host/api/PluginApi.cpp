@@ -19,6 +19,8 @@ using QxNJson::json;
 
 namespace {
 
+constexpr std::chrono::seconds ListDeadline{5};
+
 const std::string& Directory() { return QxNContainer::QxNContainerPaths::PLUGINS_DIR; }
 
 /// The library's plugin operations belong to its control thread.
@@ -29,10 +31,11 @@ Task<json> Rescan(Ground& ground) {
     });
 }
 
-/// @return the plugin in the user directory's file of that name; null when the scan found none
-json FindFile(const json& list, const std::string& fileName) {
+/// @param directory  "user" or "system"; empty: the first that has such a file, as for the library
+/// @return the plugin in the file of that name; null when the scan found none
+json FindFile(const json& list, const std::string& fileName, const std::string& directory) {
     for (const auto& plugin : list["plugins"]) {
-        if (plugin["fileName"] == fileName && plugin["directory"] == "user") {
+        if (plugin["fileName"] == fileName && (directory.empty() || plugin["directory"] == directory)) {
             return plugin;
         }
     }
@@ -48,7 +51,7 @@ Task<Reply> Upload(Ground& ground, Request& request) {
     co_await QxNHttp::Place(file, Directory() + "/" + visibleName);
     QxNHttp::UploadedFile visible(Directory() + "/" + visibleName, file.Size());
     const json found = co_await Rescan(ground);
-    if (FindFile(found, visibleName).is_null()) {
+    if (FindFile(found, visibleName, "user").is_null()) {
         co_await OnWorker(ground, [&] { visible.Remove(); });
         throw Problem(Status::unprocessable_entity,
                       "This is no plugin file: it does not end in a plugin's trailer. Nothing was kept.");
@@ -67,17 +70,18 @@ Task<Reply> Remove(Ground& ground, const std::string& name) {
     co_return Reply::Empty();
 }
 
-Task<Reply> Switch(Ground& ground, const std::string& name, const std::string& action) {
+Task<Reply> Switch(Ground& ground, const Request& request) {
+    const std::string& name = request.segments[3];
+    const std::string& action = request.segments[4];
+    const std::string directory = request.Parameter("directory");
     if (action != "activate" && action != "deactivate") {
         throw Problem(Status::not_found, "A plugin can be activated and deactivated.");
     }
-    const json list = co_await Rescan(ground);
-    json plugin;
-    for (const auto& candidate : list["plugins"]) {
-        if (candidate["fileName"] == name) {
-            plugin = candidate;
-        }
+    if (!directory.empty() && directory != "user" && directory != "system") {
+        throw Problem(Status::bad_request, "The directory of a plugin is 'user' or 'system'.");
     }
+    const json list = co_await Rescan(ground);
+    const json plugin = FindFile(list, name, directory);
     if (plugin.is_null()) {
         throw Problem(Status::not_found, "There is no plugin in a file '" + name + "'.");
     }
@@ -118,8 +122,8 @@ Reply ListReply(const Ground& ground, const json& list) {
 
 void AddPluginRequests(QxNHttp::Router& router, Ground& ground) {
     router.Add(Verb::get, "/plugins", Right::Look, [&ground](Request&) -> Task<Reply> {
-        const json list =
-            co_await ground.keeper.OnControlThread([&] { return ground.keeper.Service().listPlugins(); });
+        auto listing = [&keeper = ground.keeper] { return keeper.Service().listPlugins(); };
+        const json list = co_await ground.keeper.OnControlThreadWithin(ListDeadline, listing);
         co_return ListReply(ground, list);
     });
     router.Add(Verb::post, "/plugins/rescan", Right::Act, [&ground](Request&) -> Task<Reply> {
@@ -132,7 +136,5 @@ void AddPluginRequests(QxNHttp::Router& router, Ground& ground) {
         co_return co_await Remove(ground, request.segments[3]);
     });
     router.Add(Verb::post, "/plugins/{file}/{action}", Right::Act,
-               [&ground](Request& request) -> Task<Reply> {
-                   co_return co_await Switch(ground, request.segments[3], request.segments[4]);
-               });
+               [&ground](Request& request) -> Task<Reply> { co_return co_await Switch(ground, request); });
 }

@@ -102,6 +102,24 @@ public:
 
     Task<UploadedFile> ToFile(const std::string& directory, std::uint64_t limit) override {
         UploadTarget target(directory, _contentLength);
+        std::exception_ptr failure;
+        try {
+            co_await ReadInto(target, limit);
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        if (failure) {
+            co_await target.Discard();
+            std::rethrow_exception(failure);
+        }
+        _isBodyRead = true;
+        co_return co_await target.Finish();
+    }
+
+private:
+    using HeaderParser = http::request_parser<http::empty_body>;
+
+    Task<void> ReadInto(UploadTarget& target, std::uint64_t limit) {
         const auto parser = co_await TakeBody<http::buffer_body>(limit);
         std::vector<char> piece(FilePiece);
         while (!parser->is_done()) {
@@ -119,12 +137,7 @@ public:
             }
             co_await target.Write(piece.data(), piece.size() - body.size);
         }
-        _isBodyRead = true;
-        co_return co_await target.Finish();
     }
-
-private:
-    using HeaderParser = http::request_parser<http::empty_body>;
 
     /// @return whether another request may follow
     Task<bool> ServeNext() {

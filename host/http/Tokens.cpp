@@ -107,27 +107,31 @@ std::string Tokens::Make(const std::string& name, Right right) {
         throw Problem(Status::internal_server_error, "The system has no random numbers to give.");
     }
     std::string token = Hex(random.data(), random.size());
-    const std::lock_guard lock(_mutex);
-    if (std::any_of(_entries.begin(), _entries.end(),
-                    [&](const Entry& entry) { return entry.name == name; })) {
+    const std::lock_guard lock(_change);
+    std::vector<Entry> entries = List();
+    if (std::any_of(entries.begin(), entries.end(), [&](const Entry& entry) { return entry.name == name; })) {
         throw Problem(Status::conflict, "There is a token named '" + name + "' already; remove it first.");
     }
-    std::vector<Entry> entries = _entries;
     entries.push_back({name, right, TimeText(std::chrono::system_clock::now()), HashOf(token)});
-    _Write(entries);
-    _entries = std::move(entries);
+    _Change(std::move(entries));
     return token;
 }
 
 bool Tokens::Remove(const std::string& name) {
-    const std::lock_guard lock(_mutex);
-    std::vector<Entry> entries = _entries;
+    const std::lock_guard lock(_change);
+    std::vector<Entry> entries = List();
     if (std::erase_if(entries, [&](const Entry& entry) { return entry.name == name; }) == 0) {
         return false;
     }
-    _Write(entries);
-    _entries = std::move(entries);
+    _Change(std::move(entries));
     return true;
+}
+
+/// Whoever asks whether a token is known does not wait for the disk.
+void Tokens::_Change(std::vector<Entry> entries) {
+    _Write(entries);
+    const std::lock_guard lock(_mutex);
+    _entries.swap(entries);
 }
 
 void Tokens::_Write(const std::vector<Entry>& entries) const {

@@ -38,8 +38,10 @@ public:
 
 private:
     void _Write(const std::vector<Entry>& entries) const;
+    void _Change(std::vector<Entry> entries);
 
     const std::string _path;
+    std::mutex _change;  ///< one at a time, however long the disk takes
     mutable std::mutex _mutex;
     std::vector<Entry> _entries;
 };

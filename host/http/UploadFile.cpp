@@ -68,6 +68,13 @@ Task<void> UploadTarget::Write(const char* data, size_t size) {
     _written += size;
 }
 
+Task<void> UploadTarget::Discard() {
+    co_await InBackground(DiskThread(), [&] {
+        _file.Remove();
+        _output.Reset();
+    });
+}
+
 Task<UploadedFile> UploadTarget::Finish() {
     co_await InBackground(DiskThread(), [&] {
         if (fchmod(_output.Get(), FileMode) != 0 || fsync(_output.Get()) != 0) {

@@ -16,7 +16,7 @@ inline constexpr const char* HiddenUploadPrefix = ".qxcontainerd-upload-";
 Task<bool> Place(UploadedFile& file, std::string path);
 
 /// The file that a body is written to, on a thread for disks so that a slow one holds up nobody else. Goes when it is
-/// not finished.
+/// not finished, on the thread of whoever gives it up; Discard() is the way for files that may be large.
 class UploadTarget {
 public:
     /// @param directory  made when it is missing
@@ -28,6 +28,8 @@ public:
     Task<void> Write(const char* data, size_t size);
     /// @return the file, safe on the disk
     Task<UploadedFile> Finish();
+    /// Removes it now: releasing gigabytes takes a disk its time.
+    Task<void> Discard();
 
 private:
     QxNSupport::UniqueFd _output;

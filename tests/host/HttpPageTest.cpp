@@ -79,7 +79,10 @@ TEST_F(HttpPages, AreKeptByBrowsersOnlyWhereNamesChangeWithTheContent) {
 
 TEST_F(HttpPages, CarryTheProtectingHeaders) {
     const Answer page = Ask(Get("/"));
-    EXPECT_THAT(page.Header("content-security-policy"), HasSubstr("frame-ancestors 'none'"));
+    EXPECT_EQ(
+        page.Header("content-security-policy"),
+        "default-src 'none'; script-src 'self'; style-src 'self'; img-src 'self' data:; font-src 'self'; "
+        "connect-src 'self'; base-uri 'none'; form-action 'none'; frame-ancestors 'none'");
     EXPECT_EQ(page.Header("x-content-type-options"), "nosniff");
     EXPECT_EQ(page.Header("referrer-policy"), "no-referrer");
 }
