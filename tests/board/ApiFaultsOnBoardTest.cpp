@@ -1,6 +1,7 @@
 // What the daemon makes of a board with something wrong.
 
 #include "ApiOnBoard.h"
+#include "PluginBoard.h"
 
 #include <gmock/gmock.h>
 #include <chrono>
@@ -240,6 +241,103 @@ TEST(AlwaysOnBoard, TheServiceComesWithALateDrive) {
     EXPECT_EQ(Ask("/service").Json()["enabled"], true);
 }
 
+TEST(AlwaysOnBoard, AServiceThatIsDisabledStaysSo) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Daemon daemon({"--restart", "always", "--restart-delay", "0.1"});
+    ASSERT_TRUE(Becomes("failed"));
+    EXPECT_EQ(Problem(), "The container service is disabled; enable it, then start it.");
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_EQ(State(), "failed");
+    EXPECT_EQ(Restarts(), 0U);
+    EXPECT_EQ(Post("/service/start").status, 409);
+    EXPECT_EQ(Ask("/service").Json()["enabled"], false);
+
+    EXPECT_EQ(Post("/service/enable").status, 200);
+    EXPECT_EQ(State(), "stopped");
+    EXPECT_EQ(Post("/service/start").status, 200);
+    EXPECT_EQ(State(), "running");
+}
+
+TEST(AlwaysOnBoard, DisablingHoldsWhileADriveIsWaitedFor) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Output("mkdir /run/drive && mount --move /userstorage1 /run/drive");
+    Daemon daemon({"--enable", "--restart", "always", "--restart-delay", "1", "--restart-limit", "50"});
+    ASSERT_TRUE(Becomes("waiting"));
+
+    EXPECT_EQ(Post("/service/disable").status, 200);
+    Output("mount --move /run/drive /userstorage1");
+
+    ASSERT_TRUE(Becomes("failed"));
+    EXPECT_EQ(Problem(), "The container service is disabled; enable it, then start it.");
+    EXPECT_EQ(Ask("/service").Json()["enabled"], false);
+    EXPECT_THAT(Processes("podman system service"), IsEmpty());
+}
+
+TEST(AlwaysOnBoard, AStopEndsTheWaitingForGood) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Output("mkdir /run/drive && mount --move /userstorage1 /run/drive");
+    Daemon daemon({"--enable", "--restart", "always", "--restart-delay", "0.5", "--restart-limit", "50"});
+    ASSERT_TRUE(Becomes("waiting"));
+
+    EXPECT_EQ(Post("/service/stop").status, 200);
+    Output("mount --move /run/drive /userstorage1");
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+
+    EXPECT_EQ(State(), "stopped");
+    EXPECT_THAT(Processes("podman system service"), IsEmpty());
+}
+
+class AlwaysOnReadyBoard : public ApiOnBoard {
+protected:
+    AlwaysOnReadyBoard() : ApiOnBoard({"--restart", "always"}) {}
+};
+
+TEST_F(AlwaysOnReadyBoard, AStopStaysAStop) {
+    EXPECT_EQ(Post("/service/stop").status, 200);
+    std::this_thread::sleep_for(std::chrono::seconds(2));
+    EXPECT_EQ(State(), "stopped");
+    EXPECT_THAT(Processes("podman system service"), IsEmpty());
+    EXPECT_EQ(Restarts(), 0U);
+}
+
+TEST_F(ApiOnBoard, IsNotStartedAgainWhenItWasDisabled) {
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    EXPECT_EQ(Post("/service/disable").status, 200);
+    Output("pkill -KILL -f '[p]odman system service'");
+    ASSERT_TRUE(Becomes("failed"));
+    EXPECT_EQ(Problem(), "The container service is disabled; enable it, then start it.");
+    EXPECT_THAT(Ask("/service").Json()["restarts"]["history"][0]["cause"].get<std::string>(),
+                HasSubstr("Podman is gone"));
+}
+
+TEST(ApiPlugins, AreNotWaitedForWhileACommandOfOneTakesItsTime) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    PluginBoard::Install({"slow", "sleep 8"});
+    Daemon daemon({"--enable"});
+    ASSERT_TRUE(Becomes("starting"));
+    const Answer answer = Ask("/plugins");
+    EXPECT_EQ(answer.status, 503);
+    EXPECT_THAT(answer.Detail(), HasSubstr("The service is just starting, which takes its time"));
+    ASSERT_TRUE(Becomes("running"));
+    EXPECT_EQ(Ask("/plugins").Json()["plugins"][0]["isLoaded"], true);
+}
+
+TEST_F(ApiOnBoard, TellsWhenLayersFindNoRoom) {
+    ImportBusybox();
+    Output(
+        "podman run --network=none --name big localhost/busybox:1 dd if=/dev/urandom of=/big bs=1M count=40 "
+        "&& "
+        "podman commit -q big localhost/big:1 && podman save -q -o /tmp/big.tar localhost/big:1 && "
+        "podman rm -f big && podman rmi -f localhost/big:1");
+    Output(
+        "free=$(($(stat -f -c '%a * %S' /userstorage1) - 60 * 1024 * 1024)); "
+        "mkdir -p /userstorage1/container_rte; fallocate -l $free /userstorage1/ballast");
+    const Answer answer = Post("/images", "-T /tmp/big.tar");
+    EXPECT_EQ(answer.status, 507) << answer.text;
+    EXPECT_THAT(answer.Detail(), HasSubstr("There is no room for the image"));
+    EXPECT_EQ(Output("find " + IMAGES_STORAGE_DIR + " -type f | wc -l"), "0");
+}
+
 TEST_F(ApiOnBoard, KeepsNothingWithoutAUserStorage) {
     Output("umount -l /userstorage1");
     for (const char* const file : {"/compose-files/x.yaml", "/plugins/x.crp"}) {
@@ -352,8 +450,8 @@ TEST_F(ApiOnBoard, EndsInOrderWhileAFileIsUploaded) {
         "head -c 50M /dev/zero >/tmp/large; (curl -s --limit-rate 1M --unix-socket "
         "/run/qxcontainerd/api.sock "
         "-T /tmp/large http://board/api/v1/plugins/large.crp >/dev/null 2>&1 &)");
-    ASSERT_TRUE(
-        Eventually([] { return !Shell("ls -A /userstorage1/container_rte/plugins").output.empty(); }));
+    ASSERT_TRUE(Eventually(
+        [] { return !Shell("ls -A /userstorage1/container_rte/plugins 2>/dev/null").output.empty(); }));
     EXPECT_EQ(daemon.Stop(), 0);
     EXPECT_EQ(Output("ls -A /userstorage1/container_rte/plugins"), "");
 }
@@ -420,6 +518,11 @@ TEST(ApiFirstToken, IsMadeByTheDaemonThatNeedsOne) {
         Output("/opt/qx/bin/qxcontainerd --tokens /tmp/tokens.json --make-token first --act");
     EXPECT_EQ(Shell("/opt/qx/bin/qxcontainerd --tokens /tmp/tokens.json --make-token first").status, 3);
     EXPECT_EQ(Shell("/opt/qx/bin/qxcontainerd --tokens /tmp/tokens.json --make-token 'a b'").status, 2);
+    WriteFile("/tmp/broken.json", "{");
+    const Outcome broken = Shell("/opt/qx/bin/qxcontainerd --tokens /tmp/broken.json");
+    EXPECT_EQ(broken.status, 3);
+    EXPECT_THAT(broken.output,
+                HasSubstr("the tokens in /tmp/broken.json cannot be read; mend the file or remove it"));
 
     Daemon daemon({"--listen", "0.0.0.0:9000", "--tokens", "/tmp/tokens.json", "--certificate",
                    "/opt/qx/share/certs/server.crt", "--key", "/opt/qx/share/certs/server.key"});

@@ -277,6 +277,109 @@ TEST_F(ApiOnBoard, TakesPlugins) {
     EXPECT_THAT(Post("/plugins/rescan").Json()["plugins"], IsEmpty());
 }
 
+TEST_F(ApiOnBoard, RunsOneOperationOnAProjectAtATime) {
+    for (const char* file : {"web.yaml", "web.yml"}) {
+        EXPECT_EQ(Ask(std::string("/compose-files/") + file, "-X PUT -d 'services: {}'").status, 201);
+    }
+    Output(
+        "rm /bin/docker-compose; printf '#!/bin/sh\\necho >>/tmp/asked; sleep 3\\n' >/bin/docker-compose; "
+        "chmod +x /bin/docker-compose");
+    Shell(
+        "(curl -s --unix-socket /run/qxcontainerd/api.sock -X POST "
+        "http://board/api/v1/projects/web.yaml/start >/tmp/first 2>&1; echo done >>/tmp/first) >/dev/null "
+        "2>&1 &");
+    ASSERT_TRUE(Eventually([] { return std::filesystem::exists("/tmp/asked"); }));
+    for (const char* file : {"web.yaml", "web.yml"}) {
+        const Answer answer = Post(std::string("/projects/") + file + "/stop");
+        EXPECT_EQ(answer.status, 409) << file;
+        EXPECT_THAT(answer.Detail(), HasSubstr("Another operation on 'web' is still running."));
+    }
+    EXPECT_TRUE(Eventually([] { return ReadFile("/tmp/first").ends_with("done\n"); }));
+}
+
+TEST_F(ApiOnBoard, SwitchesThePluginOfItsDirectory) {
+    WriteFile("/tmp/image", PluginBoard::PluginImage());
+    Output(
+        std::string("mkdir -p ") + CRP::SYSTEM_PLUGIN_DIR +
+        "; for version in 1.0 1.1; do /opt/qx/bin/crp pack --name net --version $version --image /tmp/image "
+        "-o /tmp/net-$version.crp; done; mv /tmp/net-1.0.crp " +
+        CRP::SYSTEM_PLUGIN_DIR + "/net.crp");
+    EXPECT_EQ(Ask("/plugins/net.crp", "-T /tmp/net-1.1.crp").status, 201);
+    ASSERT_THAT(Post("/plugins/rescan").Json()["plugins"], SizeIs(2));
+    const auto configured = [] { return json::parse(ReadFile(PLUGIN_CONFIG_FILE)).dump(); };
+
+    // The user's goes before the system's, as it is the one that is loaded.
+    EXPECT_EQ(Post("/plugins/net.crp/deactivate").status, 204);
+    EXPECT_THAT(configured(), HasSubstr("1.1"));
+    EXPECT_THAT(configured(), Not(HasSubstr("1.0")));
+    EXPECT_EQ(Post("/plugins/net.crp/deactivate?directory=system").status, 204);
+    EXPECT_THAT(configured(), HasSubstr("1.0"));
+    EXPECT_EQ(Post("/plugins/net.crp/activate?directory=user").status, 204);
+    EXPECT_THAT(configured(), Not(HasSubstr("1.1")));
+    EXPECT_EQ(Post("/plugins/net.crp/activate?directory=home").status, 400);
+}
+
+TEST_F(ApiOnBoard, ListsPublishedPorts) {
+    ImportBusybox();
+    Output(
+        "podman create --name web -p 8080:80 -p 8081:81 -p 127.0.0.1:9000:90/udp localhost/busybox:1 true");
+    const json ports = Ask("/containers").Json()["containers"][0]["ports"];
+    EXPECT_THAT(ports.get<std::vector<std::string>>(),
+                testing::UnorderedElementsAre("127.0.0.1:9000->90/udp", "8080-8081->80-81/tcp"));
+}
+
+TEST_F(ApiOnBoard, HoldsNoUploadInMemory) {
+    Output("truncate -s 200M /tmp/large");
+    const auto peak = [&] {
+        return std::stol(Output("sed -n 's/^VmHWM:[^0-9]*\\([0-9]*\\).*/\\1/p' /proc/" +
+                                std::to_string(daemon.Pid()) + "/status"));
+    };
+    const long before = peak();
+    EXPECT_EQ(Ask("/plugins/large.crp", "-T /tmp/large").status, 422);
+    EXPECT_LT(peak() - before, 32 << 10) << "KiB";
+}
+
+/// @return the value of a figure
+std::string Metric(const std::string& name) {
+    const std::string text = "\n" + Ask("/metrics").text + "\n";
+    const size_t at = text.find("\n" + name + " ");
+    EXPECT_THAT(text, HasSubstr("\n# TYPE " + name + (name.ends_with("_total") ? " counter\n" : " gauge\n")));
+    EXPECT_THAT(text, HasSubstr("\n# HELP " + name + " "));
+    return at == std::string::npos
+               ? "(none)"
+               : text.substr(at + name.size() + 2, text.find('\n', at + 1) - at - name.size() - 2);
+}
+
+TEST_F(ApiOnBoard, GivesFigures) {
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    EXPECT_EQ(Metric("qx_podman_up"), "1");
+    EXPECT_EQ(Metric("qx_service_enabled"), "1");
+    EXPECT_EQ(Metric("qx_podman_restarts_total"), "0");
+    EXPECT_EQ(Metric("qx_log_streams"), "0");
+    EXPECT_EQ(Metric("qx_log_viewers"), "0");
+    EXPECT_GE(std::stol(Metric("process_resident_memory_bytes")), 1 << 20);
+    const long messages = std::stol(Metric("qx_messages_total"));
+
+    RunContainer("clock", "while :; do date; sleep 0.2; done");
+    Shell(
+        "for i in 1 2; do curl -sN --unix-socket /run/qxcontainerd/api.sock -H 'Connection: Upgrade' -H "
+        "'Upgrade: websocket' -H 'Sec-WebSocket-Version: 13' -H 'Sec-WebSocket-Key: "
+        "MDEyMzQ1Njc4OWFiY2RlZg==' "
+        "http://board/api/v1/containers/clock/logs >/dev/null 2>&1 & done");
+    EXPECT_TRUE(Eventually([] { return Metric("qx_log_viewers") == "2"; }));
+    EXPECT_EQ(Metric("qx_log_streams"), "1");
+
+    Output("pkill -KILL -f '[p]odman system service'");
+    EXPECT_TRUE(Eventually([] { return Metric("qx_podman_restarts_total") == "1"; }));
+    ASSERT_TRUE(Becomes("running"));
+    EXPECT_EQ(Post("/service/disable").status, 200);
+    EXPECT_EQ(Post("/service/stop").status, 200);
+    EXPECT_EQ(Metric("qx_podman_up"), "0");
+    EXPECT_EQ(Metric("qx_service_enabled"), "0");
+    EXPECT_GT(std::stol(Metric("qx_messages_total")), messages);
+    Shell("pkill curl");
+}
+
 TEST_F(ApiOnBoard, WantsATokenOnTcp) {
     const std::string base = "http://127.0.0.1:8089/api/v1";
     EXPECT_EQ(Curl(base + "/service").status, 401);

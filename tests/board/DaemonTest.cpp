@@ -203,4 +203,9 @@ TEST(Daemon, ReportsErrorsOfTheBoardsFileSystem) {
     EXPECT_THAT(FailureOf("", "--enable"), HasSubstr("The board's file system fails"));
 }
 
+TEST(Daemon, ReportsASocketDirectoryThatCannotBeMade) {
+    WriteFile("/run/podman", "a file in the way");
+    EXPECT_THAT(FailureOf("", "--enable"), HasSubstr("The board's file system fails"));
+}
+
 }  // namespace

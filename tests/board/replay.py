@@ -403,6 +403,7 @@ class Replay:
             self.call("switchPlugin", 204, {"action": action})
         for name in ("uploadPlugin", "deletePlugin"):
             self.call(name, 400, {"file": "-bad"})
+        self.call("switchPlugin", 400, query={"directory": "home"})
         self.call("switchPlugin", 404, {"file": "missing.crp"})
         self.call("deletePlugin", 204)
         self.call("deletePlugin", 404)

@@ -140,6 +140,14 @@ TEST_F(ComposeStatusQuery, ThatIsNotJsonRaisesTheParseError) {
     }
 }
 
+TEST_F(ComposeStatusQuery, WithANumberBeyondAllBoundsRaisesTheRangeError) {
+    ToolPrints("[{\"Name\":\"web\",\"State\":\"running\",\"Size\":1e999}]\n");
+    status = "old content";
+
+    EXPECT_THROW(Ask(), json::out_of_range);
+    EXPECT_TRUE(status.is_null());
+}
+
 // --- Transitions ---
 
 struct Row {

@@ -168,7 +168,8 @@ TEST_P(SettingsBadText, IsAWarningAndLeavesTheValuesInMemory) {
 
 INSTANTIATE_TEST_SUITE_P(Texts, SettingsBadText,
                          testing::Values("", "{", "{\"enabled\": false", "not json", "{\"enabled\": false} x",
-                                         std::string("{\"a\": \"\xff\"}"), std::string(20000, '[')));
+                                         std::string("{\"a\": \"\xff\"}"), std::string(20000, '['),
+                                         "{\"enabled\": false, \"tcp_port\": 1e999}"));
 
 TEST(Settings, ADirectoryInTheFilesPlaceIsAWarningAndAWriteError) {
     std::filesystem::create_directories(Board::SETTINGS_FILE);

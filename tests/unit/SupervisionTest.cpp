@@ -390,6 +390,14 @@ TEST(Supervision, ASocketDirectoryThatCannotBeMadeReachesTheCaller) {
     EXPECT_THROW(Service(0).SpawnPodmanService(0), std::filesystem::filesystem_error);
 }
 
+TEST(Supervision, ASocketDirectoryThatCannotBeMadeIsNotCaughtInTheMonitorThread) {
+    FakePodman{}.Install();
+    QxCContainer& service = Service(0);
+    Sandbox::WriteFile("/run/podman", "a file in the way");
+
+    EXPECT_THROW(QxCContainer::ThreadHandler(&service), std::filesystem::filesystem_error);
+}
+
 // --- Services that end ---
 
 TEST(Supervision, ANormalExitIsADebugLine) {

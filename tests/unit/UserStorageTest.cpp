@@ -11,6 +11,7 @@ using QxNContainer::QxCWriteThroughCacheGuard;
 using Recording::TheScript;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::SizeIs;
 
 /// Takes the place of the C library's: what the attribute holds at this moment tells the order.
 extern "C" void sync() noexcept {
@@ -40,6 +41,7 @@ struct RefusalCase {
     const char* name;
     void (*prepare)();
     const char* reason;
+    bool asksForMounts = true;
 };
 
 class UserStorageRefusal : public testing::TestWithParam<RefusalCase> {};
@@ -53,6 +55,7 @@ TEST_P(UserStorageRefusal, GivesItsReason) {
     EXPECT_FALSE(service.HasValidUserStorage(&reason));
     EXPECT_EQ(reason, GetParam().reason);
     EXPECT_THAT(Recording::Logs(), IsEmpty());
+    EXPECT_THAT(Recording::Events("getBlockDeviceMountInfo"), SizeIs(GetParam().asksForMounts ? 1 : 0));
     EXPECT_FALSE(service.HasValidUserStorage(nullptr));
     EXPECT_EQ(Recording::LiveLists(), 0);
 }
@@ -60,9 +63,9 @@ TEST_P(UserStorageRefusal, GivesItsReason) {
 INSTANTIATE_TEST_SUITE_P(
     Causes, UserStorageRefusal,
     testing::Values(
-        RefusalCase{"Missing", [] {}, "Container service requires a mounted userstorage1 device"},
+        RefusalCase{"Missing", [] {}, "Container service requires a mounted userstorage1 device", false},
         RefusalCase{"PlainDirectory", [] { std::filesystem::create_directory("/userstorage1"); },
-                    "Container service requires a mounted userstorage1 device"},
+                    "Container service requires a mounted userstorage1 device", false},
         RefusalCase{
             "NotInTheMountInformation",
             [] {
