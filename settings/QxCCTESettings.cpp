@@ -152,7 +152,8 @@ void QxCCTESettings::_Read() {
 }
 
 bool QxCCTESettings::_Write() const {
-    std::filesystem::create_directories(std::filesystem::path(_filePath).parent_path());
+    static const std::filesystem::path directory = std::filesystem::path(_filePath).parent_path();
+    std::filesystem::create_directories(directory);
     // Before the file is emptied: when memory runs out here, the settings stay as they were.
     const std::string text = _ToJson().dump(4);
     QxNSupport::OutputFile file(_filePath);

@@ -72,10 +72,18 @@ private:
             usleep(std::uniform_int_distribution<useconds_t>(0, _longestPause)(_random));
             const std::vector<int> children = Sandbox::Children();
             if (!children.empty()) {
-                const size_t chosen = std::uniform_int_distribution<size_t>(0, children.size() - 1)(_random);
-                _count += syscall(SYS_kill, children[chosen], SIGKILL) == 0 ? 1 : 0;
+                const int chosen =
+                    children[std::uniform_int_distribution<size_t>(0, children.size() - 1)(_random)];
+                _count += Runs(chosen) && syscall(SYS_kill, chosen, SIGKILL) == 0 ? 1 : 0;
             }
         }
+    }
+
+    /// @return whether a child has not ended yet; one that nobody has collected takes every signal
+    static bool Runs(int child) {
+        siginfo_t info{};
+        return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == 0;
     }
 
     std::mt19937 _random;
