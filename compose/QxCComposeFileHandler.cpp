@@ -161,7 +161,10 @@ int QxCComposeFileHandler::_getContainerStatus(const std::string& composeFilePat
     return 0;
 }
 
+// By value, as the class declares it.
+// NOLINTBEGIN(performance-unnecessary-value-param)
 int QxCComposeFileHandler::_getStateTransition(int cmdType, std::string expectedState, json before,
                                                json after, json& containers) {
     return QxNCompose::CompareStates(cmdType, expectedState, std::move(before), after, containers);
 }
+// NOLINTEND(performance-unnecessary-value-param)

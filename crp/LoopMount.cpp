@@ -66,7 +66,7 @@ void release(const UniqueFd& device) { ioctl(device.Get(), LOOP_CLR_FD); }
 }  // namespace
 
 std::optional<std::string> bind(const std::string& file, std::uint64_t sizeLimit) {
-    const std::optional<std::string> path = findFreeDevice();
+    std::optional<std::string> path = findFreeDevice();
     if (!path) {
         return std::nullopt;
     }

@@ -12,6 +12,7 @@ struct PluginVersion {
     std::int32_t minor = 0;
     std::int32_t patch = 0;
 
+    // NOLINTNEXTLINE(modernize-use-nullptr): there is no null pointer in it
     friend auto operator<=>(const PluginVersion&, const PluginVersion&) = default;
 };
 

@@ -99,13 +99,21 @@ void AddRemove(CLI::App& group, Tool& tool) {
 }
 
 void AddSwitch(CLI::App& group, Tool& tool, const char* action, const char* description) {
-    const auto name = std::make_shared<std::string>();
+    struct Options {
+        std::string name;
+        bool isOfSystem = false;
+    };
+    const auto options = std::make_shared<Options>();
     CLI::App* const command =
         AddCommand(group, action, description, std::string("qxctl plugin ") + action + " network.crp");
-    AddArgument(command, "PLUGIN", *name, "Name of the file");
-    OnCommand(command, tool, [&tool, name, action] {
-        return tool.Do({.method = "POST", .target = ApiPath({"plugins", *name, action})},
-                       *name + " " + action + "d; in effect after the next start of the daemon");
+    AddArgument(command, "PLUGIN", options->name, "Name of the file");
+    command->add_flag("--system", options->isOfSystem,
+                      "The system's, where the user has one of that name too");
+    OnCommand(command, tool, [&tool, options, action] {
+        const char* const directory = options->isOfSystem ? "system" : "";
+        return tool.Do({.method = "POST",
+                        .target = ApiPath({"plugins", options->name, action}, {{"directory", directory}})},
+                       options->name + " " + action + "d; in effect after the next start of the daemon");
     });
 }
 

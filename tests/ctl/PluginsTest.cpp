@@ -117,8 +117,11 @@ TEST_F(CtlPlugins, RemovesAndSwitchesThem) {
               "n.crp activated; in effect after the next start of the daemon\n");
     EXPECT_EQ(RunCtl({"plugin", "deactivate", "n.crp"}).output,
               "n.crp deactivated; in effect after the next start of the daemon\n");
+    daemon.On("POST /plugins/n.crp/deactivate?directory=system", {204, ""});
+    EXPECT_EQ(RunCtl({"plugin", "deactivate", "--system", "n.crp"}).exitCode, 0);
     EXPECT_EQ(daemon.Log(),
-              "DELETE /plugins/n.crp\nPOST /plugins/n.crp/activate\nPOST /plugins/n.crp/deactivate\n");
+              "DELETE /plugins/n.crp\nPOST /plugins/n.crp/activate\nPOST /plugins/n.crp/deactivate\n"
+              "POST /plugins/n.crp/deactivate?directory=system\n");
 }
 
 TEST_F(CtlPlugins, MakesTokens) {
