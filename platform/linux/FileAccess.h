@@ -14,7 +14,7 @@ struct FileContent {
 /// Reads a regular file, a procfs or a sysfs file.
 /// @param path       the file
 /// @param limit      more than this many bytes is an error (EFBIG)
-FileContent readFile(const std::string& path, std::size_t limit = 1024 * 1024);
+FileContent readFile(const std::string& path, std::size_t limit = 1024UL * 1024);
 
 /// Reads at most `limit` bytes from the beginning of a file.
 FileContent readFileStart(const std::string& path, std::size_t limit);

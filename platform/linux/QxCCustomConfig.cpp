@@ -55,7 +55,7 @@ QxCCustomConfig* QxCCustomConfig::getInstance() {
 
 std::string QxCCustomConfig::getOption(const char* section, const char* option, const char* defaultValue,
                                        bool reread) {
-    const std::string fallback = defaultValue != nullptr ? defaultValue : "";
+    std::string fallback = defaultValue != nullptr ? defaultValue : "";
     if (section == nullptr || option == nullptr) {
         return fallback;
     }
