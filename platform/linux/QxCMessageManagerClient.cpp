@@ -13,8 +13,6 @@
 
 #include <syslog.h>
 
-using QxNLinuxPlatform::MessageNumber;
-
 namespace {
 
 using namespace QxNLinuxPlatform;

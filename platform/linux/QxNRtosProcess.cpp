@@ -42,7 +42,7 @@ bool runsProgram(const std::string& directory, const std::string& name) {
     if (!isRunningProgram(readFile(directory + "/stat").text)) {
         return false;
     }
-    constexpr std::size_t EnoughForPaths = 16 * 1024;
+    constexpr std::size_t EnoughForPaths = 16UL * 1024;
     ProcessFacts process;
     process.arguments = splitArguments(readFileStart(directory + "/cmdline", EnoughForPaths).text);
     process.executable = readLink(directory + "/exe");

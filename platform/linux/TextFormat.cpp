@@ -14,8 +14,10 @@ std::optional<std::string> formatText(const char* format, std::va_list arguments
     std::array<char, 1024> buffer{};
     std::va_list again;
     va_copy(again, arguments);
+    // NOLINTBEGIN(clang-analyzer-valist.Uninitialized): the caller has begun it
     const int result =
         format != nullptr ? std::vsnprintf(buffer.data(), buffer.size(), format, arguments) : 0;
+    // NOLINTEND(clang-analyzer-valist.Uninitialized)
     std::string text;
     if (result < 0) {
         text = format;

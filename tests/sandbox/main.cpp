@@ -4,6 +4,9 @@
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
+#include <array>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -23,11 +26,22 @@ int RunOne(const std::string& name) {
     return status;
 }
 
+/// @return whether the checker has ended a test, with its own code or, after a fault, with the signal; a sandbox gives
+///         signals as exit codes, as a shell does
+bool IsFinding(int status) {
+    constexpr int CheckersExitCode = 99;
+    constexpr int FirstOfSignals = 128;
+    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : FirstOfSignals + WTERMSIG(status);
+    const std::array<int, 4> faults{SIGSEGV, SIGBUS, SIGILL, SIGFPE};
+    return code == CheckersExitCode ||
+           std::find(faults.begin(), faults.end(), code - FirstOfSignals) != faults.end();
+}
+
 /// Runs each test in a process of its own, forked from this one. Under a memory checker, which translates the program,
 /// this is many times faster than to start the program for each test. A test that fails there is no finding: programs that
 /// cannot be started, for one, are not reported under it.
 /// @param pattern  of the names, as in a shell
-/// @return 1 when the checker, a signal or the sandbox has ended a test
+/// @return 1 when there is a finding
 int RunEach(const char* pattern) {
     int ran = 0;
     int bad = 0;
@@ -41,15 +55,13 @@ int RunEach(const char* pattern) {
             }
             ++ran;
             const int status = RunOne(name);
-            // A test ends with 0 or 1, the checker with a code of its own, and a sandbox in which a signal or a lack of
-            // something ended the test with others.
-            if (!WIFEXITED(status) || WEXITSTATUS(status) > 1) {
-                printf("did not come to an end of its own: %s\n", name.c_str());
+            if (IsFinding(status)) {
+                printf("the checker complains of %s\n", name.c_str());
                 ++bad;
             }
         }
     }
-    printf("%d of %d tests did not come to an end of their own\n", bad, ran);
+    printf("the checker complains of %d of %d tests\n", bad, ran);
     return bad == 0 && ran > 0 ? 0 : 1;
 }
 

@@ -159,7 +159,7 @@ bool ExamineDirectory(const std::string& directory, const std::string& osRelease
     }
     for (const std::string& entry : *entries) {
         if (entry != "." && entry != "..") {
-            findings.push_back(Examine(directory + "/" + entry, osRelease));
+            findings.push_back(Examine(std::string(directory).append("/").append(entry), osRelease));
         }
     }
     return true;
