@@ -5,6 +5,7 @@
 #include <string>
 
 /// The CPU set of the containers, as the kernel has it.
+// NOLINTNEXTLINE(bugprone-exception-escape): moving the JSON type does not throw
 struct ContainerCpuSet {
     bool exists = false;
     std::string effective;    ///< list of cores, such as "1,3-4"
