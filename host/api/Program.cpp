@@ -39,6 +39,7 @@ std::string Content(const UniqueFd& file) {
 
 std::vector<char*> Pointers(std::vector<std::string>& words) {
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (std::string& word : words) {
         pointers.push_back(word.data());
     }

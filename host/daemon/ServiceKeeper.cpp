@@ -15,7 +15,6 @@
 
 namespace asio = boost::asio;
 using QxNContainer::QxCContainer;
-using QxNHttp::InBackground;
 using QxNHttp::Problem;
 using QxNHttp::Status;
 using QxNHttp::Task;
@@ -214,7 +213,7 @@ Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
     std::string problem;
     try {
         problem = co_await OnControlThread([this, isRestart] {
-            const std::string failure = PrepareAndStart(isRestart);
+            std::string failure = PrepareAndStart(isRestart);
             if (!_isStarted) {
                 Leftovers::Unmark();
             }
