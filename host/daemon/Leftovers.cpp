@@ -69,8 +69,9 @@ void ReleaseLoopDevices(std::vector<std::string>& found) {
         const std::string node = "/dev/" + device->path().filename().string();
         const QxNSupport::UniqueFd bound(open(node.c_str(), O_RDONLY | O_CLOEXEC));
         if (bound.IsOpen() && ioctl(bound.Get(), LOOP_CLR_FD) == 0) {
-            found.push_back("The loop device " + node + " held the plugin file " + file +
-                            " without a mount; it is free again.");
+            std::string& text = found.emplace_back("The loop device ");
+            text.append(node).append(" held the plugin file ").append(file);
+            text.append(" without a mount; it is free again.");
         }
     }
 }

@@ -238,7 +238,7 @@ std::optional<int> ReadOptions(int argc, char** argv, Options& options) {
     for (std::string& host : options.server.hosts) {
         // Brackets around a whole value are those of a list to the parser.
         if (std::count(host.begin(), host.end(), ':') > 1 && host.front() != '[') {
-            host = "[" + host + "]";
+            host.insert(0, "[").append("]");
         }
     }
     const std::string problem = Contradiction(options.server);
