@@ -45,6 +45,7 @@ public:
            const Tokens& tokens);
     Server(const Server&) = delete;
     Server& operator=(const Server&) = delete;
+    // NOLINTNEXTLINE(bugprone-exception-escape): see there
     ~Server();
 
     /// Ends all connections and accepts no more.
