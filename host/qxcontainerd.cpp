@@ -69,7 +69,7 @@ public:
 
     ExitCode Run() {
         asio::co_spawn(_io, Live(), [this](std::exception_ptr error) {
-            _failure = error;
+            _failure = std::move(error);
             _io.stop();
         });
         _io.run();

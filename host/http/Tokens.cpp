@@ -78,7 +78,7 @@ Tokens::Tokens(std::string path) : _path(std::move(path)) {
         Entry token{TextMember(entry, "name"), RightOf(TextMember(entry, "right")),
                     TextMember(entry, "created"), TextMember(entry, "sha256")};
         if (!IsFileName(token.name) || token.right == Right::None ||
-            token.hash.size() != 2 * SHA256_DIGEST_LENGTH) {
+            token.hash.size() != 2UL * SHA256_DIGEST_LENGTH) {
             throw std::runtime_error("an entry of " + _path + " is no token; mend the file or remove it");
         }
         _entries.push_back(std::move(token));
