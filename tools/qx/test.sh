@@ -78,7 +78,7 @@ test_page() {
 # test_page_in_browser: before the stand-in, then before the daemon on a board. Pictures go to build/pictures.
 test_page_in_browser() {
     local name="page-$$"
-    [ -x "${QX_PAGE_BROWSER:-/usr/bin/chromium}" ] || install_packages host/page/packages.txt
+    [ -x "${QX_PAGE_BROWSER:-/usr/bin/chromium}" ] || install_packages host/page/test/packages.txt
     export QX_PAGE_SHOTS=$root/build/pictures
     step "Test the web page before a stand-in" npm --prefix host/page run test:browser
     install -D tools/demo/on-board.sh build/release/stage/share/demo/on-board.sh
