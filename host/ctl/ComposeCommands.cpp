@@ -52,13 +52,15 @@ void AddLs(CLI::App& group, Tool& tool) {
     });
 }
 
-/// The tool may say other things of a file under its name; one that cannot be kept under it is told apart by its text only.
+/// The tool may say other things of a file under its name; one that the daemon would not keep under it, by its rule for
+/// names, is told apart by its text only.
 std::string CheckPath(const std::string& file) {
     const std::string name = file.substr(file.rfind('/') + 1);
-    // The daemon's rule for names of compose files.
+    constexpr size_t LongestName = 128;
     static const std::regex NameOfKept("[A-Za-z0-9][A-Za-z0-9._-]*\\.ya?ml");
-    return std::regex_match(name, NameOfKept) ? ApiPath({"compose-files", "check"}, {{"file", name}})
-                                              : ApiPath({"compose-files", "check"});
+    return name.size() <= LongestName && std::regex_match(name, NameOfKept)
+               ? ApiPath({"compose-files", "check"}, {{"file", name}})
+               : ApiPath({"compose-files", "check"});
 }
 
 std::string ReadStored(const Tool& tool, const std::string& file) {

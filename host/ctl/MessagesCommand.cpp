@@ -61,23 +61,21 @@ public:
     /// One at least, which tells what is new after a break.
     std::string Target() const override {
         return ApiPath({"messages"},
-                       {{"tail", std::to_string(_wasConnected ? LargestTail : std::max(_tail, 1U))}});
+                       {{"tail", std::to_string(_hasBegun ? LargestTail : std::max(_tail, 1U))}});
     }
 
     Next Show(const Value& message) override {
         const std::string type = Answers::Text(message, "type");
         if (type == "messages") {
             ShowNew(Answers::Array(message, "messages"));
+            _hasBegun = true;
             _tool.console.Flush();
         }
         return type == "end" ? Next::ConnectAgain : Next::GoOn;
     }
 
     /// After a break all messages that are there come again, in one answer.
-    void OnConnected() override {
-        _hasBreak = !_known.empty();
-        _wasConnected = true;
-    }
+    void OnConnected() override { _hasBreak = !_known.empty(); }
 
 private:
     template <typename Messages>
@@ -134,7 +132,7 @@ private:
     const Tool& _tool;
     std::deque<std::string> _known;
     bool _hidesNext;  ///< for it was there before
-    bool _wasConnected = false;
+    bool _hasBegun = false;
     bool _hasBreak = false;  ///< since the last of them
 };
 

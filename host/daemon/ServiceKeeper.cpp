@@ -44,12 +44,16 @@ std::string WhyNotInitialised(const QxCContainer& service) {
 
 /// The library's own thread does so too, but an exception there would end the process.
 /// @throws std::filesystem::filesystem_error
-void LookAtWhatPodmanNeeds() {
+void LookAtWhatPodmanNeeds(unsigned tcpPort) {
     namespace fs = std::filesystem;
     fs::create_directories(fs::path(QxNContainer::QxNContainerPaths::PODMAN_SOCKET).parent_path());
-    const std::string& certificates = QxNContainer::QxNContainerPaths::CONTAINER_CERTS_DIR;
-    if (fs::is_directory(certificates)) {
-        const fs::directory_iterator readable(certificates);
+    const fs::path certificates = QxNContainer::QxNContainerPaths::CONTAINER_CERTS_DIR;
+    if (tcpPort == 0 || !fs::is_directory(certificates)) {
+        return;
+    }
+    const fs::directory_iterator readable(certificates);
+    for (const char* name : {"ca.crt", "server.crt", "server.key"}) {
+        static_cast<void>(fs::exists(certificates / name));
     }
 }
 
@@ -251,14 +255,14 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
         _isInitialised = true;
     } else {
         // init() once more would mount the plugins a second time and run their commands again.
-        if (!isRestart && !_service->IsContainerSystem()) {
+        if ((!isRestart || !_isWanted) && !_service->IsContainerSystem()) {
             return WhyNotInitialised(*_service);
         }
         if (!_service->AssignCpuCores()) {
             return "The cores cannot be given to the containers; the check and the log file say why.";
         }
     }
-    LookAtWhatPodmanNeeds();
+    LookAtWhatPodmanNeeds(_tcpPort);
     // Also where it throws, Podman may be there and has to be stopped.
     _isStarted = true;
     _isStarted = _service->Start();
@@ -485,12 +489,16 @@ Task<void> ServiceKeeper::HandleLoss(std::string cause, bool hasRun) {
             co_return;  // somebody stopped or started the service meanwhile
         }
         if (!_isWanted) {
-            Fail(Disabled);
+            Enter(State::Stopping);
+            co_await StopLibrary();
+            if (!_isEnding) {
+                Fail(Disabled);
+            }
             co_return;
         }
         ++_restarts;
         co_await StartLibrary(true);
-        if (_state != State::Failed) {
+        if (_state != State::Failed || !_isWanted) {
             co_return;
         }
         cause = _problem;

@@ -82,8 +82,9 @@ public:
         auto result = co_await QxNHttp::InBackgroundWithin(_control, deadline, std::move(function));
         if (!result) {
             throw QxNHttp::Problem(QxNHttp::Status::service_unavailable,
-                                   std::string("The service is just ") + TextOf(_state) +
-                                       ", which takes its time; try again when that is done.");
+                                   IsBusy() ? std::string("The service is just ") + TextOf(_state) +
+                                                  ", which takes its time; try again when that is done."
+                                            : "The board takes its time for something else; try again soon.");
         }
         co_return std::move(*result);
     }

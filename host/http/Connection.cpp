@@ -102,9 +102,13 @@ public:
 
     Task<UploadedFile> ToFile(const std::string& directory, std::uint64_t limit) override {
         UploadTarget target(directory, _contentLength);
+        std::optional<UploadedFile> file;
         std::exception_ptr failure;
         try {
             co_await ReadInto(target, limit);
+            _isBodyRead = true;
+            UploadedFile finished = co_await target.Finish();
+            file.emplace(std::move(finished));
         } catch (...) {
             failure = std::current_exception();
         }
@@ -112,8 +116,7 @@ public:
             co_await target.Discard();
             std::rethrow_exception(failure);
         }
-        _isBodyRead = true;
-        co_return co_await target.Finish();
+        co_return std::move(*file);
     }
 
 private:

@@ -308,6 +308,25 @@ TEST_F(ApiOnBoard, IsNotStartedAgainWhenItWasDisabled) {
     EXPECT_EQ(Problem(), "The container service is disabled; enable it, then start it.");
     EXPECT_THAT(Ask("/service").Json()["restarts"]["history"][0]["cause"].get<std::string>(),
                 HasSubstr("Podman is gone"));
+    EXPECT_EQ(Post("/service/start").status, 409);
+    EXPECT_EQ(Post("/service/enable").status, 200);
+    EXPECT_EQ(State(), "stopped");
+    EXPECT_TRUE(Ask("/service").Json()["startedAt"].is_null());
+    EXPECT_EQ(Post("/service/start").status, 200);
+    EXPECT_EQ(State(), "running");
+}
+
+TEST(LoopedCertificates, AreAProblemWithATcpPortOnly) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Output("mkdir -p " + CONTAINER_CERTS_DIR + " && ln -s ca.crt " + CONTAINER_CERTS_DIR + "/ca.crt");
+    {
+        Daemon daemon({"--enable", "--tcp-port", "8443"});
+        ASSERT_TRUE(Becomes("failed"));
+        EXPECT_THAT(Problem(), HasSubstr("file system fails"));
+        EXPECT_EQ(daemon.Stop(), 0);
+    }
+    Daemon daemon({"--enable", "--tcp-port", "0"});
+    EXPECT_TRUE(Becomes("running"));
 }
 
 TEST(ApiPlugins, AreNotWaitedForWhileACommandOfOneTakesItsTime) {

@@ -87,6 +87,8 @@ TEST_F(CtlMessages, FollowsThemAsTheyCame) {
 }
 
 TEST_F(CtlMessages, FollowsNewOnesOnly) {
+    // What breaks before it begins begins anew.
+    daemon.OnLive("/messages?tail=1", [](ScriptedDaemon::Live& live) { live.Drop(); });
     // The last one before tells after a break which are new.
     daemon.OnLive("/messages?tail=1", [](ScriptedDaemon::Live& live) {
         live.Send(Messages({Message(1, 1, "before")}, "messages"));
