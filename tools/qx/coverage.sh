@@ -24,7 +24,7 @@ task_coverage() {
     require_root coverage
     build coverage
     find build/coverage -name '*.gcda' -delete
-    step "Run the unit tests" run_tests coverage -L unit
+    step "Run the unit tests" run_tests coverage coverage -L unit
     step "Count what they reached" measure_coverage build/coverage/report
     cat build/coverage/report/summary.txt
     say "Lines and branches: build/coverage/report/index.html"
