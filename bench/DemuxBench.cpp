@@ -117,6 +117,42 @@ void DemuxInPieces(benchmark::State& state, size_t pieceSize) {
 BENCHMARK_CAPTURE(DemuxInPieces, pieces, CurlChunk)->Name("DemuxPieces/ours")->Arg(16)->Arg(100)->Arg(1024);
 BENCHMARK_CAPTURE(DemuxInPieces, whole, SIZE_MAX / 2)->Name("DemuxPieces/bare")->Arg(16)->Arg(100)->Arg(1024);
 
+// --- The same pieces beside hops that also put every cut frame together ---
+
+void DemuxChunks(benchmark::State& state) { DemuxInPieces(state, CurlChunk); }
+
+/// Knows beforehand how long a cut frame is, and that none is cut twice.
+void HopAndPutTogether(benchmark::State& state) {
+    const Bytes& stream = Stream(PayloadOf(state));
+    const size_t frame = 8 + PayloadOf(state);
+    Bytes cut(frame);
+    for (auto _ : state) {
+        size_t kept = 0;
+        for (size_t at = 0; at < stream.size(); at += CurlChunk) {
+            const unsigned char* header = stream.data() + at;
+            const unsigned char* const end = header + std::min(CurlChunk, stream.size() - at);
+            if (kept != 0) {
+                std::memcpy(cut.data() + kept, header, frame - kept);
+                header += frame - kept;
+                benchmark::ClobberMemory();
+                Nothing(cut.data() + 8, PayloadOf(state));
+            }
+            while (static_cast<size_t>(end - header) >= frame) {
+                std::uint32_t length = 0;
+                std::memcpy(&length, header + 4, sizeof(length));
+                length = __builtin_bswap32(length);
+                Nothing(header + 8, length);
+                header += 8 + length;
+            }
+            kept = static_cast<size_t>(end - header);
+            std::memcpy(cut.data(), header, kept);
+        }
+    }
+}
+
+BENCHMARK(DemuxChunks)->Name("DemuxCutFrames/ours")->Arg(16)->Arg(100)->Arg(1024);
+BENCHMARK(HopAndPutTogether)->Name("DemuxCutFrames/bare")->Arg(16)->Arg(100)->Arg(1024);
+
 // --- Through the service, as a stream does it ---
 
 struct SilentClient : QxNSmartWebApi::QxCWebSocket {

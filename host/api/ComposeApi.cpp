@@ -70,6 +70,14 @@ json DescribeFile(const std::string& name, const fs::directory_entry& entry) {
     return file;
 }
 
+json DescribeFiles() {
+    json files = json::array();
+    for (const auto& [name, entry] : Files()) {
+        files.push_back(DescribeFile(name, entry));
+    }
+    return files;
+}
+
 std::string ReadFile(const std::string& name) {
     const QxNSupport::UniqueFd file(open((Directory() + name).c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     struct stat status {};
@@ -124,8 +132,10 @@ Task<Reply> ListProjects(Ground& ground) {
     } catch (const Problem&) {
         // Without Podman the files are there all the same.
     }
+    std::map<std::string, fs::directory_entry> files;
+    co_await OnWorker(ground, [&] { files = Files(); });
     json projects = json::array();
-    for (const auto& [file, entry] : Files()) {
+    for (const auto& [file, entry] : files) {
         projects.push_back(DescribeProject(file, containers));
     }
     json answer = json::object();
@@ -217,21 +227,17 @@ Task<Reply> WriteFile(Ground& ground, Request& request) {
 }  // namespace
 
 void AddComposeRequests(QxNHttp::Router& router, Ground& ground) {
-    router.Add(Verb::get, "/compose-files", Right::Look, [](Request&) -> Task<Reply> {
-        json files = json::array();
-        for (const auto& [name, entry] : Files()) {
-            files.push_back(DescribeFile(name, entry));
-        }
+    router.Add(Verb::get, "/compose-files", Right::Look, [&ground](Request&) -> Task<Reply> {
         json answer = json::object();
-        answer["files"] = std::move(files);
+        co_await OnWorker(ground, [&] { answer["files"] = DescribeFiles(); });
         co_return JsonReply(answer);
     });
     router.Add(Verb::post, "/compose-files/check", Right::Act,
                [&ground](Request& request) -> Task<Reply> { co_return co_await CheckText(ground, request); });
-    router.Add(Verb::get, "/compose-files/{file}", Right::Look, [](Request& request) -> Task<Reply> {
+    router.Add(Verb::get, "/compose-files/{file}", Right::Look, [&ground](Request& request) -> Task<Reply> {
         Reply reply;
         reply.type = "application/yaml";
-        reply.body = ReadFile(ComposeFileName(request.segments[3]));
+        co_await OnWorker(ground, [&] { reply.body = ReadFile(ComposeFileName(request.segments[3])); });
         co_return reply;
     });
     router.Add(Verb::put, "/compose-files/{file}", Right::Act,

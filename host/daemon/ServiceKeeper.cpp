@@ -29,6 +29,7 @@ constexpr std::chrono::seconds KillPause{1};
 constexpr std::chrono::seconds TimeForTcp{10};  ///< within which a second service that ends was never sound
 constexpr const char* AskedBefore = "it has not answered the question before";
 constexpr const char* Disabled = "The container service is disabled; enable it, then start it.";
+constexpr const char* Enabled = "The service has been enabled and can be started.";
 constexpr unsigned HighestPort = 65535;
 
 std::string WhyNotInitialised(const QxCContainer& service) {
@@ -48,12 +49,12 @@ void LookAtWhatPodmanNeeds(unsigned tcpPort) {
     namespace fs = std::filesystem;
     fs::create_directories(fs::path(QxNContainer::QxNContainerPaths::PODMAN_SOCKET).parent_path());
     const fs::path certificates = QxNContainer::QxNContainerPaths::CONTAINER_CERTS_DIR;
-    if (tcpPort == 0 || !fs::is_directory(certificates)) {
+    if (tcpPort == 0 || (fs::exists(certificates / "ca.crt") && fs::exists(certificates / "server.crt") &&
+                         fs::exists(certificates / "server.key"))) {
         return;
     }
-    const fs::directory_iterator readable(certificates);
-    for (const char* name : {"ca.crt", "server.crt", "server.key"}) {
-        static_cast<void>(fs::exists(certificates / name));
+    if (fs::is_directory(certificates)) {
+        const fs::directory_iterator readable(certificates);
     }
 }
 
@@ -118,6 +119,10 @@ Task<void> ServiceKeeper::Start() {
     if (_state == State::Running) {
         co_return;
     }
+    if (_isStarted && !_isWanted) {
+        // Before a start ends what was started before: containers run on without Podman's service.
+        throw Problem(Status::conflict, Disabled);
+    }
     _policy.Reset();
     _nextRestart.reset();
     _pause.cancel();
@@ -169,7 +174,10 @@ Task<void> ServiceKeeper::Enable(bool isEnabled) {
                       "The settings cannot be written; is the configuration drive mounted and writable?");
     }
     if (isEnabled && _state == State::Failed && _problem == Disabled) {
-        Enter(State::Stopped, "The service has been enabled and can be started.");
+        Enter(State::Stopped, Enabled);
+    }
+    if (!isEnabled && _state == State::Waiting) {
+        _pause.cancel();  // there is nothing to wait for any more
     }
 }
 
@@ -214,18 +222,18 @@ Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
             co_return;
         }
     }
-    std::string problem;
-    try {
-        problem = co_await OnControlThread([this, isRestart] {
-            std::string failure = PrepareAndStart(isRestart);
-            if (!_isStarted) {
-                Leftovers::Unmark();
-            }
-            return failure;
-        });
-    } catch (const std::exception& error) {
-        problem = std::string("The board's file system fails: ") + error.what();
-    }
+    const std::string problem = co_await OnControlThread([this, isRestart] {
+        std::string failure;
+        try {
+            failure = PrepareAndStart(isRestart);
+        } catch (const std::exception& error) {
+            failure = std::string("The board's file system fails: ") + error.what();
+        }
+        if (!_isStarted) {
+            Leftovers::Unmark();
+        }
+        return failure;
+    });
     if (!IsStarting(start)) {
         co_return;  // somebody stopped the service meanwhile
     }
@@ -262,11 +270,10 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
             return "The cores cannot be given to the containers; the check and the log file say why.";
         }
     }
-    LookAtWhatPodmanNeeds(_tcpPort);
-    // Also where it throws, Podman may be there and has to be stopped.
+    // From here on, whatever fails: the containers have their cores, and Podman may be there.
     _isStarted = true;
-    _isStarted = _service->Start();
-    return _isStarted ? std::string() : "The thread that watches Podman cannot be created.";
+    LookAtWhatPodmanNeeds(_tcpPort);
+    return _service->Start() ? std::string() : "The thread that watches Podman cannot be created.";
 }
 
 Task<void> ServiceKeeper::StopLibrary() {
@@ -474,35 +481,46 @@ Task<void> ServiceKeeper::HandleLoss(std::string cause, bool hasRun) {
         std::fprintf(stderr, "qxcontainerd: %s\n", cause.c_str());
         const bool isLimit = _policy.InARow() >= _policy.Rules().limit;
         const auto delay = _policy.Lost(Clock::now(), cause, hasRun);
-        if (!delay) {
-            Fail(cause + (cause.ends_with('.') ? "" : ".") +
-                 (isLimit ? " After so many restarts in a row it is not started again"
-                          : " By the rules it is not started again") +
-                 "; start the service by hand.");
-            co_return;
-        }
-        Enter(State::Waiting, cause);
-        _nextRestart = Clock::now() + *delay;
-        co_await Pause(*delay);
-        _nextRestart.reset();
-        if (_state != State::Waiting || _isEnding) {
-            co_return;  // somebody stopped or started the service meanwhile
+        if (_isWanted) {
+            if (!delay) {
+                Fail(cause + (cause.ends_with('.') ? "" : ".") +
+                     (isLimit ? " After so many restarts in a row it is not started again"
+                              : " By the rules it is not started again") +
+                     "; start the service by hand.");
+                co_return;
+            }
+            Enter(State::Waiting, cause);
+            _nextRestart = Clock::now() + *delay;
+            co_await Pause(*delay);
+            _nextRestart.reset();
+            if (_state != State::Waiting || _isEnding) {
+                co_return;  // somebody stopped or started the service meanwhile
+            }
         }
         if (!_isWanted) {
-            Enter(State::Stopping);
-            co_await StopLibrary();
-            if (!_isEnding) {
-                Fail(Disabled);
-            }
+            co_await StopDisabled();
             co_return;
         }
         ++_restarts;
         co_await StartLibrary(true);
-        if (_state != State::Failed || !_isWanted) {
+        if (_state != State::Failed || _problem == Disabled) {
             co_return;
         }
         cause = _problem;
         hasRun = true;
+    }
+}
+
+Task<void> ServiceKeeper::StopDisabled() {
+    Enter(State::Stopping);
+    co_await StopLibrary();
+    if (_isEnding) {
+        co_return;
+    }
+    if (_isWanted) {
+        Enter(State::Stopped, Enabled);  // again, meanwhile
+    } else {
+        Fail(Disabled);
     }
 }
 

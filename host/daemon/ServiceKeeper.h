@@ -135,6 +135,8 @@ private:
     QxNHttp::Task<void> AwaitEndOf(QxNSupport::UniqueFd process);
     QxNHttp::Task<void> HandleLoss(std::string cause, bool hasRun);
     QxNHttp::Task<void> HandleLossOfTcp();
+    /// Ends what is left of a service that is lost and disabled: no rule starts it again.
+    QxNHttp::Task<void> StopDisabled();
     QxNHttp::Task<void> FeedWatchdog(std::chrono::microseconds interval);
     QxNHttp::Task<void> Pause(std::chrono::steady_clock::duration time);
     /// @return whether nobody has stopped or started the service since that start began
@@ -162,7 +164,7 @@ private:
     bool _isEnding = false;
     bool _isSettled = false;
     bool _isInitialised = false;  ///< init() succeeded in this process: not to be called again
-    bool _isStarted = false;      ///< Start() succeeded and Stop() has not been called since
+    bool _isStarted = false;      ///< there is something for Stop() to put back
     bool _isAsking = false;       ///< a question is still under way, perhaps for ever
     bool _isAwaited = false;      ///< and its deadline is not over
     Answer _answer;               ///< to the last question

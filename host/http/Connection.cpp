@@ -101,10 +101,11 @@ public:
     }
 
     Task<UploadedFile> ToFile(const std::string& directory, std::uint64_t limit) override {
-        UploadTarget target(directory, _contentLength);
+        UploadTarget target;
         std::optional<UploadedFile> file;
         std::exception_ptr failure;
         try {
+            co_await target.Begin(directory, _contentLength);
             co_await ReadInto(target, limit);
             _isBodyRead = true;
             UploadedFile finished = co_await target.Finish();

@@ -25,17 +25,6 @@ Problem WriteProblem(const std::string& directory, int error) {
     return {Status::internal_server_error, "Writing in " + directory + " fails: " + strerror(error)};
 }
 
-UploadedFile MakeFile(const std::string& directory, QxNSupport::UniqueFd& output) {
-    std::error_code ignored;
-    std::filesystem::create_directories(directory, ignored);
-    std::string path = directory + "/" + HiddenUploadPrefix + "XXXXXX";
-    output = QxNSupport::UniqueFd(mkostemp(path.data(), O_CLOEXEC));
-    if (!output.IsOpen()) {
-        throw WriteProblem(directory, errno);
-    }
-    return {path, 0};
-}
-
 std::string DirectoryOf(const UploadedFile& file) {
     return std::filesystem::path(file.Path()).parent_path().string();
 }
@@ -43,16 +32,32 @@ std::string DirectoryOf(const UploadedFile& file) {
 }  // namespace
 
 Task<bool> Place(UploadedFile& file, std::string path) {
-    const bool replaces = co_await InBackground(DiskThread(), [&] { return file.MoveTo(path); });
+    const bool replaces = co_await InBackground(DiskThread(), [&] {
+        try {
+            return file.MoveTo(path);
+        } catch (const Problem&) {
+            file.Remove();
+            throw;
+        }
+    });
     co_return replaces;
 }
 
-UploadTarget::UploadTarget(const std::string& directory, std::optional<std::uint64_t> expected)
-    : _file(MakeFile(directory, _output)) {
-    struct statvfs disk {};
-    if (expected && fstatvfs(_output.Get(), &disk) == 0 && *expected / disk.f_frsize >= disk.f_bavail) {
-        throw WriteProblem(directory, ENOSPC);
-    }
+Task<void> UploadTarget::Begin(const std::string& directory, std::optional<std::uint64_t> expected) {
+    co_await InBackground(DiskThread(), [&] {
+        std::error_code ignored;
+        std::filesystem::create_directories(directory, ignored);
+        std::string path = directory + "/" + HiddenUploadPrefix + "XXXXXX";
+        _output = QxNSupport::UniqueFd(mkostemp(path.data(), O_CLOEXEC));
+        if (!_output.IsOpen()) {
+            throw WriteProblem(directory, errno);
+        }
+        _file.emplace(path, 0);
+        struct statvfs disk {};
+        if (expected && fstatvfs(_output.Get(), &disk) == 0 && *expected / disk.f_frsize >= disk.f_bavail) {
+            throw WriteProblem(directory, ENOSPC);
+        }
+    });
 }
 
 Task<void> UploadTarget::Write(const char* data, size_t size) {
@@ -60,7 +65,7 @@ Task<void> UploadTarget::Write(const char* data, size_t size) {
         for (size_t done = 0; done < size;) {
             const ssize_t count = write(_output.Get(), data + done, size - done);
             if (count < 0 && errno != EINTR) {
-                throw WriteProblem(DirectoryOf(_file), errno);
+                throw WriteProblem(DirectoryOf(*_file), errno);
             }
             done += count > 0 ? static_cast<size_t>(count) : 0;
         }
@@ -70,7 +75,7 @@ Task<void> UploadTarget::Write(const char* data, size_t size) {
 
 Task<void> UploadTarget::Discard() {
     co_await InBackground(DiskThread(), [&] {
-        _file.Remove();
+        _file.reset();
         _output.Reset();
     });
 }
@@ -78,12 +83,11 @@ Task<void> UploadTarget::Discard() {
 Task<UploadedFile> UploadTarget::Finish() {
     co_await InBackground(DiskThread(), [&] {
         if (fchmod(_output.Get(), FileMode) != 0 || fsync(_output.Get()) != 0) {
-            throw WriteProblem(DirectoryOf(_file), errno);
+            throw WriteProblem(DirectoryOf(*_file), errno);
         }
     });
     _output.Reset();
-    UploadedFile unsized = std::move(_file);
-    UploadedFile finished(unsized.Release(), _written);
+    UploadedFile finished(_file->Release(), _written);
     co_return finished;
 }
 

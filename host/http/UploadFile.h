@@ -12,17 +12,18 @@ inline constexpr const char* HiddenUploadPrefix = ".qxcontainerd-upload-";
 
 /// Puts an uploaded file at its place, on the thread for disks.
 /// @return whether there was one before
-/// @throws Problem when that is not possible
+/// @throws Problem when that is not possible; the file is gone then
 Task<bool> Place(UploadedFile& file, std::string path);
 
 /// The file that a body is written to, on a thread for disks so that a slow one holds up nobody else. Goes when it is
 /// not finished, on the thread of whoever gives it up; Discard() is the way for files that may be large.
 class UploadTarget {
 public:
+    /// Makes the file; to be called before all others.
     /// @param directory  made when it is missing
     /// @param expected   bytes to come, when they are known
     /// @throws Problem when the file cannot be made, or when the expected bytes do not fit
-    UploadTarget(const std::string& directory, std::optional<std::uint64_t> expected);
+    Task<void> Begin(const std::string& directory, std::optional<std::uint64_t> expected);
 
     /// @throws Problem when the disk is full or fails
     Task<void> Write(const char* data, size_t size);
@@ -33,7 +34,7 @@ public:
 
 private:
     QxNSupport::UniqueFd _output;
-    UploadedFile _file;
+    std::optional<UploadedFile> _file;
     std::uint64_t _written = 0;
 };
 

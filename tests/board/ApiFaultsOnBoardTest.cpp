@@ -3,8 +3,13 @@
 #include "ApiOnBoard.h"
 #include "PluginBoard.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
 #include <chrono>
+#include <future>
 #include <thread>
 
 using namespace OnBoard;
@@ -15,6 +20,8 @@ using testing::Not;
 using testing::SizeIs;
 
 namespace {
+
+constexpr const char* Disabled = "The container service is disabled; enable it, then start it.";
 
 std::string Problem() { return Ask("/service").Json()["problem"].get<std::string>(); }
 
@@ -39,6 +46,12 @@ private:
 };
 
 size_t Restarts() { return Ask("/service").Json()["restarts"]["history"].size(); }
+
+/// Runs a line of shell before everything that Podman is started for: the service's link never replaces what exists.
+void BeforePodman(const std::string& command) {
+    WriteFile("/bin/podman", "#!/bin/sh\n" + command + "\nexec /mnt/containers_tools/bin/podman \"$@\"\n");
+    Output("chmod +x /bin/podman");
+}
 
 /// Puts certificates in place.
 void Install(const std::string& key) {
@@ -87,11 +100,7 @@ TEST_F(ApiOnBoard, ChecksPodmanWhenItIsAsked) {
 
 TEST(ApiMessages, OfOthersAreNotThePodmansEnd) {
     ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
-    // Podman that takes its time: the service's link never replaces what exists.
-    Output(
-        "printf '#!/bin/sh\\n[ \"$1\" = start ] && sleep 3\\nexec /mnt/containers_tools/bin/podman "
-        "\"$@\"\\n' > /bin/podman; "
-        "chmod +x /bin/podman");
+    BeforePodman("[ \"$1\" = start ] && sleep 3");
     Daemon daemon({"--enable", "--restart", "never"});
     ASSERT_TRUE(Becomes("starting"));
     Output(
@@ -106,10 +115,7 @@ TEST(ApiMessages, OfOthersAreNotThePodmansEnd) {
 
 TEST(ApiStart, CanBeTakenBackWhileItHangs) {
     ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
-    Output(
-        "printf '#!/bin/sh\\n[ \"$1\" = start ] && sleep 5\\nexec /mnt/containers_tools/bin/podman "
-        "\"$@\"\\n' > /bin/podman; "
-        "chmod +x /bin/podman");
+    BeforePodman("[ \"$1\" = start ] && sleep 5");
     Daemon daemon({"--enable"});
     ASSERT_TRUE(Becomes("starting"));
     EXPECT_TRUE(Eventually([] {
@@ -180,6 +186,44 @@ TEST(LateRestart, NeedNotBeWaitedFor) {
     EXPECT_TRUE(Becomes("waiting")) << "it is watched as before";
 }
 
+TEST(LateRestart, EndsWithTheServiceBeingDisabled) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Daemon daemon({"--enable", "--restart-delay", "600", "--restart-delay-max", "600"});
+    ASSERT_TRUE(Becomes("running"));
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    Output("pkill -KILL -f '[p]odman system service'");
+    ASSERT_TRUE(Becomes("waiting"));
+
+    EXPECT_EQ(Post("/service/disable").status, 200);
+    EXPECT_TRUE(Becomes("failed"));
+    EXPECT_EQ(Problem(), Disabled);
+    EXPECT_TRUE(Ask("/service").Json()["restarts"]["nextAt"].is_null());
+    EXPECT_EQ(Output("test -e /run/qxcontainerd.taken && echo taken || echo free"), "free");
+}
+
+/// A Podman that does not answer any more while the service is disabled during its start is stopped, too.
+TEST(LateRestart, OfWhatWasDisabledMeanwhileLeavesNoPodmanThatHangs) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    BeforePodman("[ \"$1\" = system ] && [ -e /tmp/hangs ] && kill -STOP $$");
+    Daemon daemon(
+        {"--enable", "--restart-delay", "0.2", "--liveness-deadline", "1", "--start-deadline", "6"});
+    ASSERT_TRUE(Becomes("running"));
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    Output("touch /tmp/hangs");
+    Output("pkill -KILL -f '[p]odman system service'");
+    ASSERT_TRUE(Eventually([] { return Restarts() == 1 && State() == "starting"; }));
+    ASSERT_TRUE(Eventually([] { return Processes("podman system service").size() == 1; }));
+
+    EXPECT_EQ(Post("/service/disable").status, 200);
+
+    ASSERT_TRUE(Eventually([] { return Problem() == Disabled; }));
+    EXPECT_EQ(State(), "failed");
+    EXPECT_THAT(Processes("podman system service"), IsEmpty());
+    const json history = Ask("/service").Json()["restarts"]["history"];
+    ASSERT_EQ(history.size(), 2U);
+    EXPECT_THAT(history[1]["cause"].get<std::string>(), HasSubstr("has not answered since the start"));
+}
+
 TEST_F(ApiOnBoard, ChangesSettingsAtOnce) {
     const std::string change =
         "curl -s -o /dev/null --unix-socket /run/qxcontainerd/api.sock -X PATCH "
@@ -228,24 +272,49 @@ TEST(TcpWithAWrongKey, IsReportedWithoutRestarts) {
 
 // --- Boards that are not ready ---
 
-TEST(AlwaysOnBoard, TheServiceComesWithALateDrive) {
-    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
-    Output("mkdir /run/drive && mount --move /userstorage1 /run/drive");
-    Daemon daemon({"--enable", "--restart", "always", "--restart-delay", "1", "--restart-limit", "50"});
-    ASSERT_TRUE(Becomes("waiting"));
+/// The user storage is not mounted yet when the daemon starts, and waited for.
+class LateDrive : public testing::Test {
+protected:
+    static std::vector<std::string> TakeAway() {
+        ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+        Output("mkdir /run/drive && mount --move /userstorage1 /run/drive");
+        return {"--enable", "--restart", "always", "--restart-delay", "1", "--restart-limit", "50"};
+    }
+    void SetUp() override { ASSERT_TRUE(Becomes("waiting")); }
+    static void Come() { Output("mount --move /run/drive /userstorage1"); }
+
+    const Daemon daemon{TakeAway()};
+};
+
+TEST_F(LateDrive, BringsTheService) {
     EXPECT_THAT(Problem(), HasSubstr("userstorage1"));
-
-    Output("mount --move /run/drive /userstorage1");
-
+    Come();
     EXPECT_TRUE(Becomes("running"));
     EXPECT_EQ(Ask("/service").Json()["enabled"], true);
+}
+
+TEST_F(LateDrive, DoesNotUndoThatTheServiceWasDisabled) {
+    EXPECT_EQ(Post("/service/disable").status, 200);
+    Come();
+    ASSERT_TRUE(Becomes("failed"));
+    EXPECT_EQ(Problem(), Disabled);
+    EXPECT_EQ(Ask("/service").Json()["enabled"], false);
+    EXPECT_THAT(Processes("podman system service"), IsEmpty());
+}
+
+TEST_F(LateDrive, IsNotWaitedForAfterAStop) {
+    EXPECT_EQ(Post("/service/stop").status, 200);
+    Come();
+    std::this_thread::sleep_for(std::chrono::seconds(3));
+    EXPECT_EQ(State(), "stopped");
+    EXPECT_THAT(Processes("podman system service"), IsEmpty());
 }
 
 TEST(AlwaysOnBoard, AServiceThatIsDisabledStaysSo) {
     ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
     Daemon daemon({"--restart", "always", "--restart-delay", "0.1"});
     ASSERT_TRUE(Becomes("failed"));
-    EXPECT_EQ(Problem(), "The container service is disabled; enable it, then start it.");
+    EXPECT_EQ(Problem(), Disabled);
     std::this_thread::sleep_for(std::chrono::seconds(1));
     EXPECT_EQ(State(), "failed");
     EXPECT_EQ(Restarts(), 0U);
@@ -256,35 +325,6 @@ TEST(AlwaysOnBoard, AServiceThatIsDisabledStaysSo) {
     EXPECT_EQ(State(), "stopped");
     EXPECT_EQ(Post("/service/start").status, 200);
     EXPECT_EQ(State(), "running");
-}
-
-TEST(AlwaysOnBoard, DisablingHoldsWhileADriveIsWaitedFor) {
-    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
-    Output("mkdir /run/drive && mount --move /userstorage1 /run/drive");
-    Daemon daemon({"--enable", "--restart", "always", "--restart-delay", "1", "--restart-limit", "50"});
-    ASSERT_TRUE(Becomes("waiting"));
-
-    EXPECT_EQ(Post("/service/disable").status, 200);
-    Output("mount --move /run/drive /userstorage1");
-
-    ASSERT_TRUE(Becomes("failed"));
-    EXPECT_EQ(Problem(), "The container service is disabled; enable it, then start it.");
-    EXPECT_EQ(Ask("/service").Json()["enabled"], false);
-    EXPECT_THAT(Processes("podman system service"), IsEmpty());
-}
-
-TEST(AlwaysOnBoard, AStopEndsTheWaitingForGood) {
-    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
-    Output("mkdir /run/drive && mount --move /userstorage1 /run/drive");
-    Daemon daemon({"--enable", "--restart", "always", "--restart-delay", "0.5", "--restart-limit", "50"});
-    ASSERT_TRUE(Becomes("waiting"));
-
-    EXPECT_EQ(Post("/service/stop").status, 200);
-    Output("mount --move /run/drive /userstorage1");
-    std::this_thread::sleep_for(std::chrono::seconds(3));
-
-    EXPECT_EQ(State(), "stopped");
-    EXPECT_THAT(Processes("podman system service"), IsEmpty());
 }
 
 class AlwaysOnReadyBoard : public ApiOnBoard {
@@ -305,7 +345,7 @@ TEST_F(ApiOnBoard, IsNotStartedAgainWhenItWasDisabled) {
     EXPECT_EQ(Post("/service/disable").status, 200);
     Output("pkill -KILL -f '[p]odman system service'");
     ASSERT_TRUE(Becomes("failed"));
-    EXPECT_EQ(Problem(), "The container service is disabled; enable it, then start it.");
+    EXPECT_EQ(Problem(), Disabled);
     EXPECT_THAT(Ask("/service").Json()["restarts"]["history"][0]["cause"].get<std::string>(),
                 HasSubstr("Podman is gone"));
     EXPECT_EQ(Post("/service/start").status, 409);
@@ -316,6 +356,26 @@ TEST_F(ApiOnBoard, IsNotStartedAgainWhenItWasDisabled) {
     EXPECT_EQ(State(), "running");
 }
 
+TEST(ApiRestart, IsGivenUpWhenTheServiceIsDisabledMeanwhile) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    BeforePodman("[ \"$1\" = stop ] && sleep 5");
+    Daemon daemon({"--enable", "--restart-delay", "0.2"});
+    ASSERT_TRUE(Becomes("running"));
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    Output("pkill -KILL -f '[p]odman system service'");
+    ASSERT_TRUE(Logged("Stopping all running containers")) << "what ran before is stopped first";
+    ASSERT_EQ(State(), "starting");
+
+    EXPECT_EQ(Post("/service/disable").status, 200);
+
+    ASSERT_TRUE(Becomes("failed"));
+    EXPECT_EQ(Problem(), Disabled);
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+    EXPECT_EQ(State(), "failed") << "nor is that a loss of its own";
+    EXPECT_EQ(Restarts(), 1U);
+    EXPECT_THAT(Processes("podman system service"), IsEmpty());
+}
+
 TEST(LoopedCertificates, AreAProblemWithATcpPortOnly) {
     ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
     Output("mkdir -p " + CONTAINER_CERTS_DIR + " && ln -s ca.crt " + CONTAINER_CERTS_DIR + "/ca.crt");
@@ -324,9 +384,19 @@ TEST(LoopedCertificates, AreAProblemWithATcpPortOnly) {
         ASSERT_TRUE(Becomes("failed"));
         EXPECT_THAT(Problem(), HasSubstr("file system fails"));
         EXPECT_EQ(daemon.Stop(), 0);
+        EXPECT_EQ(Output("test -e /run/qxcontainerd.taken && echo taken || echo free"), "free");
     }
     Daemon daemon({"--enable", "--tcp-port", "0"});
     EXPECT_TRUE(Becomes("running"));
+}
+
+/// The library looks no further than to the first that is missing.
+TEST(LoopedCertificates, AreNoProblemWhereNobodyLooksAtThem) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Output("mkdir -p " + CONTAINER_CERTS_DIR + " && ln -s server.key " + CONTAINER_CERTS_DIR + "/server.key");
+    Daemon daemon({"--enable", "--tcp-port", "8443"});
+    EXPECT_TRUE(Becomes("running"));
+    EXPECT_TRUE(Logged("TLS will not be enabled"));
 }
 
 TEST(ApiPlugins, AreNotWaitedForWhileACommandOfOneTakesItsTime) {
@@ -339,6 +409,69 @@ TEST(ApiPlugins, AreNotWaitedForWhileACommandOfOneTakesItsTime) {
     EXPECT_THAT(answer.Detail(), HasSubstr("The service is just starting, which takes its time"));
     ASSERT_TRUE(Becomes("running"));
     EXPECT_EQ(Ask("/plugins").Json()["plugins"][0]["isLoaded"], true);
+}
+
+/// The user storage takes nothing, as a disk that is worn or busy may for seconds.
+class FrozenDisk : public ApiOnBoard {
+protected:
+    FrozenDisk() {
+        PluginBoard::Install({"switched"});
+        Output("mkdir -p " + COMPOSE_FILES_PATH + " && echo 'services: {}' >" + COMPOSE_FILES_PATH +
+               "old.yaml");
+        EXPECT_GE(disk, 0);
+        EXPECT_EQ(ioctl(disk, FIFREEZE, 0), 0);
+    }
+    ~FrozenDisk() override {
+        Thaw();
+        close(disk);
+    }
+
+    void Thaw() { ioctl(disk, FITHAW, 0); }
+
+    /// Asks for something that cannot be done now.
+    std::future<int> Begin(const std::string& path, const std::string& words) {
+        return std::async(std::launch::async, [=] { return Ask(path, words).status; });
+    }
+
+    const int disk = open("/userstorage1", O_RDONLY | O_CLOEXEC);
+};
+
+TEST_F(FrozenDisk, HoldsUpNobodyWhoDoesNotNeedIt) {
+    std::vector<std::future<int>> changes;
+    changes.push_back(Begin("/compose-files/new.yaml", "-X PUT --data-binary 'services: {}'"));
+    changes.push_back(Begin("/compose-files/old.yaml", "-X DELETE"));
+    changes.push_back(Begin("/images", "-X POST --data-binary x"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+
+    for (const char* path : {"/service", "/containers", "/session", "/plugins", "/messages"}) {
+        const auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(Ask(path).status, 200) << path;
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << path;
+    }
+    for (std::future<int>& change : changes) {
+        EXPECT_EQ(change.wait_for(std::chrono::seconds(0)), std::future_status::timeout)
+            << "it was not needed";
+    }
+
+    Thaw();
+    EXPECT_EQ(changes[0].get(), 201);
+    EXPECT_EQ(changes[1].get(), 204);
+    EXPECT_EQ(changes[2].get(), 422);
+    EXPECT_EQ(Output("ls -A " + COMPOSE_FILES_PATH), "new.yaml");
+}
+
+TEST_F(FrozenDisk, IsWhyPluginsAreNotListed) {
+    auto change = Begin("/plugins/switched-1.0.0.crp/deactivate", "-X POST");
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+
+    const Answer answer = Ask("/plugins");
+
+    EXPECT_EQ(answer.status, 503);
+    EXPECT_EQ(answer.Detail(), "The board takes its time for something else; try again soon.");
+    EXPECT_EQ(State(), "running");
+    Thaw();
+    EXPECT_EQ(change.get(), 204);
+    EXPECT_EQ(Ask("/plugins").Json()["plugins"][0]["deactivatedNext"], true);
 }
 
 TEST_F(ApiOnBoard, TellsWhenLayersFindNoRoom) {

@@ -439,6 +439,33 @@ TEST_F(NeverOnBoard, PodmanIsNotStartedAgain) {
     EXPECT_EQ(State(), "running");
 }
 
+/// A start begins with the end of what was started before.
+TEST_F(NeverOnBoard, AStartThatIsRefusedEndsNoContainer) {
+    RunContainer("steady", "trap exit TERM; while true; do sleep 0.2; done");
+    Output("pkill -KILL -f '[p]odman system service'");
+    ASSERT_TRUE(Becomes("failed"));
+    EXPECT_EQ(Post("/service/disable").status, 200);
+
+    const Answer answer = Post("/service/start");
+
+    EXPECT_EQ(answer.status, 409);
+    EXPECT_EQ(answer.Detail(), "The container service is disabled; enable it, then start it.");
+    EXPECT_EQ(Output("podman inspect -f '{{.State.Running}}' steady 2>/dev/null"), "true");
+    EXPECT_EQ(Post("/service/enable").status, 200);
+    EXPECT_EQ(Post("/service/start").status, 200);
+    EXPECT_EQ(State(), "running");
+}
+
+TEST_F(NeverOnBoard, ALossEndsADisabledServiceForGood) {
+    EXPECT_EQ(Post("/service/disable").status, 200);
+    Output("pkill -KILL -f '[p]odman system service'");
+    ASSERT_TRUE(Becomes("failed"));
+    EXPECT_EQ(Ask("/service").Json()["problem"],
+              "The container service is disabled; enable it, then start it.");
+    EXPECT_EQ(Post("/service/enable").status, 200);
+    EXPECT_EQ(Post("/service/start").status, 200);
+}
+
 /// With a short deadline.
 class HangingOnBoard : public ApiOnBoard {
 protected:

@@ -19,12 +19,26 @@ step "Do what works" fine
 step "Do what breaks" broken
 echo next >"$root/next"
 SCRIPT
-status=0
-output=$(bash "$root/task" "$root" "$sources" 2>&1) || status=$?
-[ "$status" = 1 ] || { echo "the task ended with $status"; exit 1; }
-[ -e "$root/fine" ] || { echo "a step that works was not done"; exit 1; }
-[ ! -e "$root/after" ] || { echo "a step went on after a command that failed"; exit 1; }
-[ ! -e "$root/next" ] || { echo "the task went on after a step that failed"; exit 1; }
-grep -q 'qx: Do what breaks failed; the whole output is in build/logs/Do-what-breaks.log' <<<"$output" ||
-    { echo "it is not said what failed: $output"; exit 1; }
-grep -q '^before$' <<<"$output" || { echo "the end of the log is not shown: $output"; exit 1; }
+
+# expect HOW COMMAND...: runs the task in that way.
+expect() {
+    local how=$1 status=0 output
+    shift
+    rm -f "$root"/fine "$root"/after "$root"/next
+    output=$("$@" 2>&1) || status=$?
+    [ "$status" = 1 ] || fail "the task ended with $status"
+    [ -e "$root/fine" ] || fail "a step that works was not done"
+    [ ! -e "$root/after" ] || fail "a step went on after a command that failed"
+    [ ! -e "$root/next" ] || fail "the task went on after a step that failed"
+    grep -q 'qx: Do what breaks failed; the whole output is in build/logs/Do-what-breaks.log' <<<"$output" ||
+        fail "it is not said what failed: $output"
+    grep -Eq $'(^|\e\\[K)before' <<<"$output" || fail "the end of the log is not shown: $output"
+}
+
+fail() {
+    echo "$how: $1"
+    exit 1
+}
+
+expect "in a pipe" bash "$root/task" "$root" "$sources"
+expect "on a terminal" script -qec "bash '$root/task' '$root' '$sources'" /dev/null

@@ -90,6 +90,20 @@ TEST_F(CtlCompose, ChecksAFile) {
     EXPECT_EQ(RunCtl({"compose", "check", "/run/my demo.yaml"}).exitCode, 1);
 }
 
+/// The daemon keeps names of up to 128 characters.
+TEST_F(CtlCompose, ChecksAFileOfAnyName) {
+    const std::string longest = std::string(123, 'a') + ".yaml";
+    const std::string tooLong = "a" + longest;
+    daemon.On("POST /compose-files/check?file=" + longest, {200, R"({"valid":true,"output":""})"});
+    daemon.On("POST /compose-files/check", {200, R"({"valid":true,"output":""})"});
+    for (const std::string& name : {longest, tooLong}) {
+        Sandbox::WriteFile("/run/" + name, "x");
+        EXPECT_EQ(RunCtl({"compose", "check", "/run/" + name}).output, "/run/" + name + " is a project\n");
+    }
+    EXPECT_EQ(daemon.Log(),
+              "POST /compose-files/check?file=" + longest + " x\nPOST /compose-files/check x\n");
+}
+
 TEST_F(CtlCompose, ChecksAFileOfTheBoard) {
     daemon.On("GET /compose-files/demo.yaml", {200, "kept", "application/yaml"});
     daemon.On("POST /compose-files/check?file=demo.yaml", {200, R"({"valid":true,"output":""})"});

@@ -2,6 +2,8 @@
 #include "ScriptedDaemon.h"
 
 #include <gmock/gmock.h>
+#include <string>
+#include <vector>
 
 using CtlRun::Result;
 using CtlRun::RunCtl;
@@ -10,41 +12,42 @@ using testing::HasSubstr;
 
 namespace {
 
-std::string Plugin(const std::string& file, const std::string& differing) {
-    return R"({"fileName":")" + file + R"(","path":"/p/)" + file +
+struct Listed {
+    std::string file;
+    bool isCompatible = true;
+    int type = 1;
+    bool isDeactivated = false;
+    bool isDeactivatedNext = false;
+    bool isLoaded = false;
+};
+
+std::string Json(const Listed& plugin) {
+    const auto text = [](bool value) { return value ? "true" : "false"; };
+    return R"({"fileName":")" + plugin.file + R"(","path":"/p/)" + plugin.file +
            R"(","directory":"user","name":"network","version":"1.0.0","compatibleOs":"-rt","initPriority":10,)"
-           R"("size":2048,"created":1600000000,)" +
-           differing + "}";
+           R"("size":2048,"created":1600000000,"osCompatible":)" +
+           text(plugin.isCompatible) + R"(,"pluginType":)" + std::to_string(plugin.type) +
+           R"(,"isDeactivated":)" + text(plugin.isDeactivated) + R"(,"deactivatedNext":)" +
+           text(plugin.isDeactivatedNext) + R"(,"isLoaded":)" + text(plugin.isLoaded) + "}";
 }
 
-const std::string Plugins =
-    R"({"plugins":[)" +
-    Plugin(
-        "a.crp",
-        R"("osCompatible":true,"pluginType":1,"isDeactivated":false,"deactivatedNext":false,"isLoaded":true)") +
-    "," +
-    Plugin(
-        "b.crp",
-        R"("osCompatible":true,"pluginType":1,"isDeactivated":true,"deactivatedNext":true,"isLoaded":false)") +
-    "," +
-    Plugin(
-        "c.crp",
-        R"("osCompatible":false,"pluginType":1,"isDeactivated":false,"deactivatedNext":false,"isLoaded":false)") +
-    "," +
-    Plugin(
-        "d.crp",
-        R"("osCompatible":true,"pluginType":7,"isDeactivated":false,"deactivatedNext":false,"isLoaded":false)") +
-    "," +
-    Plugin(
-        "e.crp",
-        R"("osCompatible":true,"pluginType":1,"isDeactivated":false,"deactivatedNext":false,"isLoaded":false)") +
-    "," +
-    Plugin("f.crp", R"("osCompatible":true,"pluginType":1,"isDeactivated":false,"deactivatedNext":true,)"
-                    R"("isLoaded":true)") +
-    "," +
-    Plugin("g.crp", R"("osCompatible":true,"pluginType":1,"isDeactivated":true,"deactivatedNext":false,)"
-                    R"("isLoaded":false)") +
-    "]}";
+std::string ListOf(const std::vector<Listed>& plugins) {
+    std::string list;
+    for (const Listed& plugin : plugins) {
+        list += (list.empty() ? "" : ",") + Json(plugin);
+    }
+    return R"({"plugins":[)" + list + "]}";
+}
+
+const std::string Plugins = ListOf({
+    {.file = "a.crp", .isLoaded = true},
+    {.file = "b.crp", .isDeactivated = true, .isDeactivatedNext = true},
+    {.file = "c.crp", .isCompatible = false},
+    {.file = "d.crp", .type = 7},
+    {.file = "e.crp"},
+    {.file = "f.crp", .isDeactivatedNext = true, .isLoaded = true},
+    {.file = "g.crp", .isDeactivated = true},
+});
 
 constexpr const char* PluginsTable =
     "FILE   NAME     VERSION  PRIORITY  DIRECTORY     SIZE  STATE\n"

@@ -1,13 +1,43 @@
 #include "HttpTest.h"
+#include "http/Background.h"
 
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <atomic>
+#include <cerrno>
 #include <csignal>
+#include <future>
 
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
+
+namespace {
+
+std::atomic<bool> s_syncFails{false};
+std::atomic<pid_t> s_remover{0};  ///< the thread that removed a file last
+
+pid_t ThisThread() { return static_cast<pid_t>(syscall(SYS_gettid)); }
+
+}  // namespace
+
+// Instead of the C library's.
+
+int fsync(int descriptor) {
+    if (s_syncFails) {
+        errno = EIO;
+        return -1;
+    }
+    return static_cast<int>(syscall(SYS_fsync, descriptor));
+}
+
+int unlink(const char* path) noexcept {
+    s_remover = ThisThread();
+    return static_cast<int>(syscall(SYS_unlinkat, AT_FDCWD, path, 0));
+}
 
 namespace {
 
@@ -268,6 +298,47 @@ TEST_F(HttpBodies, ThatAreWrittenWhereNoDirectoryCanBeAreRefused) {
     const Answer answer = Ask(WithBody(Put, "text"));
     EXPECT_EQ(answer.status, 500);
     EXPECT_THAT(answer.body, HasSubstr("/tmp/uploads"));
+}
+
+/// Files may be large, and releasing them takes a disk its time: not on the thread that serves everybody.
+class FailedUploads : public HttpBodies {
+protected:
+    FailedUploads() {
+        std::promise<pid_t> thread;
+        boost::asio::post(QxNHttp::DiskThread(), [&] { thread.set_value(ThisThread()); });
+        disk = thread.get_future().get();
+        std::filesystem::create_directories(Uploads);
+        server.Serve();
+    }
+    ~FailedUploads() override { s_syncFails = false; }
+
+    pid_t disk = 0;
+};
+
+TEST_F(FailedUploads, ThatAreNotSafeOnTheDiskGoOnTheDisksThread) {
+    s_syncFails = true;
+    const Answer answer = Ask(WithBody(Put, large));
+    EXPECT_EQ(answer.status, 500);
+    EXPECT_THAT(answer.body, HasSubstr("Writing in /tmp/uploads fails: Input/output error"));
+    EXPECT_THAT(FilesIn(Uploads), IsEmpty());
+    EXPECT_EQ(s_remover, disk);
+}
+
+TEST_F(FailedUploads, ThatCannotBePutInPlaceGoOnTheDisksThread) {
+    std::filesystem::create_directories(std::string(Uploads) + "/name");
+    EXPECT_EQ(Ask(WithBody(Put, large)).status, 500);
+    EXPECT_THAT(FilesIn(Uploads), UnorderedElementsAre("name"));
+    EXPECT_EQ(s_remover, disk);
+}
+
+TEST_F(FailedUploads, ThatBreakOffGoOnTheDisksThread) {
+    HttpClient client(server.port);
+    client.Send(Announced(Put, large.size()) + large.substr(1));
+    EXPECT_TRUE(Sandbox::Eventually([] { return FilesIn(Uploads).size() == 1; }));
+    client.Vanish();
+    EXPECT_TRUE(IsDeserted());
+    EXPECT_THAT(FilesIn(Uploads), IsEmpty());
+    EXPECT_EQ(s_remover, disk);
 }
 
 /// A disk with little room.

@@ -2,6 +2,7 @@
 
 #include "HttpClient.h"
 #include "TestServer.h"
+#include "http/UploadFile.h"
 
 #include <gmock/gmock.h>
 #include <filesystem>
@@ -49,7 +50,8 @@ protected:
                    [](Request&) -> Task<Reply> { co_return TextReply("unread"); });
         router.Add(Verb::put, "/files/{name}", Right::None, [](Request& request) -> Task<Reply> {
             auto file = co_await request.body->ToFile(Uploads, LongestFile);
-            const bool replaces = file.MoveTo(std::string(Uploads) + "/" + request.segments.at(3));
+            const std::string path = std::string(Uploads) + "/" + request.segments.at(3);
+            const bool replaces = co_await QxNHttp::Place(file, path);
             co_return Reply::Empty(replaces ? QxNHttp::Status::no_content : QxNHttp::Status::created);
         });
         router.Add(Verb::get, "/large", Right::None,

@@ -3,12 +3,15 @@
 #include "QxNJson.h"
 #include "Sandbox.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <openssl/sha.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <optional>
 #include <thread>
 
@@ -115,6 +118,27 @@ TEST(TokenFiles, KnowEachNameOnce) {
     EXPECT_EQ(WhyNot(tokens, "panel"), Status::conflict);
     EXPECT_EQ(tokens.List().size(), 1U);
     EXPECT_EQ(tokens.Find(token).name, "panel");
+}
+
+/// Whoever comes in with a token does not wait for a disk that takes its time with another one.
+TEST(TokenFiles, AreAskedWhileTheyAreWritten) {
+    Tokens tokens(Path);
+    const std::string known = tokens.Make("panel", Right::Act);
+    const std::string fresh = std::string(Path) + ".new";
+    ASSERT_EQ(mkfifo(fresh.c_str(), 0600), 0);  // opened for writing only when somebody reads
+    auto making = std::async(std::launch::async, [&] { return WhyNot(tokens, "slow").has_value(); });
+    EXPECT_EQ(making.wait_for(std::chrono::milliseconds(300)), std::future_status::timeout);
+
+    auto asking = std::async(std::launch::async, [&] {
+        return tokens.Find(known).name + " of " + std::to_string(tokens.List().size());
+    });
+    const auto asked = asking.wait_for(std::chrono::seconds(10));
+    const QxNSupport::UniqueFd reader(open(fresh.c_str(), O_RDONLY | O_CLOEXEC));
+
+    EXPECT_EQ(asked, std::future_status::ready);
+    EXPECT_EQ(asking.get(), "panel of 1");
+    EXPECT_TRUE(making.get()) << "a pipe cannot be made safe on a disk";
+    EXPECT_EQ(tokens.List().size(), 1U);
 }
 
 TEST(TokenFiles, ForgetTokens) {

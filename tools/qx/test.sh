@@ -44,7 +44,8 @@ stage_for_board() {
     make_certificates "build/$1/stage/share/certs"
 }
 
-# run_tests PRESET NAME CTEST-OPTIONS...: the outcome goes to build/logs/NAME.log and NAME.xml.
+# run_tests PRESET NAME CTEST-OPTIONS...: the outcome goes to build/logs/NAME.log and NAME.xml. One test on each core,
+# unless the options say otherwise.
 run_tests() {
     local preset=$1 name=$2
     shift 2
@@ -55,6 +56,11 @@ run_tests() {
         grep '\*\*\*Skipped' "build/logs/$name.log" >&2
         die 1 "tests were skipped that this machine can run"
     fi
+}
+
+# run_board_tests NAME: they wait most of the time, for Podman and for what is to end.
+run_board_tests() {
+    run_tests release "$1" -L board -j $((2 * $(nproc)))
 }
 
 # gaps PRESET LOG: says whether tests were skipped that this machine could have run; a test that it cannot run says so
@@ -124,9 +130,12 @@ task_test() {
         step "Stage the product for the board" stage_for_board release
         step "Test the virtual board itself" board/tests/run.sh
     fi
-    run_tests release tests -LE deep ${only:+-L "$only"}
+    [ "$only" = board ] || run_tests release tests -LE 'deep|board' ${only:+-L "$only"}
+    if [ -z "$only" ] || [ "$only" = board ]; then
+        run_board_tests board
+    fi
     if [ -z "$only" ]; then
-        compare_promises --ran build/logs/tests.xml
+        compare_promises --ran build/logs/tests.xml --ran build/logs/board.xml
         test_page
         run_fuzzers 5
     fi
@@ -162,8 +171,9 @@ deep_tests() {
     [ "${1:-board}" = board ] || return 0
     suite=$(other_suite)
     board/board fetch --suite "$suite"
-    QX_BOARD_SUITE=$suite run_tests release "board-$suite" -L board
-    [ -n "${1:-}" ] || compare_promises --ran build/logs/tests.xml --ran "build/logs/board-$suite.xml"
+    QX_BOARD_SUITE=$suite run_board_tests "board-$suite"
+    [ -n "${1:-}" ] || compare_promises --ran build/logs/tests.xml --ran build/logs/board.xml \
+        --ran "build/logs/board-$suite.xml"
 }
 
 # other_suite: the suite of which the boards were not so far.

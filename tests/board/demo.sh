@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Holds `./qx demo --stay` to what it says: the page that it names is there, with a token that may act, for as long as the
+# board is. Usage: demo.sh SOURCES
+set -euo pipefail
+cd "$1"
+output=$(mktemp)
+name=''
+finish() {
+    [ -z "$name" ] || board/board down "$name" >/dev/null 2>&1 || true
+    rm -f "$output"
+}
+trap finish EXIT
+
+fail() {
+    echo "$1"
+    cat "$output"
+    exit 1
+}
+
+# To a file: what stays behind for the page would keep a pipe open.
+./qx demo --stay --suite "${QX_BOARD_SUITE:-auto}" >"$output" 2>&1 </dev/null || fail "the demonstration failed"
+name=$(sed -n 's|^Remove it with: *./qx board down ||p' "$output")
+[ -n "$name" ] || fail "it is not said how the board is removed"
+address=$(sed -n 's|^ *\(http://127.0.0.1:[0-9]*/\)#token=.*|\1|p' "$output")
+token=$(sed -n 's|.*#token=||p' "$output")
+[ -n "$address" ] || fail "it is not said where the page is"
+[ -n "$token" ] || fail "the page's address has no token"
+
+ask() { curl -sf -m 20 -H "Authorization: Bearer $token" "$@"; }
+
+page=$(ask "$address") || fail "the page is not there"
+script=$(grep -o 'src="[^"]*\.js"' <<<"$page" | head -n 1 | cut -d '"' -f 2)
+[ -n "$script" ] || fail "the page has no script: $page"
+ask -o /dev/null "$address${script#/}" || fail "the page's script is not there"
+grep -q '"act"' <<<"$(ask "${address}api/v1/session")" || fail "the token may not act"
+grep -q '"running"' <<<"$(ask "${address}api/v1/service")" || fail "the service does not run"
+grep -q clock <<<"$(ask -X POST "${address}api/v1/containers/clock/restart" && ask "${address}api/v1/containers")" ||
+    fail "the container of the demonstration does not run"
+
+board/board down "$name" >/dev/null || fail "the board cannot be removed"
+! ask -o /dev/null "$address" || fail "the page is there without the board"
+! board/board list | grep -q "^$name " || fail "the board is there still"
+name=''
