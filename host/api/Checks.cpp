@@ -39,6 +39,7 @@ constexpr std::uint64_t LittleSpace = 512ULL << 20;
 constexpr std::uint64_t NoSpace = 32ULL << 20;
 constexpr int SoonDays = 30;
 constexpr std::chrono::seconds ProgramDeadline{5};
+constexpr std::chrono::seconds PluginsDeadline{1};  ///< for the control thread
 constexpr const char* UserStorage = "/userstorage1";
 constexpr long SquashfsMagic = 0x73717368;
 
@@ -420,20 +421,19 @@ QxNHttp::Task<json> CheckBoard(Ground& ground) {
     const Check podman = CheckPodman(podmanProblem, keeper.Version());
     const bool isRunning = podmanProblem.empty() && keeper.HasTcpService();
     const Check tcp = CheckTcp(isRunning, keeper.TcpPort(), settings.tcpPort);
-    // While the service starts, its control thread is busy with the plugins.
-    std::optional<json> plugins;
-    if (!keeper.IsBusy()) {
-        plugins = co_await keeper.OnControlThread([&] { return ground.keeper.Service().listPlugins(); });
+    Check plugins{"plugins", "Plugins", Unknown, {}};
+    try {
+        auto listing = [&keeper] { return keeper.Service().listPlugins(); };
+        const json list = co_await keeper.OnControlThreadWithin(PluginsDeadline, listing);
+        plugins = CheckPlugins(list);
+    } catch (const QxNHttp::Problem& problem) {
+        plugins.found = problem.what();
     }
     co_return co_await OnWorker(ground, [&] {
         return ToJson({CheckEnabled(service), CheckUserStorage(service), CheckFirmware(), CheckMount(),
                        CheckLinks(), CheckCoreSettings(settings.coresNum, most),
                        CheckCpuSet(settings.coresNum), podman, tcp, CheckCertificates(settings.tcpPort),
                        CheckOwnCertificate(ground.certificate, ground.certificateKey), CheckSpace(service),
-                       CheckVersions(),
-                       plugins
-                           ? CheckPlugins(*plugins)
-                           : Check{"plugins", "Plugins", Unknown, "the service is just starting or stopping"},
-                       CheckWriteCache()});
+                       CheckVersions(), plugins, CheckWriteCache()});
     });
 }

@@ -242,13 +242,11 @@ void AddComposeRequests(QxNHttp::Router& router, Ground& ground) {
     });
     router.Add(Verb::put, "/compose-files/{file}", Right::Act,
                [&ground](Request& request) -> Task<Reply> { co_return co_await WriteFile(ground, request); });
-    router.Add(
-        Verb::delete_, "/compose-files/{file}", Right::Act, [&ground](Request& request) -> Task<Reply> {
-            const std::string& name = ComposeFileName(request.segments[3]);
-            co_await OnWorker(
-                ground, [&] { RemoveFile(Directory() + name, "There is no compose file '" + name + "'."); });
-            co_return Reply::Empty();
-        });
+    router.Add(Verb::delete_, "/compose-files/{file}", Right::Act, [](Request& request) -> Task<Reply> {
+        const std::string& name = ComposeFileName(request.segments[3]);
+        co_await RemoveFile(Directory() + name, "There is no compose file '" + name + "'.");
+        co_return Reply::Empty();
+    });
     router.Add(Verb::get, "/projects", Right::Look,
                [&ground](Request&) -> Task<Reply> { co_return co_await ListProjects(ground); });
     router.Add(Verb::post, "/projects/{file}/{operation}", Right::Act,

@@ -3,6 +3,7 @@
 #include "api/Interface.h"
 #include "api/Names.h"
 #include "http/Clock.h"
+#include "http/UploadFile.h"
 
 using QxNHttp::Problem;
 using QxNHttp::Reply;
@@ -70,8 +71,7 @@ Task<Reply> Load(Ground& ground, Request& request) {
             refused.emplace(isUnreadable ? Status::unprocessable_entity : problem.status, problem.what());
         }
     }
-    // Releasing gigabytes takes a disk its time.
-    co_await OnWorker(ground, [&] { archive.Remove(); });
+    co_await QxNHttp::Discard(archive);
     if (refused) {
         throw *refused;
     }

@@ -1,6 +1,7 @@
 #include "api/Names.h"
 
 #include "api/Interface.h"
+#include "http/Background.h"
 
 #include <unistd.h>
 #include <algorithm>
@@ -56,15 +57,17 @@ std::string ImageInUrl(const std::string& image) {
     return escaped;
 }
 
-void RemoveFile(const std::string& path, const std::string& notFound) {
-    if (unlink(path.c_str()) == 0) {
-        return;
-    }
-    if (errno == ENOENT) {
-        throw Problem(Status::not_found, notFound);
-    }
-    throw Problem(Status::internal_server_error,
-                  "The file " + path + " cannot be removed: " + strerror(errno));
+QxNHttp::Task<void> RemoveFile(std::string path, std::string notFound) {
+    co_await QxNHttp::InBackground(QxNHttp::DiskThread(), [&] {
+        if (unlink(path.c_str()) == 0) {
+            return;
+        }
+        if (errno == ENOENT) {
+            throw Problem(Status::not_found, notFound);
+        }
+        throw Problem(Status::internal_server_error,
+                      "The file " + path + " cannot be removed: " + strerror(errno));
+    });
 }
 
 QxNHttp::Task<QxNJson::json> ReadObject(QxNHttp::Request& request, size_t longest) {

@@ -52,7 +52,7 @@ Task<Reply> Upload(Ground& ground, Request& request) {
     QxNHttp::UploadedFile visible(Directory() + "/" + visibleName, file.Size());
     const json found = co_await Rescan(ground);
     if (FindFile(found, visibleName, "user").is_null()) {
-        co_await OnWorker(ground, [&] { visible.Remove(); });
+        co_await QxNHttp::Discard(visible);
         throw Problem(Status::unprocessable_entity,
                       "This is no plugin file: it does not end in a plugin's trailer. Nothing was kept.");
     }
@@ -63,9 +63,8 @@ Task<Reply> Upload(Ground& ground, Request& request) {
 
 Task<Reply> Remove(Ground& ground, const std::string& name) {
     FileName(name);
-    co_await OnWorker(ground, [&] {
-        RemoveFile(Directory() + "/" + name, "There is no plugin file '" + name + "' in the user directory.");
-    });
+    co_await RemoveFile(Directory() + "/" + name,
+                        "There is no plugin file '" + name + "' in the user directory.");
     co_await Rescan(ground);
     co_return Reply::Empty();
 }

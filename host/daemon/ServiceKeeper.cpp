@@ -29,6 +29,8 @@ constexpr std::chrono::seconds KillPause{1};
 constexpr std::chrono::seconds TimeForTcp{10};  ///< within which a second service that ends was never sound
 constexpr const char* AskedBefore = "it has not answered the question before";
 constexpr const char* Disabled = "The container service is disabled; enable it, then start it.";
+constexpr const char* Unwritable =
+    "The settings cannot be written; is the configuration drive mounted and writable?";
 constexpr const char* Enabled = "The service has been enabled and can be started.";
 constexpr unsigned HighestPort = 65535;
 
@@ -170,8 +172,7 @@ Task<void> ServiceKeeper::Enable(bool isEnabled) {
         return isDone;
     });
     if (!isWritten) {
-        throw Problem(Status::internal_server_error,
-                      "The settings cannot be written; is the configuration drive mounted and writable?");
+        throw Problem(Status::internal_server_error, Unwritable);
     }
     if (isEnabled && _state == State::Failed && _problem == Disabled) {
         Enter(State::Stopped, Enabled);
@@ -200,8 +201,7 @@ Task<void> ServiceKeeper::ChangeSettings(std::optional<unsigned> tcpPort, std::o
     });
     _settings = settings;
     if (!isWritten) {
-        throw Problem(Status::internal_server_error,
-                      "The settings cannot be written; is the configuration drive mounted and writable?");
+        throw Problem(Status::internal_server_error, Unwritable);
     }
 }
 
@@ -254,8 +254,9 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
     Leftovers::Mark(_tcpPort);
     if (!_isInitialised) {
         // The library switches itself off where the board is not ready, such as before a drive is mounted.
-        if (_options.restart.rule == RestartPolicy::Rule::Always && _isWanted) {
-            _service->EnableContainerService();
+        if (_options.restart.rule == RestartPolicy::Rule::Always && _isWanted &&
+            !_service->EnableContainerService()) {
+            return Unwritable;
         }
         if (!_service->init()) {
             return WhyNotInitialised(*_service);
@@ -503,7 +504,7 @@ Task<void> ServiceKeeper::HandleLoss(std::string cause, bool hasRun) {
         }
         ++_restarts;
         co_await StartLibrary(true);
-        if (_state != State::Failed || _problem == Disabled) {
+        if (_state != State::Failed || (_problem == Disabled && !_isWanted)) {
             co_return;
         }
         cause = _problem;

@@ -43,6 +43,10 @@ Task<bool> Place(UploadedFile& file, std::string path) {
     co_return replaces;
 }
 
+Task<void> Discard(UploadedFile& file) {
+    co_await InBackground(DiskThread(), [&] { file.Remove(); });
+}
+
 Task<void> UploadTarget::Begin(const std::string& directory, std::optional<std::uint64_t> expected) {
     co_await InBackground(DiskThread(), [&] {
         std::error_code ignored;

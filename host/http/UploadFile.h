@@ -15,6 +15,9 @@ inline constexpr const char* HiddenUploadPrefix = ".qxcontainerd-upload-";
 /// @throws Problem when that is not possible; the file is gone then
 Task<bool> Place(UploadedFile& file, std::string path);
 
+/// Removes an uploaded file on the thread for disks: releasing gigabytes takes a disk its time.
+Task<void> Discard(UploadedFile& file);
+
 /// The file that a body is written to, on a thread for disks so that a slow one holds up nobody else. Goes when it is
 /// not finished, on the thread of whoever gives it up; Discard() is the way for files that may be large.
 class UploadTarget {
@@ -29,7 +32,7 @@ public:
     Task<void> Write(const char* data, size_t size);
     /// @return the file, safe on the disk
     Task<UploadedFile> Finish();
-    /// Removes it now: releasing gigabytes takes a disk its time.
+    /// Removes it now, on the thread for disks.
     Task<void> Discard();
 
 private:

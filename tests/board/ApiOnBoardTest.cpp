@@ -457,9 +457,11 @@ TEST_F(NeverOnBoard, AStartThatIsRefusedEndsNoContainer) {
 }
 
 TEST_F(NeverOnBoard, ALossEndsADisabledServiceForGood) {
+    RunContainer("steady", "trap exit TERM; while true; do sleep 0.2; done");
     EXPECT_EQ(Post("/service/disable").status, 200);
     Output("pkill -KILL -f '[p]odman system service'");
     ASSERT_TRUE(Becomes("failed"));
+    EXPECT_EQ(Output("podman inspect -f '{{.State.Running}}' steady 2>/dev/null"), "false");
     EXPECT_EQ(Ask("/service").Json()["problem"],
               "The container service is disabled; enable it, then start it.");
     EXPECT_EQ(Post("/service/enable").status, 200);

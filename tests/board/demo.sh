@@ -18,8 +18,11 @@ fail() {
 }
 
 # To a file: what stays behind for the page would keep a pipe open.
-./qx demo --stay --suite "${QX_BOARD_SUITE:-auto}" >"$output" 2>&1 </dev/null || fail "the demonstration failed"
+# With an end of its own, after which there is time to clear up.
+status=0
+timeout 240 ./qx demo --stay --suite "${QX_BOARD_SUITE:-auto}" >"$output" 2>&1 </dev/null || status=$?
 name=$(sed -n 's|^Remove it with: *./qx board down ||p' "$output")
+[ $status = 0 ] || fail "the demonstration failed"
 [ -n "$name" ] || fail "it is not said how the board is removed"
 address=$(sed -n 's|^ *\(http://127.0.0.1:[0-9]*/\)#token=.*|\1|p' "$output")
 token=$(sed -n 's|.*#token=||p' "$output")
@@ -34,10 +37,11 @@ script=$(grep -o 'src="[^"]*\.js"' <<<"$page" | head -n 1 | cut -d '"' -f 2)
 ask -o /dev/null "$address${script#/}" || fail "the page's script is not there"
 grep -q '"act"' <<<"$(ask "${address}api/v1/session")" || fail "the token may not act"
 grep -q '"running"' <<<"$(ask "${address}api/v1/service")" || fail "the service does not run"
-grep -q clock <<<"$(ask -X POST "${address}api/v1/containers/clock/restart" && ask "${address}api/v1/containers")" ||
-    fail "the container of the demonstration does not run"
+ask -X POST "${address}api/v1/containers/clock/restart" || fail "the token does not act"
+grep -q '"state":"running"' <<<"$(ask "${address}api/v1/containers")" || fail "the container does not run"
 
 board/board down "$name" >/dev/null || fail "the board cannot be removed"
 ! ask -o /dev/null "$address" || fail "the page is there without the board"
-! board/board list | grep -q "^$name " || fail "the board is there still"
+boards=$(board/board list)
+! grep -q "^$name " <<<"$boards" || fail "the board is there still"
 name=''

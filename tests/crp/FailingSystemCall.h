@@ -15,7 +15,8 @@ struct FailingArgument {
     std::uint32_t value;
 };
 
-/// From here on a system call fails, in this process and its children; there is no way back.
+/// From here on a system call fails, for this thread and for the threads and processes that it starts; there is no way
+/// back.
 inline void FailSystemCall(long number, int error, std::optional<FailingArgument> only = std::nullopt) {
     std::vector<sock_filter> program{BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
     const auto failOrAllow = [&](std::uint32_t value, std::uint8_t skip) {

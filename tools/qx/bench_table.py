@@ -37,11 +37,16 @@ def measured(run: dict) -> tuple[str, float]:
     return "ns", run["real_time"] * NANOSECONDS[run["time_unit"]]
 
 
+def place(run: dict) -> tuple[int, int]:
+    """Where a run stands among those of its program, which take turns by chance."""
+    return run.get("family_index", 0), run.get("per_family_instance_index", 0)
+
+
 def medians(results: list[dict]) -> dict[str, tuple[str, float]]:
     """Unit and value of every benchmark, by its name without what the framework adds."""
     values: dict[str, list[tuple[str, float]]] = {}
     for result in results:
-        for run in result["benchmarks"]:
+        for run in sorted(result["benchmarks"], key=place):
             if run.get("run_type") == "iteration" and not run.get("error_occurred"):
                 name = re.sub(r"/(iterations:\d+|manual_time|real_time)(?=/|$)", "", run["run_name"])
                 values.setdefault(name, []).append(measured(run))
