@@ -15,6 +15,8 @@ until_true() {
 kill_init() { # NAME
     local pid
     pid=$(init_of "$1") || return 0
+    # A test may have frozen the disk: what waits for it could not be killed.
+    fsfreeze --unfreeze "/proc/$pid/root/userstorage1" 2>/dev/null || true
     kill -KILL "$pid" 2>/dev/null || true
 }
 

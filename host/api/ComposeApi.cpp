@@ -244,7 +244,9 @@ void AddComposeRequests(QxNHttp::Router& router, Ground& ground) {
                [&ground](Request& request) -> Task<Reply> { co_return co_await WriteFile(ground, request); });
     router.Add(Verb::delete_, "/compose-files/{file}", Right::Act, [](Request& request) -> Task<Reply> {
         const std::string& name = ComposeFileName(request.segments[3]);
-        co_await RemoveFile(Directory() + name, "There is no compose file '" + name + "'.");
+        const std::string path = Directory() + name;
+        const std::string notFound = "There is no compose file '" + name + "'.";
+        co_await RemoveFile(path, notFound);
         co_return Reply::Empty();
     });
     router.Add(Verb::get, "/projects", Right::Look,

@@ -57,7 +57,7 @@ std::string ImageInUrl(const std::string& image) {
     return escaped;
 }
 
-QxNHttp::Task<void> RemoveFile(std::string path, std::string notFound) {
+QxNHttp::Task<void> RemoveFile(const std::string& path, const std::string& notFound) {
     co_await QxNHttp::InBackground(QxNHttp::DiskThread(), [&] {
         if (unlink(path.c_str()) == 0) {
             return;

@@ -15,9 +15,9 @@ const std::string& ContainerName(const std::string& name);
 /// @throws Problem when it is none
 std::string ImageInUrl(const std::string& image);
 
-/// Removes a file on the thread for disks.
+/// Removes a file on the thread for disks. The texts have to last as long as that takes.
 /// @throws Problem not found with that text when there is no such file, or what the system says when it cannot be removed
-QxNHttp::Task<void> RemoveFile(std::string path, std::string notFound);
+QxNHttp::Task<void> RemoveFile(const std::string& path, const std::string& notFound);
 
 /// All containers, by name, as the interface shows them.
 QxNHttp::Task<QxNJson::json> ListContainers(Ground& ground);

@@ -4,7 +4,6 @@
 #include "api/Names.h"
 #include "http/UploadFile.h"
 
-#include <unistd.h>
 #include <filesystem>
 
 namespace fs = std::filesystem;
@@ -63,14 +62,15 @@ Task<Reply> Upload(Ground& ground, Request& request) {
 
 Task<Reply> Remove(Ground& ground, const std::string& name) {
     FileName(name);
-    co_await RemoveFile(Directory() + "/" + name,
-                        "There is no plugin file '" + name + "' in the user directory.");
+    const std::string path = Directory() + "/" + name;
+    const std::string notFound = "There is no plugin file '" + name + "' in the user directory.";
+    co_await RemoveFile(path, notFound);
     co_await Rescan(ground);
     co_return Reply::Empty();
 }
 
 Task<Reply> Switch(Ground& ground, const Request& request) {
-    const std::string& name = request.segments[3];
+    const std::string name = FileName(request.segments[3]);
     const std::string& action = request.segments[4];
     const std::string directory = request.Parameter("directory");
     if (action != "activate" && action != "deactivate") {

@@ -82,6 +82,8 @@ void MessageFollower::Read() {
                 lseek(_file.Get(), -FirstRead, SEEK_END);
             }
         }
+        // Before it is read: what was written until it was renamed belongs to it.
+        const bool isLast = IsSameFile(_file.Get(), _path);
         std::array<char, 16384> piece;
         ssize_t count = 0;
         while ((count = read(_file.Get(), piece.data(), piece.size())) > 0) {
@@ -95,7 +97,7 @@ void MessageFollower::Read() {
                 _rest.clear();
             }
         }
-        if (IsSameFile(_file.Get(), _path)) {
+        if (isLast) {
             break;
         }
         _file.Reset();  // renamed because it was full: the new one is next

@@ -237,11 +237,15 @@ Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
     if (!IsStarting(start)) {
         co_return;  // somebody stopped the service meanwhile
     }
-    if (!problem.empty()) {
+    if (problem.empty()) {
+        co_await AwaitFirstAnswer(start);
+    } else {
         Fail(problem);
-        co_return;
     }
-    co_await AwaitFirstAnswer(start);
+    if (_state == State::Failed && start == _starts && _isStarted && !_isWanted) {
+        _policy.Lost(Clock::now(), _problem, false);
+        co_await StopDisabled();
+    }
 }
 
 /// On the control thread.
@@ -255,7 +259,7 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
     if (!_isInitialised) {
         // The library switches itself off where the board is not ready, such as before a drive is mounted.
         if (_options.restart.rule == RestartPolicy::Rule::Always && _isWanted &&
-            !_service->EnableContainerService()) {
+            !_service->IsContainerServiceEnabled(true) && !_service->EnableContainerService()) {
             return Unwritable;
         }
         if (!_service->init()) {

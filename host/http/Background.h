@@ -91,7 +91,7 @@ private:
     std::shared_ptr<boost::asio::steady_timer> _timer;
 };
 
-/// The thread that writes what clients upload.
+/// The thread that writes what clients upload, and removes files.
 boost::asio::thread_pool& DiskThread();
 
 }  // namespace QxNHttp

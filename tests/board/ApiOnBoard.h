@@ -49,6 +49,26 @@ inline bool Becomes(const std::string& state) {
     return Eventually([&] { return State() == state; });
 }
 
+/// What the check says now.
+class Checks {
+public:
+    std::string Verdict(const std::string& id) const { return Member(id, "verdict"); }
+    std::string Found(const std::string& id) const { return Member(id, "found"); }
+    std::string Remedy(const std::string& id) const { return Member(id, "remedy"); }
+
+private:
+    std::string Member(const std::string& id, const char* name) const {
+        for (const auto& check : _answer["checks"]) {
+            if (check["id"] == id) {
+                return check[name].get<std::string>();
+            }
+        }
+        return "(no such check)";
+    }
+
+    const QxNJson::json _answer = Ask("/check").Json();
+};
+
 /// The daemon with a service that runs.
 class ApiOnBoard : public testing::Test {
 protected:

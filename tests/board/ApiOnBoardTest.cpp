@@ -1,4 +1,5 @@
 #include "ApiOnBoard.h"
+#include "CacheModes.h"
 #include "PluginBoard.h"
 #include "WebSocketClient.h"
 
@@ -36,14 +37,29 @@ TEST_F(ApiOnBoard, ShowsTheServiceAndItsChecks) {
 }
 
 TEST_F(ApiOnBoard, SaysWhoHasWhichCore) {
+    RunContainer("clock", "trap exit TERM; while true; do sleep 0.2; done");
     const json cores = Ask("/cores").Json();
     EXPECT_EQ(cores["effective"], "1");
+    EXPECT_EQ(cores["cores"][0]["owner"], "linux");
+    EXPECT_EQ(cores["cores"][1]["owner"], "containers");
     EXPECT_EQ(cores["configured"], 1);
     EXPECT_THAT(cores["strangers"], IsEmpty());
     Shell("sh -c 'echo $$ >" + ContainerCpuSet() + "/cgroup.procs; exec sleep 100' >/dev/null 2>&1 &");
     EXPECT_TRUE(Eventually([] { return !Ask("/cores").Json()["strangers"].empty(); }));
     EXPECT_EQ(Ask("/cores").Json()["strangers"][0]["command"], "sleep");
     Shell("pkill sleep");
+}
+
+TEST(ApiCores, AreThoseOfTheHypervisorToo) {
+    ConfigurePlatform("[Cores]\nTotal=4\nUsable=2\nHypervisor=1\n");
+    Daemon daemon({"--enable", "--cores", "0"});
+    ASSERT_TRUE(Becomes("running"));
+    const json cores = Ask("/cores").Json();
+    std::vector<std::string> owners;
+    for (const auto& core : cores["cores"]) {
+        owners.push_back(core["owner"].get<std::string>());
+    }
+    EXPECT_THAT(owners, ElementsAre("linux", "linux", "unused", "hypervisor"));
 }
 
 TEST_F(ApiOnBoard, StopsAndStartsOnRequest) {
@@ -80,7 +96,9 @@ TEST_F(ApiOnBoard, TakesContainersThroughTheirLife) {
     EXPECT_EQ(Ask("/containers/clock").Json()["Name"], "clock");
 
     EXPECT_EQ(Ask("/containers/clock", "-X DELETE").status, 409);
+    const json before = Ask("/containers/clock").Json()["State"]["Pid"];
     EXPECT_EQ(Post("/containers/clock/restart").status, 204);
+    EXPECT_NE(Ask("/containers/clock").Json()["State"]["Pid"], before);
     EXPECT_EQ(Post("/containers/clock/stop").status, 204);
     EXPECT_EQ(Post("/containers/clock/stop").status, 204);
     EXPECT_EQ(Ask("/containers").Json()["containers"][0]["state"], "exited");
@@ -123,6 +141,8 @@ TEST_F(ApiOnBoard, GivesLogsLive) {
     EXPECT_THAT(seen.output, HasSubstr("tick\n"));
     EXPECT_THAT(seen.output, HasSubstr("tock\n"));
     const Outcome errors = Shell("timeout 20 /opt/qx/bin/qxctl logs -f --stderr --lines 3 clock");
+    EXPECT_EQ(errors.status, 0) << errors.output;
+    EXPECT_THAT(errors.output, HasSubstr("tock\n"));
     EXPECT_THAT(errors.output, Not(HasSubstr("tick")));
 }
 
@@ -194,7 +214,9 @@ TEST_F(ApiOnBoard, LoadsAndRemovesImages) {
     ImportBusybox();
     Output("podman save -q -o /tmp/image.tar localhost/busybox:1 && podman rmi -f localhost/busybox:1");
     EXPECT_THAT(Ask("/images").Json()["images"], IsEmpty());
+    CacheModes modes;
     const Answer loaded = Post("/images", "-T /tmp/image.tar");
+    EXPECT_THAT(modes.Seen(), Contains("write through\n"));
     EXPECT_EQ(loaded.status, 200) << loaded.text;
     EXPECT_EQ(loaded.Json()["names"][0], "localhost/busybox:1");
     EXPECT_EQ(Ask("/images").Json()["images"][0]["names"][0], "localhost/busybox:1");

@@ -48,7 +48,7 @@ def medians(results: list[dict]) -> dict[str, tuple[str, float]]:
     for result in results:
         for run in sorted(result["benchmarks"], key=place):
             if run.get("run_type") == "iteration" and not run.get("error_occurred"):
-                name = re.sub(r"/(iterations:\d+|manual_time|real_time)(?=/|$)", "", run["run_name"])
+                name = re.sub(r"/(iterations:\d+|min_time:[\d.]+|manual_time|real_time)(?=/|$)", "", run["run_name"])
                 values.setdefault(name, []).append(measured(run))
     return {name: sorted(runs)[len(runs) // 2] for name, runs in values.items()}
 

@@ -68,12 +68,13 @@ task_demo() {
     board/board up --quiet --name "$name" --suite "$suite" --bind "$root/build/release/stage:/opt/qx:ro" >/dev/null
     # The name is put into the trap now: when it runs, this function's variables are gone.
     # shellcheck disable=SC2064
-    [ -n "$stay" ] || trap "board/board down '$name' >/dev/null 2>&1" EXIT
+    trap "board/board down '$name' >/dev/null 2>&1" EXIT
     board/board exec "$name" -- /opt/qx/share/demo/on-board.sh "$stay" || status=$?
     if [ -n "$stay" ]; then
         show_page "$name"
         say "The board stays up. Look around with:  ./qx board shell $name"
         say "Remove it with:                        ./qx board down $name"
+        trap - EXIT
     fi
     [ $status = 0 ] || die 1 "the demonstration did not go as it should; see above"
 }

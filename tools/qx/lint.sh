@@ -26,7 +26,7 @@ check_tidy() {
 on_asio='^host/(qxcontainerd.cpp|api/|daemon/|http/|ctl/LiveChannel)'
 
 tidy() {
-    xargs -P "$(nproc)" -n 4 clang-tidy-14 --quiet -p build/lint --extra-arg=-Wno-unknown-warning-option "$@"
+    xargs -P "$(nproc)" -n 1 clang-tidy-14 --quiet -p build/lint --extra-arg=-Wno-unknown-warning-option "$@"
 }
 
 # Returns of coroutines are unknown to cppcheck; the compiler warns of those that are missing.
