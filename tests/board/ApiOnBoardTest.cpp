@@ -62,6 +62,19 @@ TEST(ApiCores, AreThoseOfTheHypervisorToo) {
     EXPECT_THAT(owners, ElementsAre("linux", "linux", "unused", "hypervisor"));
 }
 
+/// With the times that it has where nobody sets others.
+TEST_F(ApiOnBoard, WaitsForNoHeaderThatComesByteByByte) {
+    const auto start = std::chrono::steady_clock::now();
+    const Outcome slow = Shell(
+        "bash -c 'exec 3<>/dev/tcp/127.0.0.1/8089; printf \"GET / HTTP/1.1\\r\\nHost: \" >&3; "
+        "for i in $(seq 60); do printf x >&3 || break; read -rt 1 -n 1 -u 3 && break; "
+        "[ $? -gt 128 ] || break; done' 2>&1");
+    const auto taken = std::chrono::steady_clock::now() - start;
+    EXPECT_GT(taken, std::chrono::seconds(8)) << slow.output;
+    EXPECT_LT(taken, std::chrono::seconds(30)) << slow.output;
+    EXPECT_EQ(Ask("/service").status, 200);
+}
+
 TEST_F(ApiOnBoard, StopsAndStartsOnRequest) {
     EXPECT_EQ(Post("/service/stop").status, 200);
     EXPECT_EQ(State(), "stopped");
@@ -268,6 +281,7 @@ TEST_F(ApiOnBoard, KeepsPathsInTheirDirectories) {
         EXPECT_EQ(Ask(std::string("/compose-files/") + name, "-T /etc/hostname").status, 400) << name;
     }
     EXPECT_EQ(Ask("/plugins/..%2Fx", "-T /etc/hostname").status, 400);
+    EXPECT_EQ(Post("/plugins/..%2Fx/deactivate").status, 400);
     EXPECT_EQ(Ask("/plugins/x%0Ay", "-T /etc/hostname").status, 400);
     EXPECT_EQ(Post("/containers/a%2Fb/start").status, 400);
     EXPECT_EQ(Ask("/images/..%2F..%2Fcontainers", "-X DELETE").status, 400);

@@ -67,6 +67,20 @@ TEST(Daemon, TakesTheServiceThroughItsLifeAndTellsTheServiceManager) {
     EXPECT_THAT(Processes("podman"), IsEmpty());
 }
 
+/// Not before: what systemd starts after it counts on containers.
+TEST(Daemon, IsReadyWhenTheFirstStartHasComeToSomething) {
+    NotifySocket manager;
+    WriteFile("/bin/podman",
+              "#!/bin/sh\n[ \"$1\" = system ] && sleep 2 && : >/tmp/began\n"
+              "exec /mnt/containers_tools/bin/podman \"$@\"\n");
+    Output("chmod +x /bin/podman");
+    const Daemon daemon({"--enable"}, std::string("NOTIFY_SOCKET=") + NotifySocket::Path);
+    ASSERT_TRUE(manager.Hears("READY=1"));
+    EXPECT_TRUE(std::filesystem::exists("/tmp/began"));
+    EXPECT_EQ(Output("curl -sf -m 10 --unix-socket /run/podman/podman.sock http://d/v5.8.1/libpod/_ping"),
+              "OK");
+}
+
 TEST(Daemon, StopsOnInterruptAsWell) {
     Daemon daemon({"--enable"});
     ASSERT_TRUE(PodmanAnswers());

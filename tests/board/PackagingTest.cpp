@@ -89,6 +89,76 @@ TEST(Packaging, ContainersRunWithTheUnitsCapabilities) {
     EXPECT_TRUE(Eventually([] { return Processes("qxcontainerd --enable").empty(); }));
 }
 
+/// What systemd-analyze looks at, and the capabilities of capabilities(7).
+TEST(Packaging, TheUnitSetsOrExplainsEveryDirectiveThatHardens) {
+    const std::string unit = ReadFile(Unit);
+    for (const char* directive : {"AmbientCapabilities",
+                                  "CapabilityBoundingSet",
+                                  "DeviceAllow",
+                                  "DevicePolicy",
+                                  "DynamicUser",
+                                  "IPAddressDeny",
+                                  "KeyringMode",
+                                  "LimitCORE",
+                                  "LockPersonality",
+                                  "MemoryDenyWriteExecute",
+                                  "NoExecPaths",
+                                  "NoNewPrivileges",
+                                  "NotifyAccess",
+                                  "PrivateDevices",
+                                  "PrivateIPC",
+                                  "PrivateMounts",
+                                  "PrivateNetwork",
+                                  "PrivateTmp",
+                                  "PrivateUsers",
+                                  "ProcSubset",
+                                  "ProtectClock",
+                                  "ProtectControlGroups",
+                                  "ProtectHome",
+                                  "ProtectHostname",
+                                  "ProtectKernelLogs",
+                                  "ProtectKernelModules",
+                                  "ProtectKernelTunables",
+                                  "ProtectProc",
+                                  "ProtectSystem",
+                                  "ReadOnlyPaths",
+                                  "RemoveIPC",
+                                  "RestrictAddressFamilies",
+                                  "RestrictFileSystems",
+                                  "RestrictNamespaces",
+                                  "RestrictNetworkInterfaces",
+                                  "RestrictRealtime",
+                                  "RestrictSUIDSGID",
+                                  "RootDirectory",
+                                  "RootImage",
+                                  "SecureBits",
+                                  "SocketBindDeny",
+                                  "SupplementaryGroups",
+                                  "SystemCallArchitectures",
+                                  "SystemCallFilter",
+                                  "UMask",
+                                  "User"}) {
+        EXPECT_THAT(unit,
+                    testing::ContainsRegex("\n(# +([A-Za-z]+ )*)?" + std::string(directive) + "[ =\n]"));
+    }
+    for (const char* capability : {"AUDIT_CONTROL",   "AUDIT_READ",   "AUDIT_WRITE",
+                                   "BLOCK_SUSPEND",   "BPF",          "CHECKPOINT_RESTORE",
+                                   "CHOWN",           "DAC_OVERRIDE", "DAC_READ_SEARCH",
+                                   "FOWNER",          "FSETID",       "IPC_LOCK",
+                                   "IPC_OWNER",       "KILL",         "LEASE",
+                                   "LINUX_IMMUTABLE", "MAC_ADMIN",    "MAC_OVERRIDE",
+                                   "MKNOD",           "NET_ADMIN",    "NET_BIND_SERVICE",
+                                   "NET_BROADCAST",   "NET_RAW",      "PERFMON",
+                                   "SETFCAP",         "SETGID",       "SETPCAP",
+                                   "SETUID",          "SYS_ADMIN",    "SYS_BOOT",
+                                   "SYS_CHROOT",      "SYS_MODULE",   "SYS_NICE",
+                                   "SYS_PACCT",       "SYS_PTRACE",   "SYS_RAWIO",
+                                   "SYS_RESOURCE",    "SYS_TIME",     "SYS_TTY_CONFIG",
+                                   "SYSLOG",          "WAKE_ALARM"}) {
+        EXPECT_THAT(unit, testing::ContainsRegex("CAP_" + std::string(capability) + "[ \n]"));
+    }
+}
+
 TEST(Packaging, TheUnitSaysWhatTheDaemonDoes) {
     EXPECT_THAT(Directive("Type"), testing::ElementsAre("notify"));
     EXPECT_THAT(Directive("WatchdogSec"), SizeIs(1));

@@ -84,6 +84,37 @@ TEST_F(CtlService, TellsTheStatusAsItCame) {
     EXPECT_EQ(RunCtl({"status", "--json"}).output, std::string(Running) + "\n");
 }
 
+TEST_F(CtlService, PrintsTheDaemonsJsonForEveryCommand) {
+    const std::string body = R"({"some": ["thing", 1 ,2], "verdict": "ok", "code": 0, "ok": true})";
+    const std::pair<std::vector<std::string>, const char*> commands[] = {
+        {{"status"}, "GET /service"},
+        {{"enable"}, "POST /service/enable"},
+        {{"disable"}, "POST /service/disable"},
+        {{"start"}, "POST /service/start"},
+        {{"stop"}, "POST /service/stop"},
+        {{"set", "--cores", "1"}, "PATCH /service/settings"},
+        {{"check"}, "GET /check"},
+        {{"cores"}, "GET /cores"},
+        {{"ps"}, "GET /containers"},
+        {{"inspect", "clock"}, "GET /containers/clock"},
+        {{"images"}, "GET /images"},
+        {{"compose", "ls"}, "GET /projects"},
+        {{"compose", "create", "a.yaml"}, "POST /projects/a.yaml/create"},
+        {{"compose", "start", "a.yaml"}, "POST /projects/a.yaml/start"},
+        {{"compose", "stop", "a.yaml"}, "POST /projects/a.yaml/stop"},
+        {{"compose", "rm", "a.yaml"}, "POST /projects/a.yaml/remove"},
+        {{"plugins"}, "GET /plugins"},
+        {{"plugin", "rescan"}, "POST /plugins/rescan"},
+        {{"token", "ls"}, "GET /tokens"},
+    };
+    for (const auto& [words, request] : commands) {
+        daemon.On(request, {200, body});
+        std::vector<std::string> all = words;
+        all.emplace_back("--json");
+        EXPECT_EQ(RunCtl(all).output, body + "\n") << request;
+    }
+}
+
 TEST_F(CtlService, HasColoursOnATerminalOnly) {
     daemon.On("GET /service", {200, Running});
 
