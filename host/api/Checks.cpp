@@ -350,7 +350,7 @@ std::string WhySkipped(const json& plugin, const json& all) {
                other["isLoaded"] == json(true);
     });
     return isSuperseded ? "another file of the same plugin is loaded"
-                        : "it came after the start, or its image or init command failed";
+                        : "it came after the start, or its image could not be mounted";
 }
 
 Check CheckPlugins(const json& list) {

@@ -70,7 +70,7 @@ Task<Reply> Remove(Ground& ground, const std::string& name) {
 }
 
 Task<Reply> Switch(Ground& ground, const Request& request) {
-    const std::string name = FileName(request.segments[3]);
+    const std::string& name = request.segments[3];
     const std::string& action = request.segments[4];
     const std::string directory = request.Parameter("directory");
     if (action != "activate" && action != "deactivate") {

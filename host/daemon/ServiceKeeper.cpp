@@ -222,7 +222,8 @@ Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
             co_return;
         }
     }
-    const std::string problem = co_await OnControlThread([this, isRestart] {
+    QxCCTESettings::QxSUserSettings settings;
+    const std::string problem = co_await OnControlThread([&] {
         std::string failure;
         try {
             failure = PrepareAndStart(isRestart);
@@ -232,8 +233,10 @@ Task<void> ServiceKeeper::StartLibrary(bool isRestart) {
         if (!_isStarted) {
             Leftovers::Unmark();
         }
+        settings = _service->GetContainerServiceUserSettings();
         return failure;
     });
+    _settings = settings;
     if (!IsStarting(start)) {
         co_return;  // somebody stopped the service meanwhile
     }
@@ -254,12 +257,15 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
     for (const std::string& found : _leftovers.Clear(_options.termGrace)) {
         QxCRTE_LOG_Impl(RteLogLevel::WarningNotify, "Quolex Container Host: %s", found.c_str());
     }
+    // The settings of the file, as the library takes them where it looks at the board; a restart goes on with what it has.
+    const bool isRepeated = _isInitialised && isRestart && _isWanted;
+    const bool isEnabled = _service->IsContainerServiceEnabled(!isRepeated);
     _tcpPort = _service->GetContainerServiceUserSettings().tcpPort;
     Leftovers::Mark(_tcpPort);
     if (!_isInitialised) {
         // The library switches itself off where the board is not ready, such as before a drive is mounted.
-        if (_options.restart.rule == RestartPolicy::Rule::Always && _isWanted &&
-            !_service->IsContainerServiceEnabled(true) && !_service->EnableContainerService()) {
+        if (_options.restart.rule == RestartPolicy::Rule::Always && _isWanted && !isEnabled &&
+            !_service->EnableContainerService()) {
             return Unwritable;
         }
         if (!_service->init()) {
@@ -268,7 +274,7 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
         _isInitialised = true;
     } else {
         // init() once more would mount the plugins a second time and run their commands again.
-        if ((!isRestart || !_isWanted) && !_service->IsContainerSystem()) {
+        if (!isRepeated && !_service->IsContainerSystem()) {
             return WhyNotInitialised(*_service);
         }
         if (!_service->AssignCpuCores()) {

@@ -59,7 +59,8 @@ TEST(ApiPluginsCheck, SaysWhyEachWasSkipped) {
     PluginBoard::Install({.name = "network", .version = "1.1.0"});
     PluginBoard::Install({.name = "strange", .type = 7});
     PluginBoard::Install({.name = "foreign", .compatibleOs = "-of-another-board"});
-    PluginBoard::Install({.name = "broken", .initCommand = "exit 3"});
+    PluginBoard::Install({.name = "failing", .initCommand = "exit 3"});
+    PluginBoard::Install({.name = "torn", .image = std::string(4096, 'x')});
     Daemon daemon({"--enable"});
     ASSERT_TRUE(Becomes("running"));
     PluginBoard::Install({"late"});
@@ -71,10 +72,13 @@ TEST(ApiPluginsCheck, SaysWhyEachWasSkipped) {
     for (const char* why : {"network-1.0.0.crp: another file of the same plugin is loaded",
                             "strange-1.0.0.crp: its type is not supported",
                             "foreign-1.0.0.crp: it is not for this system release",
-                            "late-1.0.0.crp: it came after the start, or its image or init command failed"}) {
+                            "torn-1.0.0.crp: it came after the start, or its image could not be mounted",
+                            "late-1.0.0.crp: it came after the start, or its image could not be mounted"}) {
         EXPECT_THAT(checks.Found("plugins"), HasSubstr(why));
     }
-    EXPECT_THAT(checks.Found("plugins"), testing::Not(HasSubstr("network-1.1.0.crp")));
+    for (const char* loaded : {"network-1.1.0.crp", "failing-1.0.0.crp"}) {
+        EXPECT_THAT(checks.Found("plugins"), testing::Not(HasSubstr(loaded)));
+    }
     EXPECT_THAT(checks.Remedy("plugins"), HasSubstr("log file"));
 }
 

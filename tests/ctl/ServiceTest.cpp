@@ -85,7 +85,8 @@ TEST_F(CtlService, TellsTheStatusAsItCame) {
 }
 
 TEST_F(CtlService, PrintsTheDaemonsJsonForEveryCommand) {
-    const std::string body = R"({"some": ["thing", 1 ,2], "verdict": "ok", "code": 0, "ok": true})";
+    const std::string body =
+        R"({"some": ["thing", 1 ,2], "verdict": "ok", "code": 0, "ok": true, "valid": true})";
     const std::pair<std::vector<std::string>, const char*> commands[] = {
         {{"status"}, "GET /service"},
         {{"enable"}, "POST /service/enable"},
@@ -98,7 +99,9 @@ TEST_F(CtlService, PrintsTheDaemonsJsonForEveryCommand) {
         {{"ps"}, "GET /containers"},
         {{"inspect", "clock"}, "GET /containers/clock"},
         {{"images"}, "GET /images"},
+        {{"load", "/run/file"}, "POST /images"},
         {{"compose", "ls"}, "GET /projects"},
+        {{"compose", "check", "/run/file"}, "POST /compose-files/check"},
         {{"compose", "create", "a.yaml"}, "POST /projects/a.yaml/create"},
         {{"compose", "start", "a.yaml"}, "POST /projects/a.yaml/start"},
         {{"compose", "stop", "a.yaml"}, "POST /projects/a.yaml/stop"},
@@ -107,6 +110,7 @@ TEST_F(CtlService, PrintsTheDaemonsJsonForEveryCommand) {
         {{"plugin", "rescan"}, "POST /plugins/rescan"},
         {{"token", "ls"}, "GET /tokens"},
     };
+    Sandbox::WriteFile("/run/file", "x");
     for (const auto& [words, request] : commands) {
         daemon.On(request, {200, body});
         std::vector<std::string> all = words;
