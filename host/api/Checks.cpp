@@ -350,7 +350,8 @@ std::string WhySkipped(const json& plugin, const json& all) {
                other["isLoaded"] == json(true);
     });
     return isSuperseded ? "another file of the same plugin is loaded"
-                        : "it came after the start, or its image could not be mounted";
+                        : "it came after the start, its image could not be mounted, or "
+                          "another file of the same plugin goes before it";
 }
 
 Check CheckPlugins(const json& list) {

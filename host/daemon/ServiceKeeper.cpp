@@ -183,6 +183,7 @@ Task<void> ServiceKeeper::Enable(bool isEnabled) {
 }
 
 Task<void> ServiceKeeper::ChangeSettings(std::optional<unsigned> tcpPort, std::optional<unsigned> cores) {
+    CheckIdle();  // the library's own thread reads them while it starts Podman
     if (tcpPort && (*tcpPort > HighestPort || *tcpPort == 80 || *tcpPort == 111)) {
         throw Problem(Status::bad_request,
                       "The TCP port must be a number from 0 to 65535, but not 80 or 111.");
@@ -260,6 +261,7 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
     // The settings of the file, as the library takes them where it looks at the board; a restart goes on with what it has.
     const bool isRepeated = _isInitialised && isRestart && _isWanted;
     const bool isEnabled = _service->IsContainerServiceEnabled(!isRepeated);
+    _isWanted = _isWanted || isEnabled;
     _tcpPort = _service->GetContainerServiceUserSettings().tcpPort;
     Leftovers::Mark(_tcpPort);
     if (!_isInitialised) {

@@ -103,6 +103,9 @@ TEST(ApiStart, CanBeTakenBackWhileItHangs) {
         return answer.status == 503 && answer.Detail().find("just starting or stopping") != std::string::npos;
     }));
     ASSERT_TRUE(Logged("Starting all containers"));
+    const Answer change = Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":8443}'");
+    EXPECT_EQ(change.status, 409);
+    EXPECT_EQ(change.Detail(), "The service is just starting; try again when that is done.");
 
     EXPECT_EQ(Post("/service/stop").status, 200);
 
@@ -339,6 +342,18 @@ TEST_F(LateDrive, IsNotWaitedForAfterAStop) {
     std::this_thread::sleep_for(std::chrono::seconds(3));
     EXPECT_EQ(State(), "stopped");
     EXPECT_THAT(Processes("podman system service"), IsEmpty());
+}
+
+/// What the settings say when the service is started by hand counts as much as what somebody says here.
+TEST(AlwaysOnBoard, AServiceThatTheSettingsEnableIsStartedAgain) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Daemon daemon({"--restart-delay", "0.1"});
+    ASSERT_TRUE(Becomes("failed"));
+    WriteSettings(R"({"enabled": true})");
+    EXPECT_EQ(Post("/service/start").status, 200);
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    Output("pkill -KILL -f '[p]odman system service'");
+    EXPECT_TRUE(Eventually([] { return Restarts() == 1 && State() == "running"; }));
 }
 
 TEST(AlwaysOnBoard, AServiceThatIsDisabledStaysSo) {

@@ -59,6 +59,8 @@ TEST(ApiPluginsCheck, SaysWhyEachWasSkipped) {
     PluginBoard::Install({.name = "network", .version = "1.1.0"});
     PluginBoard::Install({.name = "strange", .type = 7});
     PluginBoard::Install({.name = "foreign", .compatibleOs = "-of-another-board"});
+    PluginBoard::Install({.name = "twin"});
+    PluginBoard::Install({.name = "twin", .version = "1.1.0", .type = 7});
     PluginBoard::Install({.name = "failing", .initCommand = "exit 3"});
     PluginBoard::Install({.name = "torn", .image = std::string(4096, 'x')});
     Daemon daemon({"--enable"});
@@ -69,11 +71,14 @@ TEST(ApiPluginsCheck, SaysWhyEachWasSkipped) {
     const Checks checks;
 
     EXPECT_EQ(checks.Verdict("plugins"), "warning");
-    for (const char* why : {"network-1.0.0.crp: another file of the same plugin is loaded",
-                            "strange-1.0.0.crp: its type is not supported",
-                            "foreign-1.0.0.crp: it is not for this system release",
-                            "torn-1.0.0.crp: it came after the start, or its image could not be mounted",
-                            "late-1.0.0.crp: it came after the start, or its image could not be mounted"}) {
+    for (const char* why :
+         {"network-1.0.0.crp: another file of the same plugin is loaded",
+          "strange-1.0.0.crp: its type is not supported",
+          "foreign-1.0.0.crp: it is not for this system release",
+          "torn-1.0.0.crp: it came after the start, its image could not be mounted, or another "
+          "file of the same plugin goes before it",
+          "twin-1.0.0.crp: it came after the start, its image",
+          "late-1.0.0.crp: it came after the start, its image"}) {
         EXPECT_THAT(checks.Found("plugins"), HasSubstr(why));
     }
     for (const char* loaded : {"network-1.1.0.crp", "failing-1.0.0.crp"}) {
