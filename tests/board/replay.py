@@ -455,6 +455,7 @@ class Replay:
         with concurrent.futures.ThreadPoolExecutor() as aside:
             stop = aside.submit(self.call, "actOnService", 200, {"action": "stop"})
             self.await_state("stopping")
+            self.call("changeSettings", 409)
             self.call("listPlugins", 503)
             service = stop.result().json()
         self.expect("it is stopped, and says why", service["state"] == "stopped" and bool(service["problem"]))
