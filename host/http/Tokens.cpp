@@ -151,10 +151,13 @@ void Tokens::_Write(const std::vector<Entry>& entries) const {
     std::error_code ignored;
     std::filesystem::create_directories(std::filesystem::path(_path).parent_path(), ignored);
     UploadedFile fresh(_path + ".new", text.size());
-    QxNSupport::UniqueFd output(open(fresh.Path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    // A signal may interrupt what a slow disk takes its time with.
+    QxNSupport::UniqueFd output(static_cast<int>(
+        TEMP_FAILURE_RETRY(open(fresh.Path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600))));
     if (!output.IsOpen() || fchmod(output.Get(), 0600) != 0 ||
-        write(output.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
-        fsync(output.Get()) != 0) {
+        TEMP_FAILURE_RETRY(write(output.Get(), text.data(), text.size())) !=
+            static_cast<ssize_t>(text.size()) ||
+        TEMP_FAILURE_RETRY(fsync(output.Get())) != 0) {
         FailToWrite(_path, errno);
     }
     fresh.MoveTo(_path);

@@ -86,7 +86,7 @@ Task<void> UploadTarget::Discard() {
 
 Task<UploadedFile> UploadTarget::Finish() {
     co_await InBackground(DiskThread(), [&] {
-        if (fchmod(_output.Get(), FileMode) != 0 || fsync(_output.Get()) != 0) {
+        if (fchmod(_output.Get(), FileMode) != 0 || TEMP_FAILURE_RETRY(fsync(_output.Get())) != 0) {
             throw WriteProblem(DirectoryOf(*_file), errno);
         }
     });

@@ -133,7 +133,8 @@ TEST(TokenFiles, AreAskedWhileTheyAreWritten) {
         return tokens.Find(known).name + " of " + std::to_string(tokens.List().size());
     });
     const auto asked = asking.wait_for(std::chrono::seconds(10));
-    const QxNSupport::UniqueFd reader(open(fresh.c_str(), O_RDONLY | O_CLOEXEC));
+    const QxNSupport::UniqueFd reader(
+        static_cast<int>(TEMP_FAILURE_RETRY(open(fresh.c_str(), O_RDONLY | O_CLOEXEC))));
 
     EXPECT_EQ(asked, std::future_status::ready);
     EXPECT_EQ(asking.get(), "panel of 1");
