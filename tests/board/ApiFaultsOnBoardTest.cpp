@@ -178,13 +178,24 @@ TEST_F(OneRestart, IsAllWhenOneIsTheLimit) {
     EXPECT_EQ(Ask("/service").Json()["restarts"]["inARow"], 0);
 }
 
-TEST(LateRestart, NeedNotBeWaitedFor) {
-    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
-    Daemon daemon({"--enable", "--restart-delay", "600", "--restart-delay-max", "600"});
-    ASSERT_TRUE(Becomes("running"));
-    ASSERT_TRUE(Logged("Spawned Podman correctly"));
-    Output("pkill -KILL -f '[p]odman system service'");
-    ASSERT_TRUE(Becomes("waiting"));
+/// Podman is lost, and its restart far away.
+class LateRestart : public testing::Test {
+protected:
+    static std::vector<std::string> Options() {
+        ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+        return {"--enable", "--restart-delay", "600", "--restart-delay-max", "600"};
+    }
+    void SetUp() override {
+        ASSERT_TRUE(Becomes("running"));
+        ASSERT_TRUE(Logged("Spawned Podman correctly"));
+        Output("pkill -KILL -f '[p]odman system service'");
+        ASSERT_TRUE(Becomes("waiting"));
+    }
+
+    const Daemon daemon{Options()};
+};
+
+TEST_F(LateRestart, NeedNotBeWaitedFor) {
     EXPECT_FALSE(Ask("/service").Json()["restarts"]["nextAt"].is_null());
 
     EXPECT_EQ(Post("/service/start").status, 200);
@@ -194,14 +205,7 @@ TEST(LateRestart, NeedNotBeWaitedFor) {
     EXPECT_TRUE(Becomes("waiting")) << "it is watched as before";
 }
 
-TEST(LateRestart, EndsWithTheServiceBeingDisabled) {
-    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
-    Daemon daemon({"--enable", "--restart-delay", "600", "--restart-delay-max", "600"});
-    ASSERT_TRUE(Becomes("running"));
-    ASSERT_TRUE(Logged("Spawned Podman correctly"));
-    Output("pkill -KILL -f '[p]odman system service'");
-    ASSERT_TRUE(Becomes("waiting"));
-
+TEST_F(LateRestart, EndsWithTheServiceBeingDisabled) {
     EXPECT_EQ(Post("/service/disable").status, 200);
     EXPECT_TRUE(Becomes("failed"));
     EXPECT_EQ(Problem(), Disabled);
@@ -210,7 +214,7 @@ TEST(LateRestart, EndsWithTheServiceBeingDisabled) {
 }
 
 /// A Podman that does not answer any more while the service is disabled during its start is stopped, too.
-TEST(LateRestart, OfWhatWasDisabledMeanwhileLeavesNoPodmanThatHangs) {
+TEST(ApiRestart, OfWhatWasDisabledMeanwhileLeavesNoPodmanThatHangs) {
     ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
     BeforePodman("[ \"$1\" = system ] && [ -e /tmp/hangs ] && kill -STOP $$");
     Daemon daemon(
