@@ -6,22 +6,27 @@
 #include "QxNJson.h"
 #include "RunInSandbox.h"
 #include "host/api/Interface.h"
+#include "host/http/UploadFile.h"
 #include "tests/host/TestServer.h"
 #include "tests/unit/LogStreamClient.h"
 #include "tests/unit/ScriptedServer.h"
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <malloc.h>
+#include <stdlib.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <algorithm>
 #include <boost/asio/co_spawn.hpp>
 #include <boost/asio/detached.hpp>
 #include <boost/asio/use_awaitable.hpp>
+#include <boost/asio/write.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http.hpp>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -155,6 +160,84 @@ BENCHMARK(RequestsBare)
     ->UseManualTime()
     ->Iterations(1)
     ->Unit(benchmark::kMicrosecond);
+
+// --- Uploads ---
+
+constexpr size_t UploadSize = 64 << 20;
+constexpr const char* UploadDirectory = "/tmp/uploads";
+constexpr const char* UploadPath = "/tmp/uploads/large";
+
+std::string UploadHeader() {
+    return "PUT /api/v1/file HTTP/1.1\r\nHost: localhost\r\nContent-Length: " + std::to_string(UploadSize) +
+           "\r\n\r\n";
+}
+
+void UploadTo(benchmark::State& state, unsigned short port) {
+    const std::string upload = UploadHeader() + std::string(UploadSize, 'u');
+    for (auto _ : state) {
+        asio::io_context io;
+        asio::ip::tcp::socket socket(io);
+        socket.connect({asio::ip::address_v4::loopback(), port});
+        asio::write(socket, asio::buffer(upload));
+        char answer[1024];
+        const size_t count = socket.read_some(asio::buffer(answer));
+        if (!std::string(answer, count).starts_with("HTTP/1.1 20")) {
+            throw std::runtime_error("the upload was refused");
+        }
+    }
+}
+
+void UploadOurs(benchmark::State& state) {
+    TestServer server;
+    server.router.Add(QxNHttp::Verb::put, "/file", Right::None,
+                      [](QxNHttp::Request& request) -> Task<QxNHttp::Reply> {
+                          auto file = co_await request.body->ToFile(UploadDirectory, UploadSize);
+                          const std::string path = UploadPath;
+                          co_await QxNHttp::Place(file, path);
+                          co_return QxNHttp::Reply::Empty(QxNHttp::Status::created);
+                      });
+    server.Serve();
+    UploadTo(state, server.port);
+}
+
+/// From socket to file, which gets its name when it is safe.
+void StoreBare(asio::ip::tcp::acceptor& acceptor) {
+    std::vector<char> piece(64 << 10);
+    for (;;) {
+        boost::system::error_code error;
+        asio::ip::tcp::socket socket = acceptor.accept(error);
+        if (error) {
+            return;
+        }
+        std::string path = std::string(UploadDirectory) + "/XXXXXX";
+        const int file = mkostemp(path.data(), O_CLOEXEC);
+        for (size_t missing = UploadHeader().size() + UploadSize; missing != 0;) {
+            const size_t count = socket.read_some(asio::buffer(piece));
+            missing -= count;
+            if (write(file, piece.data(), count) != static_cast<ssize_t>(count)) {
+                throw std::runtime_error("nothing can be written");
+            }
+        }
+        fsync(file);
+        close(file);
+        std::filesystem::rename(path, UploadPath);
+        asio::write(socket, asio::buffer("HTTP/1.1 201 Created\r\n\r\n", 24));
+    }
+}
+
+void UploadBare(benchmark::State& state) {
+    std::filesystem::create_directories(UploadDirectory);
+    asio::io_context io;
+    asio::ip::tcp::acceptor acceptor(io, {asio::ip::address_v4::loopback(), 0});
+    const unsigned short port = acceptor.local_endpoint().port();
+    std::thread thread([&] { StoreBare(acceptor); });
+    UploadTo(state, port);
+    shutdown(acceptor.native_handle(), SHUT_RDWR);
+    thread.join();
+}
+
+BENCHMARK(UploadOurs)->Name("UploadOf64MiB/ours")->UseRealTime()->MinTime(2)->Unit(benchmark::kMillisecond);
+BENCHMARK(UploadBare)->Name("UploadOf64MiB/bare")->UseRealTime()->MinTime(2)->Unit(benchmark::kMillisecond);
 
 // --- Logs ---
 

@@ -126,6 +126,8 @@ private:
     Task<void> ReadInto(UploadTarget& target, std::uint64_t limit) {
         const auto parser = co_await TakeBody<http::buffer_body>(limit);
         std::vector<char> piece(FilePiece);
+        // As much is asked of the socket at a time as the input has room for: without this, 512 bytes.
+        _input.reserve(LargestInput);
         while (!parser->is_done()) {
             auto& body = parser->get().body();
             body.data = piece.data();
@@ -141,6 +143,7 @@ private:
             }
             co_await target.Write(piece.data(), piece.size() - body.size);
         }
+        _input.shrink_to_fit();
     }
 
     /// @return whether another request may follow

@@ -18,7 +18,9 @@ using testing::UnorderedElementsAre;
 namespace {
 
 std::atomic<bool> s_syncFails{false};
-std::atomic<pid_t> s_remover{0};  ///< the thread that removed a file last
+std::atomic<int> s_interruptions{0};     ///< of those to come
+std::atomic<bool> s_leavesHoles{false};  ///< what is written is not stored
+std::atomic<pid_t> s_remover{0};         ///< the thread that removed a file last
 
 pid_t ThisThread() { return static_cast<pid_t>(syscall(SYS_gettid)); }
 
@@ -31,7 +33,21 @@ int fsync(int descriptor) {
         errno = EIO;
         return -1;
     }
+    if (s_interruptions > 0) {
+        --s_interruptions;
+        errno = EINTR;
+        return -1;
+    }
     return static_cast<int>(syscall(SYS_fsync, descriptor));
+}
+
+ssize_t write(int descriptor, const void* data, size_t size) {
+    // Sockets and the like have no position.
+    const off_t end = s_leavesHoles ? lseek(descriptor, static_cast<off_t>(size), SEEK_CUR) : -1;
+    if (end >= 0) {
+        return ftruncate(descriptor, end) == 0 ? static_cast<ssize_t>(size) : -1;
+    }
+    return syscall(SYS_write, descriptor, data, size);
 }
 
 int unlink(const char* path) noexcept {
@@ -298,6 +314,44 @@ TEST_F(HttpBodies, ThatAreWrittenWhereNoDirectoryCanBeAreRefused) {
     const Answer answer = Ask(WithBody(Put, "text"));
     EXPECT_EQ(answer.status, 500);
     EXPECT_THAT(answer.body, HasSubstr("/tmp/uploads"));
+}
+
+/// On a disk that is large by its word only.
+TEST_F(HttpBodies, OfSeveralGigabytesPassThrough) {
+    constexpr size_t Size = (size_t{5} << 30) + 1;
+    longestFile = Size;
+    std::filesystem::create_directories(Uploads);
+    ASSERT_EQ(mount("tmpfs", Uploads, "tmpfs", 0, "size=8g"), 0);
+    server.Serve();
+    const std::string piece(1 << 20, 'p');
+    rusage before{};
+    getrusage(RUSAGE_SELF, &before);
+    s_leavesHoles = true;
+
+    HttpClient client(server.port);
+    client.Send(Announced(Put, Size));
+    for (size_t sent = 0; sent < Size - 1; sent += piece.size()) {
+        ASSERT_TRUE(client.Send(piece));
+    }
+    client.Send("p");
+    EXPECT_EQ(client.Read().status, 201);
+
+    s_leavesHoles = false;
+    EXPECT_EQ(std::filesystem::file_size(std::string(Uploads) + "/name"), Size);
+    rusage after{};
+    getrusage(RUSAGE_SELF, &after);
+    EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 16 << 10) << "KiB";
+    EXPECT_EQ(client.Ask(Announced(Put, Size + 1)).status, 413);
+    server.Stop();
+    umount2(Uploads, MNT_DETACH);
+}
+
+TEST_F(HttpBodies, AreKeptAlsoWhenTheDiskIsInterrupted) {
+    server.Serve();
+    s_interruptions = 2;
+    EXPECT_EQ(Ask(WithBody(Put, large)).status, 201);
+    EXPECT_EQ(s_interruptions, 0);
+    EXPECT_TRUE(FileText("name") == large);
 }
 
 /// Files may be large, and releasing them takes a disk its time: not on the thread that serves everybody.

@@ -48,8 +48,8 @@ protected:
         });
         router.Add(Verb::post, "/unread", Right::None,
                    [](Request&) -> Task<Reply> { co_return TextReply("unread"); });
-        router.Add(Verb::put, "/files/{name}", Right::None, [](Request& request) -> Task<Reply> {
-            auto file = co_await request.body->ToFile(Uploads, LongestFile);
+        router.Add(Verb::put, "/files/{name}", Right::None, [this](Request& request) -> Task<Reply> {
+            auto file = co_await request.body->ToFile(Uploads, longestFile);
             const std::string path = std::string(Uploads) + "/" + request.segments.at(3);
             const bool replaces = co_await QxNHttp::Place(file, path);
             co_return Reply::Empty(replaces ? QxNHttp::Status::no_content : QxNHttp::Status::created);
@@ -103,5 +103,6 @@ protected:
         return Sandbox::Eventually([this] { return server.Clients() == 0; });
     }
 
+    std::uint64_t longestFile = LongestFile;  ///< to be changed before the server serves
     TestServer server;
 };
