@@ -15,9 +15,24 @@ until_true() {
 kill_init() { # NAME
     local pid
     pid=$(init_of "$1") || return 0
-    # A test may have frozen the disk: what waits for it could not be killed.
-    fsfreeze --unfreeze "/proc/$pid/root/userstorage1" 2>/dev/null || true
     kill -KILL "$pid" 2>/dev/null || true
+}
+
+# A file system that was frozen inside outlives its mounts, and what waits for it cannot be killed. Mounted once more it
+# is the same one.
+thaw_disk() { # NAME
+    local device backing
+    while read -r device backing; do
+        [[ $backing == "$(temp_dir_of "$(state_value "$1" owner)")"/* ]] || continue
+        unshare --mount sh -c 'mount "$1" /mnt && fsfreeze --unfreeze /mnt' - "$device" 2>/dev/null || true
+    done < <(losetup -n -l -O NAME,BACK-FILE 2>/dev/null)
+}
+
+# until_thawed NAME COMMAND...
+until_thawed() {
+    local name=$1
+    shift
+    until_true 1 "$@" || { thaw_disk "$name" && until_true 10 "$@"; }
 }
 
 # Loop devices that still hold a file of the board: attached by hand inside, so they do not go with a mount.
@@ -48,9 +63,9 @@ remove_board() {
     if [[ $(state_value "$1" owner) == "$2" ]]; then
         CACHE=$(state_value "$1" cache)
         kill_init "$1"
-        [[ ! -s $dir/cgroups ]] || until_true 10 groups_are_gone "$dir/cgroups" ||
+        [[ ! -s $dir/cgroups ]] || until_thawed "$1" groups_are_gone "$dir/cgroups" ||
             warn "control groups of board '$1' are still in use: $(cut -f 3 "$dir/cgroups" | head -n 1) ..."
-        [[ ! -s $dir/devices ]] || until_true 5 loops_are_gone "$1" ||
+        [[ ! -s $dir/devices ]] || until_thawed "$1" loops_are_gone "$1" ||
             warn "a loop device of board '$1' is still in use (losetup -a)"
         remove_temp "$2"
         # In one step, so that nobody meets a board without an owner.

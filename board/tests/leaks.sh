@@ -77,6 +77,20 @@ start_running 'truncate -s 1M /tmp/a /userstorage1/b /mnt/cfdrive/c; losetup -f 
 kill -KILL "$front"
 ended_with 'loop devices by hand, then SIGKILL' 137
 
+# What waits for a frozen disk cannot be killed, and the frozen file system outlives its mounts.
+freeze='fsfreeze --freeze /userstorage1; sh -c "echo >/userstorage1/never" & : >/scratch/begun'
+start_running "$freeze; sleep 0.5"
+ended_with 'frozen disk' 0
+start_running "$freeze; exec sleep 60"
+kill -TERM "$front"
+ended_with 'frozen disk, then SIGTERM' 143
+start_running "$freeze; exec sleep 60"
+kill -KILL "$front"
+ended_with 'frozen disk, then SIGKILL' 137
+start_running 'fsfreeze --freeze /userstorage1; : >/scratch/begun; exec sleep 60'
+kill -KILL "$front"
+ended_with 'frozen disk that nobody waits for' 137
+
 # The front is ended in the middle of every phase of the start.
 for signal in KILL TERM INT; do
     for delay in 0.004 0.006 0.008 0.01 0.03 0.05 0.08 0.10 0.12 0.14 0.16 0.18 0.20 0.23 0.26 0.30 0.35; do

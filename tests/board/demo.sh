@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Holds `./qx demo --stay` to what it says: the page that it names is there, with a token that may act, for as long as the
-# board is. Usage: demo.sh SOURCES
+# board is. One that is cut off leaves no board. Usage: demo.sh SOURCES
 set -euo pipefail
 cd "$1"
 output=$(mktemp)
@@ -45,3 +45,25 @@ board/board down "$name" >/dev/null || fail "the board cannot be removed"
 boards=$(board/board list)
 ! grep -q "^$name " <<<"$boards" || fail "the board is there still"
 name=''
+
+# cut_off STATUS: ends a demonstration when its board has come so far.
+cut_off() {
+    local tries
+    ./qx demo --stay --suite "${QX_BOARD_SUITE:-auto}" >"$output" 2>&1 </dev/null &
+    name=demo-$!
+    for tries in {1..600}; do
+        ! board/board list | grep -q "^$name .* $1 " || break
+        sleep 0.1
+    done
+    ((tries < 600)) || fail "its board does not come"
+    kill -TERM "${name#demo-}"
+    wait "${name#demo-}" && fail "it was not cut off"
+    for tries in {1..100}; do
+        board/board list | grep -q "^$name " || break
+        sleep 0.1
+    done
+    ((tries < 100)) || fail "its board ($1) is there still"
+    name=''
+}
+cut_off starting
+cut_off up

@@ -65,10 +65,12 @@ task_demo() {
     install -D tools/demo/on-board.sh build/release/stage/share/demo/on-board.sh
     step "Pack two plugins" pack_plugins build/release/stage/share/demo
 
-    board/board up --quiet --name "$name" --suite "$suite" --bind "$root/build/release/stage:/opt/qx:ro" >/dev/null
+    # A foreground process would not hear of the end of this one.
+    board/board up --quiet --name "$name" --suite "$suite" --bind "$root/build/release/stage:/opt/qx:ro" >/dev/null &
     # The name is put into the trap now: when it runs, this function's variables are gone.
     # shellcheck disable=SC2064
-    trap "board/board down '$name' >/dev/null 2>&1" EXIT
+    trap "kill $! 2>/dev/null && wait $!; board/board down '$name' >/dev/null 2>&1" EXIT
+    wait $!
     board/board exec "$name" -- /opt/qx/share/demo/on-board.sh "$stay" || status=$?
     if [ -n "$stay" ]; then
         show_page "$name"
