@@ -60,6 +60,16 @@ void LookAtWhatPodmanNeeds(unsigned tcpPort) {
     }
 }
 
+/// @return whether the library has written its settings; it has them in mind either way
+template <typename Change>
+bool IsWritten(Change change) {
+    try {
+        return change();
+    } catch (const std::filesystem::filesystem_error&) {
+        return false;
+    }
+}
+
 json TimeOrNull(const std::optional<std::chrono::system_clock::time_point>& time) {
     return time ? json(QxNHttp::TimeText(*time)) : json(nullptr);
 }
@@ -166,8 +176,9 @@ Task<void> ServiceKeeper::Shutdown() {
 
 Task<void> ServiceKeeper::Enable(bool isEnabled) {
     const bool isWritten = co_await OnControlThread([this, isEnabled] {
-        const bool isDone =
-            isEnabled ? _service->EnableContainerService() : _service->DisableContainerService();
+        const bool isDone = IsWritten([&] {
+            return isEnabled ? _service->EnableContainerService() : _service->DisableContainerService();
+        });
         _isWanted = isDone ? isEnabled : _isWanted.load();
         return isDone;
     });
@@ -198,7 +209,7 @@ Task<void> ServiceKeeper::ChangeSettings(std::optional<unsigned> tcpPort, std::o
             throw Problem(Status::bad_request,
                           "Containers can get at most " + std::to_string(most) + " cores of this board.");
         }
-        return _service->SetContainerServiceUserSettings(settings);
+        return IsWritten([&] { return _service->SetContainerServiceUserSettings(settings); });
     });
     _settings = settings;
     if (!isWritten) {
@@ -262,8 +273,7 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
     const bool isRepeated = _isInitialised && isRestart && _isWanted;
     const bool isEnabled = _service->IsContainerServiceEnabled(!isRepeated);
     _isWanted = _isWanted || isEnabled;
-    _tcpPort = _service->GetContainerServiceUserSettings().tcpPort;
-    Leftovers::Mark(_tcpPort);
+    TakeTcpPort();
     if (!_isInitialised) {
         // The library switches itself off where the board is not ready, such as before a drive is mounted.
         if (_options.restart.rule == RestartPolicy::Rule::Always && _isWanted && !isEnabled &&
@@ -283,10 +293,16 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
             return "The cores cannot be given to the containers; the check and the log file say why.";
         }
     }
+    TakeTcpPort();  // the library may have read the file once more
     // From here on, whatever fails: the containers have their cores, and Podman may be there.
     _isStarted = true;
     LookAtWhatPodmanNeeds(_tcpPort);
     return _service->Start() ? std::string() : "The thread that watches Podman cannot be created.";
+}
+
+void ServiceKeeper::TakeTcpPort() {
+    _tcpPort = _service->GetContainerServiceUserSettings().tcpPort;
+    Leftovers::Mark(_tcpPort);
 }
 
 Task<void> ServiceKeeper::StopLibrary() {

@@ -128,6 +128,7 @@ private:
     struct Stopping {};  ///< lives while the library's Stop() is going on
     QxNHttp::Task<void> KillWhatHangs(std::weak_ptr<Stopping> stopping);
     std::string PrepareAndStart(bool isRestart);
+    void TakeTcpPort();
     QxNHttp::Task<void> AwaitFirstAnswer(unsigned start);
     QxNHttp::Task<Answer> Ask();
     QxNHttp::Task<void> AskForOthers();

@@ -426,6 +426,25 @@ TEST(ApiRestart, IsGivenUpWhenTheServiceIsDisabledMeanwhile) {
     EXPECT_THAT(Processes("podman system service"), IsEmpty());
 }
 
+/// What is disabled is stopped when Podman is lost; enabling it meanwhile comes too late for that, not for a start.
+TEST(ApiRestart, OfWhatIsEnabledAgainWhileItStopsIsByHand) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    BeforePodman("[ \"$1\" = stop ] && sleep 3");
+    Daemon daemon({"--enable"});
+    ASSERT_TRUE(Becomes("running"));
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    EXPECT_EQ(Post("/service/disable").status, 200);
+    Output("pkill -KILL -f '[p]odman system service'");
+    ASSERT_TRUE(Becomes("stopping"));
+
+    EXPECT_EQ(Post("/service/enable").status, 200);
+
+    ASSERT_TRUE(Becomes("stopped"));
+    EXPECT_EQ(Problem(), "The service has been enabled and can be started.");
+    EXPECT_EQ(Post("/service/start").status, 200);
+    EXPECT_EQ(State(), "running");
+}
+
 TEST(LoopedCertificates, AreAProblemWithATcpPortOnly) {
     ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
     Output("mkdir -p " + CONTAINER_CERTS_DIR + " && ln -s ca.crt " + CONTAINER_CERTS_DIR + "/ca.crt");
@@ -657,6 +676,24 @@ TEST_F(ApiOnBoard, StopsAlsoWhenTheSettingsCannotBeWritten) {
     EXPECT_EQ(State(), "running");
     EXPECT_THAT(Processes("podman system service"), SizeIs(1));
     EXPECT_EQ(daemon.Stop(), 0);
+}
+
+TEST_F(ApiOnBoard, SaysThatSettingsCannotBeWritten) {
+    const std::string unwritable =
+        "The settings cannot be written; is the configuration drive mounted and writable?";
+    Output("mv /mnt/cfdrive/containers /mnt/cfdrive/away && touch /mnt/cfdrive/containers");
+    const Answer change = Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":8443}'");
+    EXPECT_EQ(change.status, 500);
+    EXPECT_EQ(change.Detail(), unwritable);
+    EXPECT_EQ(Ask("/service").Json()["settings"]["tcpPort"], 8443) << "the library goes on with it";
+    const Answer disable = Post("/service/disable");
+    EXPECT_EQ(disable.status, 500);
+    EXPECT_EQ(disable.Detail(), unwritable);
+
+    Output("rm /mnt/cfdrive/containers && mv /mnt/cfdrive/away /mnt/cfdrive/containers");
+    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":0}'").status, 200);
+    EXPECT_EQ(Post("/service/enable").status, 200);
+    EXPECT_EQ(State(), "running");
 }
 
 TEST_F(ApiOnBoard, EndsInOrderWhileAFileIsUploaded) {

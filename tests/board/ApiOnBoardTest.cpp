@@ -159,6 +159,50 @@ TEST_F(ApiOnBoard, GivesLogsLive) {
     EXPECT_THAT(errors.output, Not(HasSubstr("tick")));
 }
 
+/// What came of a log until its line "last".
+struct SeenLog {
+    explicit SeenLog(WebSocketClient& client) {
+        std::string text;
+        while (text != "last") {
+            const std::string next = client.Next();
+            if (next.empty()) {
+                break;
+            }
+            const json message = json::parse(next);
+            if (message["type"] == "skipped") {
+                skipped += message["count"].get<long>();
+            } else if (message["type"] == "lines") {
+                const json shown = message["lines"];
+                lines += static_cast<long>(shown.size());
+                text = shown[shown.size() - 1]["text"].get<std::string>();
+            }
+        }
+    }
+
+    long lines = 0;
+    long skipped = 0;
+};
+
+TEST_F(ApiOnBoard, TellsASlowViewerHowMuchItMissedAndLetsNobodyWaitForIt) {
+    constexpr long Lines = 300000;
+    RunContainer("flood",
+                 "until [ -e /open ]; do sleep 0.1; done; yes $(head -c 100 /dev/zero | tr \"\\0\" x) | "
+                 "head -n " +
+                     std::to_string(Lines - 1) + "; echo last; sleep 1000");
+    const std::string token = MakeToken("look");
+    const std::string path = "/api/v1/containers/flood/logs";
+    WebSocketClient slow(8089, path, token);
+    WebSocketClient quick(8089, path, token);
+    Output("podman exec flood touch /open");
+
+    const SeenLog all(quick);
+    EXPECT_GE(all.lines + all.skipped, Lines) << "Podman cuts some into parts";
+    const SeenLog rest(slow);
+    EXPECT_GT(rest.skipped, 0);
+    EXPECT_EQ(rest.lines + rest.skipped, all.lines + all.skipped);
+    EXPECT_GT(all.lines, rest.lines);
+}
+
 TEST_F(ApiOnBoard, TellsWhoWatchesALogThatItStops) {
     RunContainer("clock", "while :; do date +%s; sleep 0.2; done");
     WebSocketClient client(8089, "/api/v1/containers/clock/logs", MakeToken("look"));
