@@ -24,7 +24,7 @@ thaw_disk() { # NAME
     local device backing
     while read -r device backing; do
         [[ $backing == "$(temp_dir_of "$(state_value "$1" owner)")"/* ]] || continue
-        unshare --mount sh -c 'mount "$1" /mnt && fsfreeze --unfreeze /mnt' - "$device" 2>/dev/null || true
+        unshare --mount sh -c "mount $device /mnt && fsfreeze --unfreeze /mnt" 2>/dev/null || true
     done < <(losetup -n -l -O NAME,BACK-FILE 2>/dev/null)
 }
 
