@@ -18,14 +18,16 @@ kill_init() { # NAME
     kill -KILL "$pid" 2>/dev/null || true
 }
 
-# A file system that was frozen inside outlives its mounts, and what waits for it cannot be killed. Mounted once more it
-# is the same one.
+# A file system that was frozen inside outlives its mounts, and what waits for it cannot be killed. Mounting its device
+# once more gives the same file system of the kernel, which can be thawed there. The mount holds the device; only then
+# is it certain that it has not become somebody else's.
 thaw_disk() { # NAME
-    local device backing
-    while read -r device backing; do
-        [[ $backing == "$(temp_dir_of "$(state_value "$1" owner)")"/* ]] || continue
-        unshare --mount sh -c "mount $device /mnt && fsfreeze --unfreeze /mnt" 2>/dev/null || true
-    done < <(losetup -n -l -O NAME,BACK-FILE 2>/dev/null)
+    local device files
+    files=$(temp_dir_of "$(state_value "$1" owner)")/
+    for device in $(losetup -n -l -O NAME,BACK-FILE 2>/dev/null | grep -F " $files" | cut -d ' ' -f 1); do
+        unshare --mount sh -c "mount $device /mnt && losetup -n -O BACK-FILE $device | grep -qF '$files' &&
+            fsfreeze --unfreeze /mnt" 2>/dev/null || true
+    done
 }
 
 # until_thawed NAME COMMAND...

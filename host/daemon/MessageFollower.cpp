@@ -78,9 +78,10 @@ void MessageFollower::Read() {
                 break;
             }
             _rest.clear();
-            if (status.st_size > FirstRead) {
+            if (!_isFollowing && status.st_size > FirstRead) {
                 lseek(_file.Get(), -FirstRead, SEEK_END);
             }
+            _isFollowing = true;
         }
         // Before it is read: what was written until it was renamed belongs to it.
         const bool isLast = IsSameFile(_file.Get(), _path);

@@ -45,7 +45,8 @@ private:
     boost::asio::posix::stream_descriptor _watch;
     QxNHttp::Event _more;
     QxNSupport::UniqueFd _file;
-    std::string _rest;  ///< the beginning of a line
+    bool _isFollowing = false;  ///< what comes now is new
+    std::string _rest;          ///< the beginning of a line
     std::deque<Message> _messages;
     std::uint64_t _lastNumber = 0;
 };

@@ -70,6 +70,17 @@ bool IsWritten(Change change) {
     }
 }
 
+/// @param undo  makes what cannot be written as if nobody had wanted it
+/// @return whether the library has written its settings
+template <typename Change, typename Undo>
+bool IsWrittenOrUndone(Change change, Undo undo) {
+    const bool isWritten = IsWritten(change);
+    if (!isWritten) {
+        IsWritten(undo);
+    }
+    return isWritten;
+}
+
 json TimeOrNull(const std::optional<std::chrono::system_clock::time_point>& time) {
     return time ? json(QxNHttp::TimeText(*time)) : json(nullptr);
 }
@@ -176,9 +187,12 @@ Task<void> ServiceKeeper::Shutdown() {
 
 Task<void> ServiceKeeper::Enable(bool isEnabled) {
     const bool isWritten = co_await OnControlThread([this, isEnabled] {
-        const bool isDone = IsWritten([&] {
-            return isEnabled ? _service->EnableContainerService() : _service->DisableContainerService();
-        });
+        const auto change = [this](bool enable) {
+            return enable ? _service->EnableContainerService() : _service->DisableContainerService();
+        };
+        const bool before = _service->IsContainerServiceEnabled(false);
+        const bool isDone =
+            IsWrittenOrUndone([&] { return change(isEnabled); }, [&] { return change(before); });
         _isWanted = isDone ? isEnabled : _isWanted.load();
         return isDone;
     });
@@ -201,7 +215,8 @@ Task<void> ServiceKeeper::ChangeSettings(std::optional<unsigned> tcpPort, std::o
     }
     QxCCTESettings::QxSUserSettings settings;
     const bool isWritten = co_await OnControlThread([&] {
-        settings = _service->GetContainerServiceUserSettings();
+        const auto before = _service->GetContainerServiceUserSettings();
+        settings = before;
         settings.tcpPort = tcpPort.value_or(settings.tcpPort);
         settings.coresNum = cores.value_or(settings.coresNum);
         const unsigned most = _service->GetMaxAllowedCpuCoreCount();
@@ -209,12 +224,13 @@ Task<void> ServiceKeeper::ChangeSettings(std::optional<unsigned> tcpPort, std::o
             throw Problem(Status::bad_request,
                           "Containers can get at most " + std::to_string(most) + " cores of this board.");
         }
-        return IsWritten([&] { return _service->SetContainerServiceUserSettings(settings); });
+        return IsWrittenOrUndone([&] { return _service->SetContainerServiceUserSettings(settings); },
+                                 [&] { return _service->SetContainerServiceUserSettings(before); });
     });
-    _settings = settings;
     if (!isWritten) {
         throw Problem(Status::internal_server_error, Unwritable);
     }
+    _settings = settings;
 }
 
 void ServiceKeeper::FailureReported() {
@@ -277,7 +293,7 @@ std::string ServiceKeeper::PrepareAndStart(bool isRestart) {
     if (!_isInitialised) {
         // The library switches itself off where the board is not ready, such as before a drive is mounted.
         if (_options.restart.rule == RestartPolicy::Rule::Always && _isWanted && !isEnabled &&
-            !_service->EnableContainerService()) {
+            !IsWritten([this] { return _service->EnableContainerService(); })) {
             return Unwritable;
         }
         if (!_service->init()) {

@@ -47,7 +47,7 @@ void SyncDirectory(const std::string& path) {
     const QxNSupport::UniqueFd directory(
         open(std::filesystem::path(path).parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory.IsOpen()) {
-        fsync(directory.Get());
+        TEMP_FAILURE_RETRY(fsync(directory.Get()));
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include "QxNJson.h"
 #include "http/Clock.h"
+#include "http/UploadFile.h"
 
 #include <fcntl.h>
 #include <openssl/crypto.h>
@@ -155,9 +156,7 @@ void Tokens::_Write(const std::vector<Entry>& entries) const {
     QxNSupport::UniqueFd output(static_cast<int>(
         TEMP_FAILURE_RETRY(open(fresh.Path().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600))));
     if (!output.IsOpen() || fchmod(output.Get(), 0600) != 0 ||
-        TEMP_FAILURE_RETRY(write(output.Get(), text.data(), text.size())) !=
-            static_cast<ssize_t>(text.size()) ||
-        TEMP_FAILURE_RETRY(fsync(output.Get())) != 0) {
+        !WriteAll(output.Get(), text.data(), text.size()) || TEMP_FAILURE_RETRY(fsync(output.Get())) != 0) {
         FailToWrite(_path, errno);
     }
     fresh.MoveTo(_path);

@@ -31,6 +31,19 @@ std::string DirectoryOf(const UploadedFile& file) {
 
 }  // namespace
 
+bool WriteAll(int file, const char* data, size_t size) {
+    while (size != 0) {
+        const ssize_t count = write(file, data, size);
+        if (count < 0 && errno != EINTR) {
+            return false;
+        }
+        const size_t written = count > 0 ? static_cast<size_t>(count) : 0;
+        data += written;
+        size -= written;
+    }
+    return true;
+}
+
 Task<bool> Place(UploadedFile& file, std::string path) {
     const bool replaces = co_await InBackground(DiskThread(), [&] {
         try {
@@ -66,12 +79,8 @@ Task<void> UploadTarget::Begin(const std::string& directory, std::optional<std::
 
 Task<void> UploadTarget::Write(const char* data, size_t size) {
     co_await InBackground(DiskThread(), [&] {
-        for (size_t done = 0; done < size;) {
-            const ssize_t count = write(_output.Get(), data + done, size - done);
-            if (count < 0 && errno != EINTR) {
-                throw WriteProblem(DirectoryOf(*_file), errno);
-            }
-            done += count > 0 ? static_cast<size_t>(count) : 0;
+        if (!WriteAll(_output.Get(), data, size)) {
+            throw WriteProblem(DirectoryOf(*_file), errno);
         }
     });
     _written += size;

@@ -10,6 +10,10 @@ namespace QxNHttp {
 /// How the names of files begin that are not finished yet; six letters and digits follow.
 inline constexpr const char* HiddenUploadPrefix = ".qxcontainerd-upload-";
 
+/// Writes all of it, also when signals interrupt that. Blocks as long as the disk takes.
+/// @return whether that was possible; `errno` tells why not
+bool WriteAll(int file, const char* data, size_t size);
+
 /// Puts an uploaded file at its place, on the thread for disks.
 /// @return whether there was one before
 /// @throws Problem when that is not possible; the file is gone then

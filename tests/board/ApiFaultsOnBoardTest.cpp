@@ -338,6 +338,14 @@ TEST_F(LateDrive, BringsTheServiceWithTheSettingsOfTheFile) {
     const Checks checks;
     EXPECT_EQ(checks.Verdict("tcp"), "ok");
     EXPECT_EQ(checks.Found("tcp"), "port 8443");
+
+    ASSERT_TRUE(Logged("Spawned Podman correctly"));
+    const size_t before = Restarts();
+    WriteSettings(R"({"enabled": true, "tcp_port": 9443})");
+    Output("pkill -KILL -f '[p]odman system service'");
+    ASSERT_TRUE(Eventually([&] { return Restarts() > before; }));
+    ASSERT_TRUE(Becomes("running"));
+    EXPECT_EQ(Ask("/service").Json()["settings"]["tcpPort"], 8443) << "a restart goes on with what it has";
 }
 
 TEST_F(LateDrive, IsNotWaitedForAfterAStop) {
@@ -487,8 +495,7 @@ protected:
         PluginBoard::Install({"switched"});
         Output("mkdir -p " + COMPOSE_FILES_PATH + " && echo 'services: {}' >" + COMPOSE_FILES_PATH +
                "old.yaml");
-        // Whatever becomes of this test, and before it is ended for taking too long: nobody could take a board away
-        // with threads that wait for its disk.
+        // Before this test is ended for taking too long: what waits for the disk could not be killed by the board.
         Shell("(sleep 100; fsfreeze --unfreeze /userstorage1) >/dev/null 2>&1 &");
         Output("fsfreeze --freeze /userstorage1");
     }
@@ -550,8 +557,11 @@ TEST_F(FrozenDisk, IsWhyPluginsAreNotListed) {
     const Checks checks;
     EXPECT_EQ(checks.Verdict("plugins"), "unknown");
     EXPECT_EQ(checks.Found("plugins"), answer.Detail());
+    Begin("/service/settings", "-X PATCH -d '{\"cores\":1}'");
+    EXPECT_EQ(changes.at(1).wait_for(std::chrono::milliseconds(500)), std::future_status::timeout);
     Thaw();
     EXPECT_EQ(changes.at(0).get(), 204);
+    EXPECT_EQ(changes.at(1).get(), 200);
     EXPECT_EQ(Ask("/plugins").Json()["plugins"][0]["deactivatedNext"], true);
 }
 
@@ -681,19 +691,25 @@ TEST_F(ApiOnBoard, StopsAlsoWhenTheSettingsCannotBeWritten) {
 TEST_F(ApiOnBoard, SaysThatSettingsCannotBeWritten) {
     const std::string unwritable =
         "The settings cannot be written; is the configuration drive mounted and writable?";
-    Output("mv /mnt/cfdrive/containers /mnt/cfdrive/away && touch /mnt/cfdrive/containers");
-    const Answer change = Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":8443}'");
-    EXPECT_EQ(change.status, 500);
-    EXPECT_EQ(change.Detail(), unwritable);
-    EXPECT_EQ(Ask("/service").Json()["settings"]["tcpPort"], 8443) << "the library goes on with it";
-    const Answer disable = Post("/service/disable");
-    EXPECT_EQ(disable.status, 500);
-    EXPECT_EQ(disable.Detail(), unwritable);
-
-    Output("rm /mnt/cfdrive/containers && mv /mnt/cfdrive/away /mnt/cfdrive/containers");
-    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":0}'").status, 200);
-    EXPECT_EQ(Post("/service/enable").status, 200);
-    EXPECT_EQ(State(), "running");
+    const std::pair<const char*, const char*> troubles[] = {
+        {"mv containers away && touch containers", "rm containers && mv away containers"},
+        {"mount --bind containers containers && mount -o remount,bind,ro containers", "umount containers"}};
+    for (const auto& [trouble, end] : troubles) {
+        Output(std::string("cd /mnt/cfdrive && ") + trouble);
+        const Answer change = Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":8443}'");
+        EXPECT_EQ(change.status, 500) << trouble;
+        EXPECT_EQ(change.Detail(), unwritable);
+        const Answer disable = Post("/service/disable");
+        EXPECT_EQ(disable.status, 500) << trouble;
+        EXPECT_EQ(disable.Detail(), unwritable);
+        const json service = Ask("/service").Json();
+        EXPECT_EQ(service["settings"]["tcpPort"], 0) << "what is refused is not done in part";
+        EXPECT_EQ(service["enabled"], true);
+        Output(std::string("cd /mnt/cfdrive && ") + end);
+    }
+    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":8443}'").status, 200);
+    EXPECT_EQ(Post("/service/disable").status, 200);
+    EXPECT_EQ(Ask("/service").Json()["enabled"], false);
 }
 
 TEST_F(ApiOnBoard, EndsInOrderWhileAFileIsUploaded) {

@@ -200,7 +200,6 @@ TEST_F(ApiOnBoard, TellsASlowViewerHowMuchItMissedAndLetsNobodyWaitForIt) {
     const SeenLog rest(slow);
     EXPECT_GT(rest.skipped, 0);
     EXPECT_EQ(rest.lines + rest.skipped, all.lines + all.skipped);
-    EXPECT_GT(all.lines, rest.lines);
 }
 
 TEST_F(ApiOnBoard, TellsWhoWatchesALogThatItStops) {

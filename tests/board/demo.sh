@@ -5,7 +5,9 @@ set -euo pipefail
 cd "$1"
 output=$(mktemp)
 name=''
+demo=''
 finish() {
+    [ -z "$demo" ] || { kill -TERM "$demo" && wait "$demo"; } 2>/dev/null || true
     [ -z "$name" ] || board/board down "$name" >/dev/null 2>&1 || true
     rm -f "$output"
 }
@@ -46,24 +48,28 @@ boards=$(board/board list)
 ! grep -q "^$name " <<<"$boards" || fail "the board is there still"
 name=''
 
-# cut_off STATUS: ends a demonstration when its board has come so far.
+# cut_off FILE: ends a demonstration when its board has come so far as to have this file of its state.
 cut_off() {
-    local tries
+    local state tries
     ./qx demo --stay --suite "${QX_BOARD_SUITE:-auto}" >"$output" 2>&1 </dev/null &
-    name=demo-$!
-    for tries in {1..600}; do
-        ! board/board list | grep -q "^$name .* $1 " || break
-        sleep 0.1
+    demo=$!
+    name=demo-$demo
+    state=/run/qx-boards/$name
+    for ((tries = 6000; tries > 0; --tries)); do
+        [ ! -e "$state/$1" ] || break
+        sleep 0.01
     done
-    ((tries < 600)) || fail "its board does not come"
-    kill -TERM "${name#demo-}"
-    wait "${name#demo-}" && fail "it was not cut off"
-    for tries in {1..100}; do
-        board/board list | grep -q "^$name " || break
-        sleep 0.1
+    [ $tries -gt 0 ] || fail "its board does not come"
+    kill -TERM $demo || fail "it has ended already"
+    ! wait $demo || fail "it was not cut off"
+    demo=''
+    for ((tries = 600; tries > 0; --tries)); do
+        [ -d "$state" ] || break
+        sleep 0.05
     done
-    ((tries < 100)) || fail "its board ($1) is there still"
+    [ $tries -gt 0 ] || fail "its board, cut off at '$1', is there still"
     name=''
 }
-cut_off starting
-cut_off up
+for file in owner init ready; do
+    cut_off $file
+done

@@ -27,6 +27,19 @@ network 10
 LIST
 }
 
+# up_until_exit NAME OPTIONS...: a board that goes when this shell ends, in whatever way, unless the trap is taken back.
+up_until_exit() {
+    local down="board/board down '$1' >/dev/null 2>&1 || true"
+    # In the foreground it would not hear of the end of this shell.
+    board/board up --quiet --name "$@" >/dev/null &
+    # The values are put into the traps now: when they run, this function's variables are gone.
+    # shellcheck disable=SC2064
+    trap "kill $! 2>/dev/null || true; wait $! || true; $down" EXIT
+    wait $!
+    # shellcheck disable=SC2064
+    trap "$down" EXIT
+}
+
 # reach_page BOARD: makes the page of the daemon there reachable on this machine; sets page_port.
 reach_page() {
     coproc FORWARD { exec setsid board/board forward --listen 8089 "$1" 8089 2>/dev/null; }
@@ -65,12 +78,7 @@ task_demo() {
     install -D tools/demo/on-board.sh build/release/stage/share/demo/on-board.sh
     step "Pack two plugins" pack_plugins build/release/stage/share/demo
 
-    # A foreground process would not hear of the end of this one.
-    board/board up --quiet --name "$name" --suite "$suite" --bind "$root/build/release/stage:/opt/qx:ro" >/dev/null &
-    # The name is put into the trap now: when it runs, this function's variables are gone.
-    # shellcheck disable=SC2064
-    trap "kill $! 2>/dev/null && wait $!; board/board down '$name' >/dev/null 2>&1" EXIT
-    wait $!
+    up_until_exit "$name" --suite "$suite" --bind "$root/build/release/stage:/opt/qx:ro"
     board/board exec "$name" -- /opt/qx/share/demo/on-board.sh "$stay" || status=$?
     if [ -n "$stay" ]; then
         show_page "$name"

@@ -95,9 +95,7 @@ test_page_in_browser() {
     step "Test the web page before a stand-in" npm --prefix host/page run test:browser
     install -D tools/demo/on-board.sh build/release/stage/share/demo/on-board.sh
     step "Pack two plugins" pack_plugins build/demo
-    board/board up --quiet --name "$name" --bind "$root/build/release/stage:/opt/qx:ro" >/dev/null
-    # shellcheck disable=SC2064
-    trap "board/board down '$name' >/dev/null 2>&1" EXIT
+    up_until_exit "$name" --bind "$root/build/release/stage:/opt/qx:ro"
     step "Start the daemon on a board" board/board exec "$name" -- /opt/qx/share/demo/on-board.sh stay
     reach_page "$name"
     QX_PAGE_BOARD="'$root/board/board' exec '$name' --" QX_PAGE_PLUGINS=$root/build/demo \
