@@ -82,6 +82,7 @@ public:
 
     // --- Settings ---
 
+    /// May be called from any thread unless the file is read.
     /// @param reread  read the settings file again first
     bool IsContainerServiceEnabled(bool reread) const;
     /// @param reread  read the settings file again first
@@ -93,7 +94,8 @@ public:
     /// monitor thread reads the values at its beginning.
     /// @return whether the settings file was written
     bool SetContainerServiceUserSettings(const QxCCTESettings::QxSUserSettings& settings);
-    /// @return the most cores that containers may get
+    /// @return the most cores that containers may get; the same for the life of the service. May be called from any
+    ///         thread.
     unsigned int GetMaxAllowedCpuCoreCount() const;
 
     // --- Steps of init() and Start() ---
@@ -135,6 +137,7 @@ public:
 
     // --- User storage ---
 
+    /// Looks at the mounts of this moment. May be called from any thread.
     /// @param reason  receives why not, when the result is false; may be null
     /// @return whether an ext4 file system is mounted at "/userstorage1"
     bool HasValidUserStorage(std::string* reason) const;

@@ -368,10 +368,10 @@ Check CheckPlugins(const json& list) {
                        "See the plugins view; the log file has the details of the last start."};
 }
 
-Check CheckWriteCache() {
+Check CheckWriteCache(const QxCContainer& service) {
     struct stat status {};
     std::error_code error;
-    if (stat(UserStorage, &status) != 0) {
+    if (!service.HasValidUserStorage(nullptr) || stat(UserStorage, &status) != 0) {
         return {"write-cache", "Disk cache", Unknown, "the disk cannot be found"};
     }
     const fs::path device = fs::canonical(
@@ -435,6 +435,6 @@ QxNHttp::Task<json> CheckBoard(Ground& ground) {
                        CheckLinks(), CheckCoreSettings(settings.coresNum, most),
                        CheckCpuSet(settings.coresNum), podman, tcp, CheckCertificates(settings.tcpPort),
                        CheckOwnCertificate(ground.certificate, ground.certificateKey), CheckSpace(service),
-                       CheckVersions(), plugins, CheckWriteCache()});
+                       CheckVersions(), plugins, CheckWriteCache(service)});
     });
 }

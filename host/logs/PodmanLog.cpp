@@ -73,7 +73,8 @@ PodmanLog::PodmanLog(QxCContainer& service, const ContainerState& container,
 
 void PodmanLog::Start() {
     _session = _service.RegisterLogStreamSession(&_receiver, _container.id);
-    // As it comes, with the frames' marks.
+    // As it comes, with the frames' marks: what the library sends of frames does not tell standard output and error
+    // apart, and two streams would lose the order between them.
     _session->tty = true;
     try {
         // The thread may be done, and somebody wait for it, before it is even noted here.

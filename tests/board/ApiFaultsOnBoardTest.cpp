@@ -342,10 +342,13 @@ TEST_F(LateDrive, BringsTheServiceWithTheSettingsOfTheFile) {
     ASSERT_TRUE(Logged("Spawned Podman correctly"));
     const size_t before = Restarts();
     WriteSettings(R"({"enabled": true, "tcp_port": 9443})");
+    // Else the library would write what it has.
+    Output("cd /mnt/cfdrive && mount --bind containers containers && mount -o remount,bind,ro containers");
     Output("pkill -KILL -f '[p]odman system service'");
     ASSERT_TRUE(Eventually([&] { return Restarts() > before; }));
     ASSERT_TRUE(Becomes("running"));
     EXPECT_EQ(Ask("/service").Json()["settings"]["tcpPort"], 8443) << "a restart goes on with what it has";
+    Output("umount /mnt/cfdrive/containers");
 }
 
 TEST_F(LateDrive, IsNotWaitedForAfterAStop) {
@@ -593,6 +596,7 @@ TEST_F(ApiOnBoard, KeepsNothingWithoutAUserStorage) {
     const Checks checks;
     EXPECT_EQ(checks.Verdict("user-storage"), "error");
     EXPECT_EQ(checks.Verdict("space"), "unknown");
+    EXPECT_EQ(checks.Verdict("write-cache"), "unknown") << "that of another disk says nothing";
 }
 
 TEST_F(ApiOnBoard, TakesNoImageWhileTheServiceIsStopped) {
@@ -707,7 +711,9 @@ TEST_F(ApiOnBoard, SaysThatSettingsCannotBeWritten) {
         EXPECT_EQ(service["enabled"], true);
         Output(std::string("cd /mnt/cfdrive && ") + end);
     }
-    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"tcpPort\":8443}'").status, 200);
+    EXPECT_EQ(Ask("/service/settings", "-X PATCH -d '{\"cores\":0}'").status, 200);
+    EXPECT_EQ(Ask("/service").Json()["settings"]["tcpPort"], 0) << "nor does it come back";
+    EXPECT_THAT(Output("cat " + SETTINGS_FILE), HasSubstr("\"tcp_port\": 0"));
     EXPECT_EQ(Post("/service/disable").status, 200);
     EXPECT_EQ(Ask("/service").Json()["enabled"], false);
 }

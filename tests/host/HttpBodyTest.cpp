@@ -18,7 +18,8 @@ using testing::UnorderedElementsAre;
 namespace {
 
 std::atomic<bool> s_syncFails{false};
-std::atomic<bool> s_interrupts{false};  ///< every second sync
+std::atomic<bool> s_interrupts{false};  ///< every second sync and write; the others write half of it
+std::atomic<int> s_writes{0};
 std::atomic<int> s_syncs{0};
 std::atomic<dev_t> s_hollowDisk{0};  ///< that does not store what is written
 std::atomic<pid_t> s_remover{0};     ///< the thread that removed a file last
@@ -46,6 +47,13 @@ ssize_t write(int descriptor, const void* data, size_t size) {
     if (s_hollowDisk != 0 && fstat(descriptor, &file) == 0 && file.st_dev == s_hollowDisk) {
         const off_t end = lseek(descriptor, static_cast<off_t>(size), SEEK_CUR);
         return end >= 0 && ftruncate(descriptor, end) == 0 ? static_cast<ssize_t>(size) : -1;
+    }
+    if (s_interrupts && fstat(descriptor, &file) == 0 && S_ISREG(file.st_mode)) {
+        if (s_writes++ % 2 == 0) {
+            errno = EINTR;
+            return -1;
+        }
+        size = (size + 1) / 2;
     }
     return syscall(SYS_write, descriptor, data, size);
 }
@@ -360,12 +368,25 @@ TEST_F(HttpBodies, MayBeFollowedByTheNextRequestAtOnce) {
     }
 }
 
-TEST_F(HttpBodies, AreKeptAlsoWhenTheDiskIsInterrupted) {
+/// By signals, which may also cut short what is written.
+class InterruptedDisks : public HttpBodies {
+protected:
+    InterruptedDisks() { s_interrupts = true; }
+    ~InterruptedDisks() override {
+        s_interrupts = false;
+        EXPECT_EQ(s_syncs, 4) << "of the file and of its directory, each twice";
+    }
+};
+
+TEST_F(InterruptedDisks, KeepUploads) {
     server.Serve();
-    s_interrupts = true;
     EXPECT_EQ(Ask(WithBody(Put, large)).status, 201);
-    EXPECT_EQ(s_syncs, 4) << "of the file and of its directory, each twice";
     EXPECT_TRUE(FileText("name") == large);
+}
+
+TEST_F(InterruptedDisks, KeepTokens) {
+    const std::string token = server.tokens.Make("panel", Right::Act);
+    EXPECT_EQ(QxNHttp::Tokens("/tmp/tokens.json").Find(token).name, "panel");
 }
 
 /// Files may be large, and releasing them takes a disk its time: not on the thread that serves everybody.

@@ -66,10 +66,11 @@ task_clean() {
     case ${1:-} in
         -h | --help)
             say "Usage: ./qx clean"
-            say "Removes build/. The cache of the virtual boards stays; board/README.md tells where it is."
+            say "Removes build/ and what the web page was built with and into."
+            say "The cache of the virtual boards stays; board/README.md tells where it is."
             return ;;
         "") ;;
         *) die 2 "clean takes no options" ;;
     esac
-    rm -rf build
+    rm -rf build host/page/dist host/page/node_modules
 }

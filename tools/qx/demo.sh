@@ -30,11 +30,11 @@ LIST
 # up_until_exit NAME OPTIONS...: a board that goes when this shell ends, in whatever way, unless the trap is taken back.
 up_until_exit() {
     local down="board/board down '$1' >/dev/null 2>&1 || true"
-    # In the foreground it would not hear of the end of this shell.
-    board/board up --quiet --name "$@" >/dev/null &
     # The values are put into the traps now: when they run, this function's variables are gone.
     # shellcheck disable=SC2064
-    trap "kill $! 2>/dev/null || true; wait $! || true; $down" EXIT
+    trap "kill \$(jobs -p) 2>/dev/null || true; wait || true; $down" EXIT
+    # In the foreground it would not hear of the end of this shell.
+    board/board up --quiet --name "$@" >/dev/null &
     wait $!
     # shellcheck disable=SC2064
     trap "$down" EXIT
