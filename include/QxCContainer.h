@@ -82,9 +82,10 @@ public:
 
     // --- Settings ---
 
-    /// May be called from any thread unless the file is read.
+    /// May be called from any thread unless `reread` is true.
     /// @param reread  read the settings file again first
     bool IsContainerServiceEnabled(bool reread) const;
+    /// May be called from any thread unless `reread` is true.
     /// @param reread  read the settings file again first
     /// @return one of ContainerServiceState
     int GetContainerServiceStatus(bool reread) const;
@@ -94,7 +95,7 @@ public:
     /// monitor thread reads the values at its beginning.
     /// @return whether the settings file was written
     bool SetContainerServiceUserSettings(const QxCCTESettings::QxSUserSettings& settings);
-    /// @return the most cores that containers may get; the same for the life of the service. May be called from any
+    /// @return the most cores that containers may get, as counted when the service was made. May be called from any
     ///         thread.
     unsigned int GetMaxAllowedCpuCoreCount() const;
 

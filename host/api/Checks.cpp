@@ -41,6 +41,7 @@ constexpr int SoonDays = 30;
 constexpr std::chrono::seconds ProgramDeadline{5};
 constexpr std::chrono::seconds PluginsDeadline{1};  ///< for the control thread
 constexpr const char* UserStorage = "/userstorage1";
+constexpr const char* NoUserStorage = "there is no user storage at /userstorage1";
 constexpr long SquashfsMagic = 0x73717368;
 
 struct Check {
@@ -263,7 +264,7 @@ Check CheckCertificates(unsigned tcpPort) {
 Check CheckSpace(const QxCContainer& service) {
     struct statvfs disk {};
     if (!service.HasValidUserStorage(nullptr) || statvfs(UserStorage, &disk) != 0) {
-        return {"space", "Free space", Unknown, std::string("there is no user storage at ") + UserStorage};
+        return {"space", "Free space", Unknown, NoUserStorage};
     }
     const std::uint64_t bytes = std::uint64_t{disk.f_bavail} * disk.f_frsize;
     const std::string found = std::to_string(bytes >> 20) + " MiB at " + UserStorage;
@@ -372,7 +373,7 @@ Check CheckWriteCache(const QxCContainer& service) {
     struct stat status {};
     std::error_code error;
     if (!service.HasValidUserStorage(nullptr) || stat(UserStorage, &status) != 0) {
-        return {"write-cache", "Disk cache", Unknown, "the disk cannot be found"};
+        return {"write-cache", "Disk cache", Unknown, NoUserStorage};
     }
     const fs::path device = fs::canonical(
         "/sys/dev/block/" + std::to_string(major(status.st_dev)) + ":" + std::to_string(minor(status.st_dev)),

@@ -415,16 +415,18 @@ TEST_F(ApiOnBoard, HoldsNoUploadInMemory) {
     };
     const long before = peak();
     EXPECT_EQ(Ask("/plugins/large.crp", "-T /tmp/large").status, 422);
-    EXPECT_EQ(Post("/images", "--data-binary @/tmp/large").status, 422);
+    EXPECT_EQ(Post("/images", "-T /tmp/large").status, 422);
     EXPECT_LT(peak() - before, 32 << 10) << "KiB";
 }
 
 TEST_F(ApiOnBoard, KeepsNothingOfClientsThatVanish) {
     Output("truncate -s 50M /tmp/large; mkdir -p " + PLUGINS_DIR);
     const std::string upload =
-        "timeout 3 curl -s --limit-rate 1M --unix-socket /run/qxcontainerd/api.sock -T /tmp/large "
+        "timeout 10 curl -s --limit-rate 1M --unix-socket /run/qxcontainerd/api.sock -T /tmp/large "
         "http://board/api/v1/plugins/large.crp >/dev/null & ";
-    EXPECT_EQ(Output(upload + "sleep 1; ls -A " + PLUGINS_DIR + " | wc -l; wait"), "1");
+    EXPECT_EQ(
+        Output(upload + "until ls -A " + PLUGINS_DIR + " | grep .; do sleep 0.1; done | wc -l; kill $!"),
+        "1");
     EXPECT_TRUE(Eventually([] { return Output("ls -A " + PLUGINS_DIR).empty(); }));
     EXPECT_EQ(Ask("/service").status, 200);
 }
@@ -508,7 +510,7 @@ TEST_F(ApiOnBoard, AnswersOnlyItsOwnPagesAndNames) {
         "-H 'Connection: Upgrade' -H 'Upgrade: websocket' -H 'Sec-WebSocket-Version: 13' -H "
         "'Sec-WebSocket-Key: MDEyMzQ1Njc4OWFiY2RlZg==' -H 'Authorization: Bearer " +
         act + "' http://127.0.0.1:8089/api/v1/messages";
-    EXPECT_EQ(Curl("-m 1 -H 'Origin: http://127.0.0.1:8089' " + socket).status, 101);
+    EXPECT_EQ(Curl("-m 3 -H 'Origin: http://127.0.0.1:8089' " + socket).status, 101);
     EXPECT_EQ(Curl("-H 'Origin: http://evil.example' " + socket).status, 403);
     EXPECT_EQ(Curl("-H 'Host: evil.example' " + socket).status, 421);
 }

@@ -371,10 +371,15 @@ TEST_F(HttpBodies, MayBeFollowedByTheNextRequestAtOnce) {
 /// By signals, which may also cut short what is written.
 class InterruptedDisks : public HttpBodies {
 protected:
-    InterruptedDisks() { s_interrupts = true; }
+    InterruptedDisks() {
+        s_interrupts = true;
+        s_syncs = 0;
+        s_writes = 0;
+    }
     ~InterruptedDisks() override {
         s_interrupts = false;
         EXPECT_EQ(s_syncs, 4) << "of the file and of its directory, each twice";
+        EXPECT_GT(s_writes, 2);
     }
 };
 

@@ -72,5 +72,5 @@ task_clean() {
         "") ;;
         *) die 2 "clean takes no options" ;;
     esac
-    rm -rf build host/page/dist host/page/node_modules
+    rm -rf build host/page/dist host/page/node_modules host/page/test-output
 }
