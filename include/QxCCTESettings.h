@@ -26,10 +26,10 @@ inline constexpr int Failed = 4;
 /// being changed all the same. Errors of the existence test and of creating the file's directory are
 /// std::filesystem::filesystem_error and reach the caller.
 ///
-/// Thread safety: getEnabled(false), getState(false) and, since the cores are counted once, getMaxCpuCoreCount()
-/// may be called from any thread. Everything else, rereading, writing and counting the cores anew included,
-/// belongs to the host's control thread, except that the monitor thread reads the user settings once when it
-/// begins. All operations block for file access only.
+/// Thread safety: getEnabled(false) and getState(false) may be called from any thread, getMaxCpuCoreCount() too
+/// except while ExtractCpuCoreCounts() runs. Everything else, rereading and writing included, belongs to the
+/// host's control thread, except that the monitor thread reads the user settings once when it begins. All
+/// operations block for file access only.
 class QX_EXPORT QxCCTESettings {
 public:
     /// What the user chooses.

@@ -95,8 +95,8 @@ public:
     /// monitor thread reads the values at its beginning.
     /// @return whether the settings file was written
     bool SetContainerServiceUserSettings(const QxCCTESettings::QxSUserSettings& settings);
-    /// @return the most cores that containers may get, as counted when the service was made. May be called from any
-    ///         thread.
+    /// @return the most cores that containers may get, as counted last. May be called from any thread except
+    ///         while the cores are counted anew.
     unsigned int GetMaxAllowedCpuCoreCount() const;
 
     // --- Steps of init() and Start() ---

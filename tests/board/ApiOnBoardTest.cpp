@@ -422,11 +422,12 @@ TEST_F(ApiOnBoard, HoldsNoUploadInMemory) {
 TEST_F(ApiOnBoard, KeepsNothingOfClientsThatVanish) {
     Output("truncate -s 50M /tmp/large; mkdir -p " + PLUGINS_DIR);
     const std::string upload =
-        "timeout 10 curl -s --limit-rate 1M --unix-socket /run/qxcontainerd/api.sock -T /tmp/large "
+        "timeout 20 curl -s --limit-rate 1M --unix-socket /run/qxcontainerd/api.sock -T /tmp/large "
         "http://board/api/v1/plugins/large.crp >/dev/null & ";
-    EXPECT_EQ(
-        Output(upload + "until ls -A " + PLUGINS_DIR + " | grep .; do sleep 0.1; done | wc -l; kill $!"),
-        "1");
+    const std::string some = "find " + PLUGINS_DIR + " -size +1000k";
+    EXPECT_EQ(Output(upload + "for i in $(seq 100); do [ -z \"$(" + some +
+                     ")\" ] || break; sleep 0.1; done; " + some + " | wc -l; kill $!"),
+              "1");
     EXPECT_TRUE(Eventually([] { return Output("ls -A " + PLUGINS_DIR).empty(); }));
     EXPECT_EQ(Ask("/service").status, 200);
 }

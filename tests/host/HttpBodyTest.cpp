@@ -372,9 +372,9 @@ TEST_F(HttpBodies, MayBeFollowedByTheNextRequestAtOnce) {
 class InterruptedDisks : public HttpBodies {
 protected:
     InterruptedDisks() {
-        s_interrupts = true;
         s_syncs = 0;
         s_writes = 0;
+        s_interrupts = true;
     }
     ~InterruptedDisks() override {
         s_interrupts = false;

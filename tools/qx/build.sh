@@ -66,7 +66,7 @@ task_clean() {
     case ${1:-} in
         -h | --help)
             say "Usage: ./qx clean"
-            say "Removes build/ and what the web page was built with and into."
+            say "Removes build/ and what the web page was built with and into, with its pictures."
             say "The cache of the virtual boards stays; board/README.md tells where it is."
             return ;;
         "") ;;
