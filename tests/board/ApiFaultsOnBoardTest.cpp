@@ -330,6 +330,43 @@ TEST_F(LateDrive, IsWaitedForWhileTheSettingsCannotBeWritten) {
     EXPECT_EQ(Ask("/service").Json()["enabled"], true);
 }
 
+/// Not even their directory can be made.
+TEST_F(LateDrive, IsWaitedForWhileTheSettingsHaveNoDirectory) {
+    Output("cd /mnt/cfdrive && mv containers away && touch containers");
+    ASSERT_TRUE(Eventually([] {
+        return Problem() ==
+               "The settings cannot be written; is the configuration drive mounted and writable?";
+    }));
+    Output("cd /mnt/cfdrive && rm containers && mv away containers");
+    Come();
+    EXPECT_TRUE(Becomes("running"));
+}
+
+/// The library reads the file once more in a start, after the daemon has.
+TEST(ApiStart, TakesThePortThatTheFileHasLast) {
+    ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
+    Daemon daemon(std::vector<std::string>{});
+    ASSERT_TRUE(Becomes("failed"));
+    // A pipe tells every reader something else; by the time that the second one has read, the file is there again.
+    WriteFile("/tmp/script", "cd " + SETTINGS_FILE.substr(0, SETTINGS_FILE.rfind('/')) +
+                                 "\nname=" + SETTINGS_FILE.substr(SETTINGS_FILE.rfind('/') + 1) +
+                                 "\n"
+                                 "last='{\"enabled\": true, \"tcp_port\": 8443}'\n"
+                                 "echo \"$last\" >last\nmkfifo pipe\nmv pipe $name\n"
+                                 "echo '{\"enabled\": true, \"tcp_port\": 9443}' >$name\nsleep 0.2\n"
+                                 "exec 3>$name\nmv last $name\necho \"$last\" >&3\n");
+    auto script = std::async(std::launch::async, [] { return Shell("timeout 20 sh /tmp/script").status; });
+    ASSERT_TRUE(Eventually([] { return Shell("test -p " + SETTINGS_FILE).status == 0; }));
+
+    EXPECT_EQ(Post("/service/start").status, 200);
+
+    EXPECT_EQ(script.get(), 0);
+    const Checks checks;
+    EXPECT_EQ(checks.Verdict("tcp"), "ok");
+    EXPECT_EQ(checks.Found("tcp"), "port 8443");
+    EXPECT_EQ(Output("cat /run/qxcontainerd.taken"), "8443");
+}
+
 TEST_F(LateDrive, BringsTheServiceWithTheSettingsOfTheFile) {
     WriteSettings(R"({"enabled": true, "tcp_port": 8443})");
     Come();
