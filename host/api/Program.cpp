@@ -1,10 +1,10 @@
 #include "api/Program.h"
 
 #include "QxNContainerPaths.h"
+#include "support/ProcessEnd.h"
 #include "support/UniqueFd.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/mman.h>
@@ -80,8 +80,7 @@ ProgramOutcome RunProgram(const std::string& path, const std::vector<std::string
     }
     outcome.hasStarted = true;
     const UniqueFd process(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-    pollfd ended{process.Get(), POLLIN, 0};
-    if (poll(&ended, 1, static_cast<int>(deadline.count())) == 0) {
+    if (!QxNSupport::AwaitEnd(process.Get(), std::chrono::steady_clock::now() + deadline)) {
         kill(child, SIGKILL);  // not collected yet, so it is still ours
     }
     int status = 0;

@@ -1,8 +1,8 @@
 #include "daemon/PodmanServices.h"
 
 #include "QxNContainerPaths.h"
+#include "support/ProcessEnd.h"
 
-#include <poll.h>
 #include <signal.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -86,15 +86,9 @@ int ForEachPodmanService(Function function) {
 /// @return whether all of them ended in time
 bool AwaitEnds(const std::vector<QxNSupport::UniqueFd>& processes, std::chrono::milliseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
-    for (const QxNSupport::UniqueFd& process : processes) {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
-        pollfd ended{process.Get(), POLLIN, 0};
-        if (poll(&ended, 1, std::max(0, static_cast<int>(left.count()))) != 1) {
-            return false;
-        }
-    }
-    return true;
+    return std::all_of(processes.begin(), processes.end(), [end](const QxNSupport::UniqueFd& process) {
+        return QxNSupport::AwaitEnd(process.Get(), end);
+    });
 }
 
 }  // namespace
@@ -117,7 +111,8 @@ int KillPodmanServices() {
 int EndPodmanServices() {
     return ForEachPodmanService([](int process) {
         siginfo_t end{};
-        return Send(process, SIGKILL) && waitid(P_PIDFD, static_cast<id_t>(process), &end, WEXITED) == 0;
+        return Send(process, SIGKILL) &&
+               TEMP_FAILURE_RETRY(waitid(P_PIDFD, static_cast<id_t>(process), &end, WEXITED)) == 0;
     });
 }
 

@@ -47,6 +47,7 @@ void ServiceManager::Tell(const std::string& state) const {
         return;
     }
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + _address.size());
-    sendto(sender, state.data(), state.size(), MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&address), length);
+    TEMP_FAILURE_RETRY(sendto(sender, state.data(), state.size(), MSG_NOSIGNAL,
+                              reinterpret_cast<sockaddr*>(&address), length));
     close(sender);
 }

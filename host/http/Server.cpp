@@ -63,7 +63,8 @@ void Check(bool ok, const std::string& what) {
 void RemoveStaleSocket(const std::string& path, const sockaddr_un& address) {
     const UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     Check(probe.IsOpen(), path);
-    if (connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
+    if (TEMP_FAILURE_RETRY(
+            connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address))) == 0) {
         Fail(path, "another process serves it; is the daemon running already?");
     }
     struct stat status {};
