@@ -347,13 +347,15 @@ TEST(ApiStart, TakesThePortThatTheFileHasLast) {
     ConfigurePlatform("[Cores]\nTotal=2\nUsable=2\nHypervisor=0\n");
     Daemon daemon(std::vector<std::string>{});
     ASSERT_TRUE(Becomes("failed"));
-    // A pipe tells every reader something else; by the time that the second one has read, the file is there again.
+    // Two pipes tell two readers something else. Each is gone from its place before its reader has all of it; behind the
+    // second one stands the file again.
     WriteFile("/tmp/script", "cd " + SETTINGS_FILE.substr(0, SETTINGS_FILE.rfind('/')) +
                                  "\nname=" + SETTINGS_FILE.substr(SETTINGS_FILE.rfind('/') + 1) +
                                  "\n"
                                  "last='{\"enabled\": true, \"tcp_port\": 8443}'\n"
-                                 "echo \"$last\" >last\nmkfifo pipe\nmv pipe $name\n"
-                                 "echo '{\"enabled\": true, \"tcp_port\": 9443}' >$name\nsleep 0.2\n"
+                                 "echo \"$last\" >last\nmkfifo first second\nmv first $name\n"
+                                 "exec 3>$name\nmv second $name\n"
+                                 "echo '{\"enabled\": true, \"tcp_port\": 9443}' >&3\nexec 3>&-\n"
                                  "exec 3>$name\nmv last $name\necho \"$last\" >&3\n");
     auto script = std::async(std::launch::async, [] { return Shell("timeout 20 sh /tmp/script").status; });
     ASSERT_TRUE(Eventually([] { return Shell("test -p " + SETTINGS_FILE).status == 0; }));

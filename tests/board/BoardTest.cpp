@@ -179,6 +179,15 @@ Daemon::Daemon(const std::vector<std::string>& options, const std::string& varia
         if (!variable.empty()) {
             putenv(const_cast<char*>(variable.c_str()));
         }
+        if (getenv("QX_UNDER_TIMER") != nullptr) {
+            constexpr const char* Timer = "/opt/qx/lib/libqx_timer_signal.so";
+            if (access(Timer, R_OK) != 0) {
+                _exit(97);
+            }
+            setenv("LD_PRELOAD", Timer, 1);
+            setenv("QX_TIMER_PROGRAMS", "qxcontainerd", 1);
+            setenv("QX_TIMER_LIBRARY", "libQxContainerUtils.so", 1);
+        }
         execv(arguments[0], arguments.data());
         _exit(97);
     }

@@ -18,9 +18,11 @@ namespace {
                                    "--bind",
                                    QX_STAGE_DIR ":/opt/qx:ro",
                                    "--env",
-                                   "QX_ON_BOARD=1",
-                                   "--",
-                                   "/opt/qx/bin/qx_board_tests"};
+                                   "QX_ON_BOARD=1"};
+    if (getenv("QX_UNDER_TIMER") != nullptr) {
+        words.insert(words.end(), {"--env", "QX_UNDER_TIMER=1"});
+    }
+    words.insert(words.end(), {"--", "/opt/qx/bin/qx_board_tests"});
     words.insert(words.end(), argv + 1, argv + argc);
     std::vector<char*> arguments;
     for (std::string& word : words) {

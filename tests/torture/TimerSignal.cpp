@@ -3,9 +3,9 @@
 // that the process forks get theirs; of the programs that it starts only those that QX_TIMER_PROGRAMS names.
 //
 // Interrupted calls of the tests themselves are repeated, which is code within QX_TIMER_TESTS, addresses in the
-// program that was started first. So are read and waitpid within QX_TIMER_REPORTING, to which the interruption
-// is an outcome that it reports to its caller. All other calls, those of libraries among them, are as the system
-// makes them.
+// program that was started first. So are read and waitpid within QX_TIMER_REPORTING, or within the library of which
+// QX_TIMER_LIBRARY is a part of the name, to which the interruption is an outcome that it reports to its caller. All
+// other calls, those of other libraries among them, are as the system makes them.
 
 #undef _FILE_OFFSET_BITS
 #undef _FORTIFY_SOURCE
@@ -89,11 +89,20 @@ struct Code {
 
 Code tests;
 Code reporting;
+const char* reportingLibrary = nullptr;
+
+/// @return whether that lies in a library with such a name
+bool IsOfLibrary(const void* caller, const char* name) {
+    Dl_info info{};
+    return dladdr(caller, &info) != 0 && strstr(info.dli_fname, name) != nullptr;
+}
 
 /// @return whether that lies in OpenSSL, which only the clients and servers of tests let have a socket
-bool IsOfOpenSsl(const void* caller) {
-    Dl_info info{};
-    return dladdr(caller, &info) != 0 && strstr(info.dli_fname, "/libcrypto.so") != nullptr;
+bool IsOfOpenSsl(const void* caller) { return IsOfLibrary(caller, "/libcrypto.so"); }
+
+bool IsReporting(const void* caller) {
+    return reporting.Contains(caller) ||
+           (reportingLibrary != nullptr && IsOfLibrary(caller, reportingLibrary));
 }
 
 bool Code::Contains(const void* address) const {
@@ -121,7 +130,7 @@ long Call(const void* caller, long number, Arguments... arguments) {
 
 template <typename... Arguments>
 long CallReported(const void* caller, long number, Arguments... arguments) {
-    return Repeat(caller, reporting.Contains(caller), number, arguments...);
+    return Repeat(caller, IsReporting(caller), number, arguments...);
 }
 
 #define CALLER __builtin_return_address(0)
@@ -163,6 +172,7 @@ __attribute__((constructor)) void Start() {
     }
     tests.Take("QX_TIMER_TESTS");
     reporting.Take("QX_TIMER_REPORTING");
+    reportingLibrary = getenv("QX_TIMER_LIBRARY");
     struct sigaction action {};
     action.sa_handler = Ignore;
     sigaction(Signal, &action, nullptr);

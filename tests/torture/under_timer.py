@@ -9,23 +9,33 @@ error. Of the programs that a test starts only the tools are interrupted, too.
 
 import concurrent.futures
 import os
+import pathlib
 import re
 import subprocess
 import sys
 
 TOOLS = ["crp", "qxctl"]
 
-# The tests' own functions, and the blocking sockets of the clients and servers that they are made of.
+# The tests' own functions, and the blocking sockets of the clients and servers that they are made of; functions without
+# a name for others only when they stand in a file of the tests.
 TESTS = re.compile(
     r"""^(
-        .*_Test::TestBody | .*Test::.* | testing::.* | main$ | \(anonymous\ namespace\)::.*
+        .*_Test::TestBody | .*Test::.* | testing::.* | main$
         | (Sandbox|ToolRun|CtlRun)::.*
         | .*(ScriptedServer|ScriptedDaemon|HttpClient|WebSocketClient|TestServer|LoopDevices|Terminal|RequestReader).*
         | .*boost::asio::detail::(socket_ops|reactive_socket_service).*
     )""", re.VERBOSE)
 
-# Those of the library that report it when a signal interrupts their read or wait.
-REPORTING = re.compile(r"CRP::QxCRPLoader::|QxCComposeFileHandler::|QxNContainer::|QxNSupport::ReapWithin")
+UNNAMED = re.compile(r"\(anonymous namespace\)::")
+FILES_OF_TESTS = {file.name for file in pathlib.Path(__file__).parent.parent.rglob("*.cpp")}
+
+# The four places of the library where an interrupted read or wait is an outcome that is reported: output of compose, its
+# end, the end of a plugin's command, the end of "podman start --all" or "stop --all".
+REPORTING = re.compile(
+    r"""^(
+        \(anonymous\ namespace\)::OutputPipe::Drain\( | QxCComposeFileHandler::_executeShellCommand\(
+        | CRP::QxCRPLoader::execInitCommand\( | QxNContainer::\(anonymous\ namespace\)::RunPodman\(
+    )""", re.VERBOSE)
 
 
 def tests_of(program):
@@ -42,17 +52,33 @@ def tests_of(program):
 
 
 def functions_of(program):
-    """Address, size and name of every function."""
-    symbols = subprocess.run(["nm", "-C", "-S", "--defined-only", program], check=True, capture_output=True,
-                             text=True).stdout
-    lines = (line.split(" ", 3) for line in symbols.splitlines())
-    return [(int(line[0], 16), int(line[1], 16), line[3]) for line in lines if len(line) == 4 and line[2] in "tTwWuU"]
+    """Address, size, name and, of those that are local to one, the source file of every function."""
+    symbols = subprocess.run(["readelf", "-sWC", program], check=True, capture_output=True, text=True).stdout
+    file = ""
+    for line in symbols.splitlines():
+        number, *fields = line.split(maxsplit=7) or [""]
+        if not number.endswith(":") or len(fields) != 7:
+            continue
+        address, size, kind, binding, _, section, name = fields
+        if kind == "FILE":
+            file = name
+        elif kind == "FUNC" and section != "UND":
+            yield int(address, 16), int(size, 0), name, file if binding == "LOCAL" else ""
 
 
-def addresses(functions, names):
-    """Where the functions of these names lie, as "FROM-TO FROM-TO ...", relative to the program."""
+def is_of_tests(function):
+    _, _, name, file = function
+    return TESTS.match(name) or UNNAMED.match(name) and file in FILES_OF_TESTS
+
+
+def is_reporting(function):
+    return REPORTING.match(function[2])
+
+
+def addresses(functions):
+    """Where the functions lie, as "FROM-TO FROM-TO ...", relative to the program."""
     joined = []
-    for begin, size, _ in sorted(function for function in functions if names.match(function[2])):
+    for begin, size, *_ in sorted(functions):
         if joined and begin <= joined[-1][1] + 16:
             joined[-1][1] = max(begin + size, joined[-1][1])
         else:
@@ -61,9 +87,9 @@ def addresses(functions, names):
 
 
 def environment_of(program, library):
-    functions = functions_of(program)
-    return dict(os.environ, LD_PRELOAD=library, QX_TIMER_TESTS=addresses(functions, TESTS),
-                QX_TIMER_REPORTING=addresses(functions, REPORTING),
+    functions = list(functions_of(program))
+    return dict(os.environ, LD_PRELOAD=library, QX_TIMER_TESTS=addresses(filter(is_of_tests, functions)),
+                QX_TIMER_REPORTING=addresses(filter(is_reporting, functions)),
                 QX_TIMER_PROGRAMS=" ".join([os.path.basename(program)] + TOOLS))
 
 
