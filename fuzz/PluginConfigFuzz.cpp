@@ -1,6 +1,7 @@
 // Any bytes as the plugin configuration file: what the loader takes from it, and what edits leave of it.
 
 #include "CrpPluginHeader.h"
+#include "PlainJson.h"
 #include "QxCRPHandler.h"
 #include "Recording.h"
 #include "Support.h"
@@ -135,8 +136,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
     CRP::QxCRPLoader loader;
     const bool isJson = loader.init(file.Path());
     const std::string text(data, data + size);
+    const nlohmann::json plain = Fuzz::ReadJson(text);
+    Require(isJson == !plain.is_discarded());
     const json config = json::parse(text);
-    Require(isJson == !config.is_invalid());
+    Require(!isJson || nlohmann::json(config) == plain);
     const auto& entries = loader.getDeactivatedPlugins();
     Require(entries.size() == (isJson ? Count(config, IsEntry) : 0));
 

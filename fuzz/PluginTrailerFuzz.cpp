@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <sstream>
 #include <string>
 
 namespace {
@@ -51,9 +52,15 @@ void CheckMountPoint(const std::string& name) {
     Require(mountPointOf(mountPoint.substr(9)) == mountPoint);
 }
 
+/// A script, by its place or by its name, is run by the shell.
 void CheckCommand(const std::string& command) {
-    const std::string line = initCommandLine("/mnt/crp_x", command);
-    Require(line == "cd /mnt/crp_x && " + command || line == "cd /mnt/crp_x && sh " + command);
+    std::istringstream words(command);
+    std::string program;
+    std::getline(words, program, ' ');
+    const bool isScript =
+        program[0] == '.' || (program.rfind(".sh") + 3 == program.size() && program != ".sh");
+    Require(initCommandLine("/mnt/crp_x", command) ==
+            "cd /mnt/crp_x && " + (isScript ? "sh " + command : command));
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ using Limits = std::numeric_limits<std::int32_t>;
 
 /// The C library leaves numbers beyond the type undefined, so it is asked for a type that none of a version's
 /// texts goes beyond; longer digit runs are not compared.
-bool ScanPlainly(const std::string& text, PluginVersion& version) {
+bool ScanPlainly(const std::string& text, std::array<std::int32_t, 3>& version) {
     std::size_t run = 0;
     for (const char c : text) {
         run = c >= '0' && c <= '9' ? run + 1 : 0;
@@ -31,12 +31,11 @@ bool ScanPlainly(const std::string& text, PluginVersion& version) {
     std::array<long long, 3> numbers{};
     // NOLINTNEXTLINE(cert-err34-c): what could not be converted stays 0, which is the rule under test
     (void)sscanf(text.c_str(), "%lld.%lld.%lld", &numbers[0], &numbers[1], &numbers[2]);
-    std::array<std::int32_t*, 3> targets{&version.major, &version.minor, &version.patch};
     for (std::size_t i = 0; i < numbers.size(); ++i) {
         const long long number = numbers[i];
-        *targets[i] = number > Limits::max()   ? Limits::max()
-                      : number < Limits::min() ? Limits::min()
-                                               : static_cast<std::int32_t>(number);
+        version[i] = number > Limits::max()   ? Limits::max()
+                     : number < Limits::min() ? Limits::min()
+                                              : static_cast<std::int32_t>(number);
     }
     return true;
 }
@@ -54,14 +53,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
     const std::size_t parting = std::min(input.find('\n'), input.size());
     const std::string texts[] = {input.substr(0, parting), input.substr(std::min(parting + 1, input.size()))};
     PluginVersion versions[2];
+    std::array<std::int32_t, 3> plain[2];
+    bool areScanned = true;
     for (int i = 0; i < 2; ++i) {
         versions[i] = parseVersion(texts[i]);
-        PluginVersion plain;
-        Require(!ScanPlainly(texts[i], plain) || versions[i] == plain);
+        const bool isScanned = ScanPlainly(texts[i], plain[i]);
+        Require(!isScanned ||
+                plain[i] == std::array{versions[i].major, versions[i].minor, versions[i].patch});
+        areScanned = areScanned && isScanned;
         Require(parseVersion(TextOf(versions[i])) == versions[i]);
         Require(parseVersion(texts[i].substr(0, texts[i].find('\0'))) == versions[i]);
     }
-    Require((versions[0] > versions[1]) == (versions[1] < versions[0]));
+    // Which of two is the newer one.
+    Require(!areScanned || (versions[0] > versions[1]) == (plain[0] > plain[1]));
     Require((versions[0] == versions[1]) == (TextOf(versions[0]) == TextOf(versions[1])));
     return 0;
 }
