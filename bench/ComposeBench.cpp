@@ -121,8 +121,12 @@ void SpawnBigOurs(benchmark::State& state) {
     const Resident memory(size_t{512} << 20);
     RunOurs(state, "/bin/true", NoWork());
 }
+void SpawnBigBare(benchmark::State& state) {
+    const Resident memory(size_t{512} << 20);
+    RunTheBare(state, "/bin/true", NoWork());
+}
 BENCHMARK(SpawnBigOurs)->Name("ComposeSpawnFromBigProcess/ours")->UseRealTime();
-BENCHMARK(SpawnOurs)->Name("ComposeSpawnFromBigProcess/bare")->UseRealTime();
+BENCHMARK(SpawnBigBare)->Name("ComposeSpawnFromBigProcess/bare")->UseRealTime();
 
 /// A tool that has nothing to do.
 void InstallQuickTool() {
