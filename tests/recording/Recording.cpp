@@ -25,6 +25,7 @@ std::mutex eventsMutex;
 std::vector<std::string> events;
 std::vector<std::string> mutexCalls;
 std::atomic<int> liveLists{0};
+std::atomic<int> singletonRequests{0};
 
 __attribute__((format(printf, 1, 0))) std::string Format(const char* format, va_list arguments) {
     va_list copy;
@@ -110,6 +111,7 @@ void Forget() {
 }
 
 int LiveLists() { return liveLists; }
+int SingletonRequests() { return singletonRequests; }
 
 MasterErrorList::MasterErrorList() {
     QxCErrorManager* manager = QxCErrorManager::getSingleton();
@@ -163,6 +165,7 @@ QxCErrorManager::~QxCErrorManager() = default;
 
 QxCErrorManager* QxCErrorManager::getSingleton() {
     static QxCErrorManager manager;
+    ++singletonRequests;
     return &manager;
 }
 
@@ -384,7 +387,8 @@ int QxCBoardStatus::getState(QxCErrorListPool&, int selector, int instance) {
 
 int QxLinuxBaseUtils_CpuSetCreate(const char* name, const QxTBitmap* mask) {
     std::string cores;
-    for (std::uint32_t core = 0; core < mask->bits; ++core) {
+    // Also those behind the last bit, which nobody should set.
+    for (std::uint32_t core = 0; core < (mask->bits + 63) / 64 * 64; ++core) {
         if ((mask->words[core / 64] >> (core % 64) & 1) != 0) {
             cores += std::to_string(core) + " ";
         }

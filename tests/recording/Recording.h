@@ -70,6 +70,9 @@ void Forget();
 /// @return lists created and not yet deleted
 int LiveLists();
 
+/// @return how often the error manager's singleton was asked for
+int SingletonRequests();
+
 /// Gives the calling thread a master error list until the end of the scope.
 class MasterErrorList {
 public:

@@ -171,6 +171,19 @@ TEST(CurlHandler, SendsTheHeadersInTheirOrder) {
                 ElementsAre("Host: d", "X-First: 1", "Accept: application/json", "X-Last: 2"));
 }
 
+TEST(CurlHandler, SendsHeadersAsTheyAre) {
+    const UnixServer server;
+    QxCCurlHandler curl;
+    curl.SetUnixSocket(SocketPath);
+    curl.SetUrl("http://d/x");
+    curl.SetHeaders({"Accept: \"a\"; b='c', %41", "X-Two: 1\r\nX-Smuggled: 2"});
+
+    curl.Execute();
+
+    EXPECT_THAT(server.Requests().at(0).headers,
+                ElementsAre("Host: d", "Accept: \"a\"; b='c', %41", "X-Two: 1", "X-Smuggled: 2"));
+}
+
 TEST(CurlHandler, LaterHeadersReplaceEarlierOnesAndNoneClearThem) {
     const UnixServer server;
     QxCCurlHandler curl;

@@ -1,3 +1,4 @@
+#include "QxCErrorManager.h"
 #include "QxCRTELog.h"
 #include "Recording.h"
 #include "support/Log.h"
@@ -54,6 +55,18 @@ TEST(Log, UsesTheMasterErrorListAndLeavesItAlone) {
                 ElementsAre("log [WARNING] w\n", "createMessageList(0, 1, 100, 5, 300)",
                             "message severity=2 number=151 source=Quolex Container Runtime text=w",
                             "resetList", "deleteMessageList"));
+}
+
+TEST(Log, UsesTheErrorManagerThatIsSetAndElseTheSingleton) {
+    QxCErrorManager::s_pErrorManager = QxCErrorManager::getSingleton();
+    const int before = Recording::SingletonRequests();
+    QxCRTE_LOG_Impl(RteLogLevel::Error, "set");
+    EXPECT_EQ(Recording::SingletonRequests(), before);
+
+    QxCErrorManager::s_pErrorManager = nullptr;
+    QxCRTE_LOG_Impl(RteLogLevel::Error, "not set");
+    EXPECT_GT(Recording::SingletonRequests(), before);
+    EXPECT_THAT(Recording::Events("message"), testing::SizeIs(2));
 }
 
 TEST(Log, CutsMessagesTo1023Bytes) {

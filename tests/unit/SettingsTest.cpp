@@ -147,7 +147,8 @@ TEST_P(SettingsNumber, IsTakenWithTheBitsOfTheMember) {
 
 INSTANTIATE_TEST_SUITE_P(Values, SettingsNumber,
                          testing::Values(NumberCase{"4294967295", 4294967295U}, NumberCase{"8080.9", 8080U},
-                                         NumberCase{"-1", 4294967295U}, NumberCase{"1e300", 2147483647U},
+                                         NumberCase{"-1", 4294967295U}, NumberCase{"-2.5", 4294967294U},
+                                         NumberCase{"1e300", 2147483647U},
                                          NumberCase{"-1e300", 2147483648U}));
 
 class SettingsBadText : public testing::TestWithParam<std::string> {};
@@ -253,8 +254,15 @@ TEST(Settings, ExtraMembersAreLostAtTheNextWrite) {
 TEST(Settings, TheMaximumInTheFileIsNeverRead) {
     Board::WriteSettings(R"({"max_cpu_core_count": 64})");
 
-    EXPECT_EQ(QxCCTESettings::GetInstance()->getMaxCpuCoreCount(), 5U);
+    QxCCTESettings* settings = QxCCTESettings::GetInstance();
+    EXPECT_EQ(settings->getMaxCpuCoreCount(), 5U);
     EXPECT_EQ(Board::Settings(), SettingsText("false", 0, 1, 0, 5));
+
+    Board::WriteSettings(R"({"enabled": true, "max_cpu_core_count": 64})");
+    EXPECT_TRUE(settings->getEnabled(true));
+    EXPECT_EQ(settings->getMaxCpuCoreCount(), 5U);
+    EXPECT_TRUE(settings->setState(0));
+    EXPECT_EQ(Board::Settings(), SettingsText("true", 0, 1, 0, 5));
 }
 
 TEST(Settings, RereadingSeesWhatAnotherProcessWrote) {

@@ -123,6 +123,24 @@ TEST(Supervision, ThePortIsTakenFromMemory) {
     EXPECT_THAT(FakePodman::CommandLines(), ElementsAre(StartCall, UnixCall));
 }
 
+TEST(Supervision, ThePortIsTakenBeforeTheContainersStart) {
+    FakePodman{.start = "touch /starting; while [ ! -e /go ]; do sleep 0.02; done", .unixService = "exit 0"}
+        .Install();
+    QxCContainer& service = Service(0);
+    ASSERT_TRUE(service.Start());
+    ASSERT_TRUE(Sandbox::Eventually([] { return std::filesystem::exists("/starting"); }));
+
+    QxCCTESettings* settings = QxCCTESettings::GetInstance();
+    auto user = settings->getServiceUserSettings(false);
+    user.tcpPort = 8080;
+    ASSERT_TRUE(settings->setServiceUserSettings(user));
+    Sandbox::WriteFile("/go", "");
+    ASSERT_TRUE(FakePodman::IsWatched());
+
+    EXPECT_THAT(FakePodman::CommandLines(), ElementsAre(StartCall, UnixCall));
+    service.Stop();
+}
+
 TEST(Supervision, TheSocketsDirectoryIsMadeWithAllItsParents) {
     Sandbox::InstallProgram("/bin/podman");
     QxCContainer& service = Service(0);
@@ -684,6 +702,7 @@ TEST(Supervision, AStopWhileContainersAreStartingStartsNoService) {
     stopper.join();
 
     EXPECT_THAT(FakePodman::CommandLines(), ElementsAre(StartCall, "podman stop --all --time 10"));
+    EXPECT_FALSE(std::filesystem::exists("/run/podman")) << "made right before the service would be";
     EXPECT_THAT(Sandbox::Children(), IsEmpty());
 }
 

@@ -137,16 +137,15 @@ TEST_P(DiskName, IsThePartitionWithoutItsNumber) {
     EXPECT_EQ(QxNContainer::QxNUserStorage::DiskNameOf(GetParam().device), GetParam().disk);
 }
 
-INSTANTIATE_TEST_SUITE_P(Devices, DiskName,
-                         testing::Values(DiskCase{"/dev/sda1", "sda"}, DiskCase{"/dev/sdb2", "sdb"},
-                                         DiskCase{"/dev/sda15", "sda"}, DiskCase{"/dev/vda", "vda"},
-                                         DiskCase{"/dev/nvme0n1p1", "nvme0n1"},
-                                         DiskCase{"/dev/nvme0n1p3", "nvme0n1"},
-                                         DiskCase{"/dev/nvme10n2p12", "nvme10n2"},
-                                         DiskCase{"/dev/nvme0n1", "nvme0n"},
-                                         DiskCase{"/dev/mmcblk0p1", "mmcblk0p"}, DiskCase{"sda1", "sda"},
-                                         DiskCase{"/dev/disk/by-x/sdc3", "sdc"}, DiskCase{"/dev/123", "123"},
-                                         DiskCase{"/dev/p1", "p"}, DiskCase{"", ""}, DiskCase{"/dev/", ""}));
+INSTANTIATE_TEST_SUITE_P(
+    Devices, DiskName,
+    testing::Values(DiskCase{"/dev/sda1", "sda"}, DiskCase{"/dev/sdb2", "sdb"}, DiskCase{"/dev/sda15", "sda"},
+                    DiskCase{"/dev/vda", "vda"}, DiskCase{"/dev/nvme0n1p1", "nvme0n1"},
+                    DiskCase{"/dev/nvme0n1p3", "nvme0n1"}, DiskCase{"/dev/nvme10n2p12", "nvme10n2"},
+                    DiskCase{"/dev/nvme0n1", "nvme0n"}, DiskCase{"/dev/mmcblk0p1", "mmcblk0p"},
+                    DiskCase{"/dev/nbd0p1", "nbd0p"}, DiskCase{"sda1", "sda"},
+                    DiskCase{"/dev/disk/by-x/sdc3", "sdc"}, DiskCase{"/dev/123", "123"},
+                    DiskCase{"/dev/p1", "p"}, DiskCase{"", ""}, DiskCase{"/dev/", ""}));
 
 TEST(WriteCachePath, IsTheDisksAttributeOrEmpty) {
     QxCErrorManager* manager = QxCErrorManager::getSingleton();
