@@ -34,7 +34,7 @@ std::string ArrayOfLines(const std::string& text) {
 bool Read(const std::string& toolOutput, json& list) {
     const std::string text = QxNCompose::StatusArrayText(toolOutput);
     Require(text == ArrayOfLines(toolOutput));
-    const nlohmann::json plain = Fuzz::ReadJson(text);
+    const auto plain = Fuzz::ReadJson<json::Base>(text);
     try {
         list = json::parse(text, true);
     } catch (const json::parse_error&) {
@@ -45,7 +45,7 @@ bool Read(const std::string& toolOutput, json& list) {
         Require(error.id == NumberOverflow && plain.is_discarded());
         return false;
     }
-    Require(list.is_array() && nlohmann::json(list) == plain);
+    Require(list.is_array() && static_cast<const json::Base&>(list) == plain);
     return true;
 }
 

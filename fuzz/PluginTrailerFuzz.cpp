@@ -58,7 +58,7 @@ void CheckCommand(const std::string& command) {
     std::string program;
     std::getline(words, program, ' ');
     const bool isScript =
-        program[0] == '.' || (program.rfind(".sh") + 3 == program.size() && program != ".sh");
+        program[0] == '.' || (program.size() > 3 && program.substr(program.size() - 3) == ".sh");
     Require(initCommandLine("/mnt/crp_x", command) ==
             "cd /mnt/crp_x && " + (isScript ? "sh " + command : command));
 }
