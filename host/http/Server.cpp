@@ -61,10 +61,11 @@ void Check(bool ok, const std::string& what) {
 
 /// A socket file that nobody serves any more may go; one that somebody serves must stay.
 void RemoveStaleSocket(const std::string& path, const sockaddr_un& address) {
-    const UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    // It does not wait for one whose queue is full.
+    const UniqueFd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     Check(probe.IsOpen(), path);
-    if (TEMP_FAILURE_RETRY(
-            connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address))) == 0) {
+    if (connect(probe.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 ||
+        errno == EAGAIN) {
         Fail(path, "another process serves it; is the daemon running already?");
     }
     struct stat status {};

@@ -4,6 +4,7 @@
 #include <grp.h>
 #include <sys/stat.h>
 
+using QxNSupport::UniqueFd;
 using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -43,15 +44,26 @@ protected:
         return status;
     }
 
-    /// What a daemon that was killed leaves.
-    static void LeaveStaleSocket() {
+    /// A socket for the daemon's path that does not wait.
+    static UniqueFd LocalSocket(int (*function)(int, const sockaddr*, socklen_t), int& result) {
         std::filesystem::create_directories("/run/daemon");
-        const QxNSupport::UniqueFd left(socket(AF_UNIX, SOCK_STREAM, 0));
+        UniqueFd local(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
         strcpy(address.sun_path, SocketPath);
-        ASSERT_EQ(bind(left.Get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        result = function(local.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+        return local;
     }
+
+    static UniqueFd BoundSocket() {
+        int result = -1;
+        UniqueFd bound = LocalSocket(bind, result);
+        EXPECT_EQ(result, 0);
+        return bound;
+    }
+
+    /// What a daemon that was killed leaves.
+    static void LeaveStaleSocket() { BoundSocket(); }
 };
 
 TEST_F(HttpListeners, TellTheirAddresses) {
@@ -114,6 +126,20 @@ TEST_F(HttpListeners, ReplaceASocketThatNobodyServes) {
     ListenLocally();
     server.Serve();
     EXPECT_EQ(HttpClient(std::string(SocketPath)).Ask(Get("/api/v1/hello")).body, "hello");
+}
+
+TEST_F(HttpListeners, LeaveASocketWhoseQueueIsFull) {
+    const UniqueFd busy = BoundSocket();
+    ASSERT_EQ(listen(busy.Get(), 0), 0);
+    std::vector<UniqueFd> waiting;
+    for (int result = 0; result == 0;) {
+        waiting.push_back(LocalSocket(connect, result));
+    }
+    ASSERT_EQ(errno, EAGAIN);
+
+    ListenLocally();
+    EXPECT_THAT(WhyNot(server.options), HasSubstr("/run/daemon/api.sock: another process serves it"));
+    EXPECT_TRUE(S_ISSOCK(StatusOf(SocketPath).st_mode));
 }
 
 TEST_F(HttpListeners, LeaveASocketThatSomebodyServes) {
