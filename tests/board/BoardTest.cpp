@@ -166,6 +166,12 @@ std::pair<int, int> PodmanVersion() {
     return {major, minor};
 }
 
+/// @return whether a process has a handler for a signal
+static bool Handles(pid_t pid, int signal) {
+    const std::string caught = Output("sed -n 's/^SigCgt:\t//p' /proc/" + std::to_string(pid) + "/status");
+    return (std::stoull("0" + caught, nullptr, 16) >> (signal - 1) & 1) != 0;
+}
+
 Daemon::Daemon(const std::vector<std::string>& options, const std::string& variable) {
     std::vector<std::string> words{"/opt/qx/bin/qxcontainerd"};
     words.insert(words.end(), options.begin(), options.end());
@@ -179,17 +185,11 @@ Daemon::Daemon(const std::vector<std::string>& options, const std::string& varia
         if (!variable.empty()) {
             putenv(const_cast<char*>(variable.c_str()));
         }
-        if (getenv("QX_UNDER_TIMER") != nullptr) {
-            constexpr const char* Timer = "/opt/qx/lib/libqx_timer_signal.so";
-            if (access(Timer, R_OK) != 0) {
-                _exit(97);
-            }
-            setenv("LD_PRELOAD", Timer, 1);
-            setenv("QX_TIMER_PROGRAMS", "qxcontainerd", 1);
-            setenv("QX_TIMER_LIBRARY", "libQxContainerUtils.so", 1);
-        }
         execv(arguments[0], arguments.data());
         _exit(97);
+    }
+    if (getenv("QX_UNDER_TIMER") != nullptr) {
+        EXPECT_TRUE(Eventually([this] { return Handles(_pid, SIGURG); })) << "nobody interrupts it";
     }
 }
 

@@ -49,6 +49,12 @@ int main(int argc, char** argv) {
     if (getenv("QX_ON_BOARD") == nullptr && !IsListing(argc, argv)) {
         ContinueOnBoard(argc, argv);
     }
+    // The daemons that tests start are interrupted, and nothing else is.
+    if (getenv("QX_UNDER_TIMER") != nullptr) {
+        setenv("LD_PRELOAD", "/opt/qx/lib/libqx_timer_signal.so", 1);
+        setenv("QX_TIMER_PROGRAMS", "qxcontainerd", 1);
+        setenv("QX_TIMER_LIBRARY", "libQxContainerUtils.so", 1);
+    }
     testing::InitGoogleMock(&argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -90,6 +90,7 @@ struct Code {
 Code tests;
 Code reporting;
 const char* reportingLibrary = nullptr;
+bool isInterrupted = false;
 
 /// @return whether that lies in a library with such a name
 bool IsOfLibrary(const void* caller, const char* name) {
@@ -113,24 +114,29 @@ bool Code::Contains(const void* address) const {
     return next != ranges && number <= next[-1].end;
 }
 
-/// A system call that is repeated when `isReported` or when a test makes it.
+/// A system call that is repeated where the rule says so.
 template <typename... Arguments>
-long Repeat(const void* caller, bool isReported, long number, Arguments... arguments) {
+long Repeat(bool (*isToBeRepeated)(const void* caller), const void* caller, long number,
+            Arguments... arguments) {
     long result = 0;
     do {
         result = syscall(number, arguments...);
-    } while (result < 0 && errno == EINTR && (isReported || tests.Contains(caller) || IsOfOpenSsl(caller)));
+    } while (result < 0 && errno == EINTR && isToBeRepeated(caller));
     return result;
 }
 
+bool IsOfTests(const void* caller) { return tests.Contains(caller) || IsOfOpenSsl(caller); }
+bool IsOfTestsOrReporting(const void* caller) { return IsOfTests(caller) || IsReporting(caller); }
+bool Always(const void* /*caller*/) { return true; }
+
 template <typename... Arguments>
 long Call(const void* caller, long number, Arguments... arguments) {
-    return Repeat(caller, false, number, arguments...);
+    return Repeat(IsOfTests, caller, number, arguments...);
 }
 
 template <typename... Arguments>
 long CallReported(const void* caller, long number, Arguments... arguments) {
-    return Repeat(caller, IsReporting(caller), number, arguments...);
+    return Repeat(IsOfTestsOrReporting, caller, number, arguments...);
 }
 
 #define CALLER __builtin_return_address(0)
@@ -177,6 +183,7 @@ __attribute__((constructor)) void Start() {
     action.sa_handler = Ignore;
     sigaction(Signal, &action, nullptr);
     StartTimer();
+    isInterrupted = true;
     // A forked child has no timers.
     pthread_atfork(nullptr, nullptr, [] { StartTimer(); });
 }
@@ -230,11 +237,11 @@ extern "C" int poll(pollfd* polled, nfds_t count, int timeoutMs) {
 
 // Called where a file is copied by the C++ library, which only tests do.
 extern "C" ssize_t sendfile64(int to, int from, off64_t* offset, size_t size) {
-    return Repeat(CALLER, true, SYS_sendfile, to, from, offset, size);
+    return Repeat(Always, CALLER, SYS_sendfile, to, from, offset, size);
 }
 
 extern "C" ssize_t sendfile(int to, int from, off_t* offset, size_t size) {
-    return Repeat(CALLER, true, SYS_sendfile, to, from, offset, size);
+    return Repeat(Always, CALLER, SYS_sendfile, to, from, offset, size);
 }
 
 extern "C" int flock(int fd, int operation) {
@@ -261,6 +268,9 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attribute
                               void* argument) {
     using Create = int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
     static auto* const create = reinterpret_cast<Create*>(dlsym(RTLD_NEXT, "pthread_create"));
+    if (!isInterrupted) {
+        return create(thread, attributes, function, argument);
+    }
     auto* const body = new Body{function, argument};
     const int error = create(thread, attributes, RunWithTimer, body);
     if (error != 0) {

@@ -27,7 +27,8 @@ TESTS = re.compile(
     )""", re.VERBOSE)
 
 UNNAMED = re.compile(r"\(anonymous namespace\)::")
-FILES_OF_TESTS = {file.name for file in pathlib.Path(__file__).parent.parent.rglob("*.cpp")}
+TESTS_FOLDER = pathlib.Path(__file__).resolve().parent.parent
+FILES_OF_TESTS = {file.name for file in TESTS_FOLDER.rglob("*.cpp")} - {"main.cpp"}
 
 # The four places of the library where an interrupted read or wait is an outcome that is reported: output of compose, its
 # end, the end of a plugin's command, the end of "podman start --all" or "stop --all".
