@@ -60,6 +60,12 @@ def main() -> int:
             if run.returncode != (1 if problem else 0) or said not in run.stdout:
                 wrong.append(f"{file} with {line}: expected '{said}', got {run.returncode}: {run.stdout}{run.stderr}")
             shutil.rmtree(root / pathlib.Path(file).parts[0])
+        (root / "include/QxNew.h").write_text("")
+        (root / "include/QxExport.h").unlink()
+        run = subprocess.run([sys.executable, CHECK, root], capture_output=True, text=True)
+        for said in ("include/QxNew.h belongs to no layer", "include/QxExport.h is not there"):
+            if run.returncode != 1 or said not in run.stdout:
+                wrong.append(f"expected '{said}', got {run.returncode}: {run.stdout}{run.stderr}")
     print("\n".join(wrong))
     return 1 if wrong else 0
 

@@ -21,6 +21,7 @@ import xml.etree.ElementTree as xml
 
 CELLS = re.compile(r"(?<!\\)\|")
 NAME = re.compile(r"`([^`]+)`")
+REASON = re.compile(r"^cannot run here: (.*)$", re.MULTILINE)
 
 
 def promises(table: pathlib.Path):
@@ -46,16 +47,17 @@ def known_tests(build: str) -> set[str]:
     return {test["name"] for test in json.loads(listing)["tests"]}
 
 
-def outcomes(reports: list[str]) -> tuple[set[str], set[str]]:
-    """Gives the tests that ran, and those that were skipped wherever they could have run."""
-    ran, skipped = set(), set()
+def outcomes(reports: list[str]) -> tuple[set[str], dict[str, str]]:
+    """Gives the tests that ran, and those that were skipped in every run with the reason they gave."""
+    ran, skipped = set(), {}
     for report in reports:
         for case in xml.parse(report).iter("testcase"):
             if case.find("skipped") is not None:
-                skipped.add(case.get("name"))
+                said = REASON.search(case.findtext("system-out", ""))
+                skipped[case.get("name")] = said[1] if said else "it does not say why"
             elif case.get("status") == "run":
                 ran.add(case.get("name"))
-    return ran, skipped - ran
+    return ran, {name: reason for name, reason in skipped.items() if name not in ran}
 
 
 def main() -> int:
@@ -79,14 +81,17 @@ def main() -> int:
             named |= instances
             if not instances:
                 problems.append(f"{table.name}:{number}: there is no test {test}")
-            elif given.ran and not instances <= ran | skipped:
+            elif given.ran and not instances <= ran | set(skipped):
                 problems.append(f"{table.name}:{number}: {test} did not run, or not with all its parameters")
-            elif instances & skipped and not given.allow_skipped:
-                problems.append(f"{table.name}:{number}: {test} was skipped wherever it could have run")
+            elif not given.allow_skipped:
+                problems += (
+                    f"{table.name}:{number}: {name} was skipped in every run: {skipped[name]}"
+                    for name in sorted(instances & set(skipped))
+                )
     print("\n".join(problems))
     if given.allow_skipped:
-        for test in sorted(named & skipped):
-            print(f"not shown here, for it was skipped: {test}")
+        for test in sorted(named & set(skipped)):
+            print(f"not shown here: {test}: {skipped[test]}")
     print(f"{len(rows)} promises, held by {len(named)} of {len(known)} tests")
     without = {table.name for table in given.table} - {table.name for table, *_ in rows}
     return 1 if problems or without else 0

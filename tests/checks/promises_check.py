@@ -13,10 +13,12 @@ CHECK = pathlib.Path(__file__).with_name("promises.py")
 TESTS = ["A.Runs", "A.IsSkipped", "A.IsSkippedOnce", "A.IsLeftOut", "Each/A.Parameter/1", "Each/A.Parameter/2"]
 REPORTS = {
     "here.xml": '<testcase name="A.Runs" status="run"/>'
-    '<testcase name="A.IsSkipped" status="notrun"><skipped/></testcase>'
+    '<testcase name="A.IsSkipped" status="notrun"><skipped/><system-out>\n'
+    "a.cpp:1: Skipped\ncannot run here: no horse\n[  SKIPPED ]\n</system-out></testcase>"
     '<testcase name="A.IsSkippedOnce" status="notrun"><skipped/></testcase>'
     '<testcase name="Each/A.Parameter/1" status="run"/>',
-    "there.xml": '<testcase name="A.IsSkipped" status="notrun"><skipped/></testcase>'
+    "there.xml": '<testcase name="A.IsSkipped" status="notrun"><skipped/>'
+    "<system-out>cannot run here: no horse</system-out></testcase>"
     '<testcase name="A.IsSkippedOnce" status="run"/>',
 }
 RAN = ["--ran", "here.xml", "--ran", "there.xml"]
@@ -32,10 +34,10 @@ CASES = [
     ("`A.IsLeftOut`", RAN, 1, "table.md:5: A.IsLeftOut did not run"),
     ("`Each/A.Parameter`", [], 0, "1 promises, held by 2 of 6 tests"),
     ("`Each/A.Parameter`", RAN, 1, "table.md:5: Each/A.Parameter did not run, or not with all"),
-    ("`A.IsSkipped`", RAN, 1, "table.md:5: A.IsSkipped was skipped wherever it could have run"),
-    ("`A.IsSkipped`", [*RAN, "--allow-skipped"], 0, "not shown here, for it was skipped: A.IsSkipped\n"),
+    ("`A.IsSkipped`", RAN, 1, "table.md:5: A.IsSkipped was skipped in every run: no horse\n"),
+    ("`A.IsSkipped`", [*RAN, "--allow-skipped"], 0, "not shown here: A.IsSkipped: no horse\n"),
     ("`A.IsSkippedOnce`", RAN, 0, "1 promises, held by 1 of 6 tests"),
-    ("`A.IsSkippedOnce`", RAN[:2], 1, "table.md:5: A.IsSkippedOnce was skipped"),
+    ("`A.IsSkippedOnce`", RAN[:2], 1, "table.md:5: A.IsSkippedOnce was skipped in every run: it does not say why\n"),
     ("`A.IsLeftOut`", [*RAN, "--allow-skipped"], 1, "table.md:5: A.IsLeftOut did not run"),
 ]
 
