@@ -116,7 +116,7 @@ void SpawnBare(benchmark::State& state) { RunTheBare(state, "/bin/true", NoWork(
 BENCHMARK(SpawnOurs)->Name("ComposeSpawn/ours")->UseRealTime();
 BENCHMARK(SpawnBare)->Name("ComposeSpawn/bare")->UseRealTime();
 
-/// The child does not copy this process, so its size does not count: 512 MiB beside next to nothing.
+/// The child does not copy this process, so its size does not count: as ComposeSpawn, with 512 MiB.
 void SpawnBigOurs(benchmark::State& state) {
     const Resident memory(size_t{512} << 20);
     RunOurs(state, "/bin/true", NoWork());

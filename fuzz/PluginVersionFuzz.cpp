@@ -64,6 +64,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
         Require(parseVersion(TextOf(versions[i])) == versions[i]);
         Require(parseVersion(texts[i].substr(0, texts[i].find('\0'))) == versions[i]);
     }
+    Require((versions[0] > versions[1]) == (versions[1] < versions[0]));
     // Which of two is the newer one.
     Require(!areScanned || (versions[0] > versions[1]) == (plain[0] > plain[1]));
     Require((versions[0] == versions[1]) == (TextOf(versions[0]) == TextOf(versions[1])));
