@@ -124,21 +124,22 @@ TEST(Supervision, ThePortIsTakenFromMemory) {
 }
 
 TEST(Supervision, ThePortIsTakenBeforeTheContainersStart) {
-    FakePodman{.start = "touch /starting; while [ ! -e /go ]; do sleep 0.02; done", .unixService = "exit 0"}
-        .Install();
+    FakePodman{.unixService = "exit 0"}.Install();
     QxCContainer& service = Service(0);
-    ASSERT_TRUE(service.Start());
-    ASSERT_TRUE(Sandbox::Eventually([] { return std::filesystem::exists("/starting"); }));
+    bool isChanged = false;
+    TheScript().onEvent = [&](const std::string& event) {
+        if (event.find("Starting all containers") != std::string::npos) {
+            QxCCTESettings* settings = QxCCTESettings::GetInstance();
+            auto user = settings->getServiceUserSettings(false);
+            user.tcpPort = 8080;
+            isChanged = settings->setServiceUserSettings(user);
+        }
+    };
 
-    QxCCTESettings* settings = QxCCTESettings::GetInstance();
-    auto user = settings->getServiceUserSettings(false);
-    user.tcpPort = 8080;
-    ASSERT_TRUE(settings->setServiceUserSettings(user));
-    Sandbox::WriteFile("/go", "");
-    ASSERT_TRUE(FakePodman::IsWatched());
+    RunMonitor(service);
 
+    EXPECT_TRUE(isChanged);
     EXPECT_THAT(FakePodman::CommandLines(), ElementsAre(StartCall, UnixCall));
-    service.Stop();
 }
 
 TEST(Supervision, TheSocketsDirectoryIsMadeWithAllItsParents) {
