@@ -1,8 +1,8 @@
 #pragma once
 
-#include "RunBenchmarks.h"
 #include "tests/sandbox/Sandbox.h"
 
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -17,5 +17,11 @@ int RunBenchmarksInSandbox(int argc, char** argv, Function prepare) {
     }
     close(start);
     prepare();
-    return RunBenchmarks(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
 }

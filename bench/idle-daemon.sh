@@ -25,7 +25,7 @@ sleep $quiet_seconds
 count=$(($(wake_ups) - before))
 bytes=$(awk '/^VmRSS/ { print $2 * 1024 }' /proc/$daemon/status)
 cat <<JSON
-{"context": {"filter": "."}, "benchmarks": [
+{"benchmarks": [
   {"run_name": "IdleDaemonResident/ours", "run_type": "iteration", "bytes": $bytes},
   {"run_name": "IdleDaemonWakeUps/ours", "run_type": "iteration", "count": $count}
 ]}

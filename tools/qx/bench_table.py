@@ -1,16 +1,18 @@
 #!/usr/bin/env python3
 """Turns the results of Google Benchmark into one table of ratios.
 
-Usage: bench_table.py TARGETS RESULT...
+Usage: bench_table.py [--some] TARGETS RESULT...
+       bench_table.py --choose FILTER
 
 RESULT files are Google Benchmark's JSON with repetitions; the median counts. Benchmarks "NAME/ours..." and
 "NAME/bare..." with the same rest of the name make one row. TARGETS maps NAME, or NAME and the rest, to the greatest
 ratio allowed ("max_ratio"), the greatest time of ours ("max_ns"), or how much longer than bare ours may take
 ("max_extra_ns"). A benchmark with a counter "bytes" or "count" is about that instead of time ("max_bytes",
-"max_count"). Exit status 1 when a target is missed. When no filter left benchmarks out, a target without a row is
-missed too.
+"max_count"). Exit status 1 when a target is missed. A target without a row is missed too, but for --some, when not all
+was measured. --choose reads names of benchmarks, a line each, and writes those whose row's name FILTER matches.
 """
 
+import argparse
 import json
 import pathlib
 import re
@@ -19,14 +21,25 @@ import sys
 NANOSECONDS = {"ns": 1, "us": 1e3, "ms": 1e6, "s": 1e9}
 
 
-def read_results(files: list[str]) -> list[dict]:
-    """Programs of which a filter left nothing write empty files."""
-    texts = (pathlib.Path(file).read_text() for file in files)
-    return [json.loads(text) for text in texts if text]
+def short_name(name: str) -> str:
+    """Returns the name of a benchmark without what the framework adds."""
+    return re.sub(r"/(iterations:\d+|min_time:[\d.]+|manual_time|real_time)(?=/|$)", "", name)
 
 
-def is_filtered(results: list[dict]) -> bool:
-    return any(result["context"].get("filter", ".") != "." for result in results)
+def row_name(name: str) -> str:
+    return re.sub("/(ours|bare)(?=/|$)", "", short_name(name), count=1)
+
+
+def choose(pattern: str) -> int:
+    try:
+        wanted = re.compile(pattern)
+    except re.error as error:
+        print(f"'{pattern}' is no regular expression: {error}", file=sys.stderr)
+        return 2
+    for name in sys.stdin.read().split():
+        if wanted.search(row_name(name)):
+            print(name)
+    return 0
 
 
 def measured(run: dict) -> tuple[str, float]:
@@ -48,8 +61,7 @@ def medians(results: list[dict]) -> dict[str, tuple[str, float]]:
     for result in results:
         for run in sorted(result["benchmarks"], key=place):
             if run.get("run_type") == "iteration" and not run.get("error_occurred"):
-                name = re.sub(r"/(iterations:\d+|min_time:[\d.]+|manual_time|real_time)(?=/|$)", "", run["run_name"])
-                values.setdefault(name, []).append(measured(run))
+                values.setdefault(short_name(run["run_name"]), []).append(measured(run))
     return {name: sorted(runs)[len(runs) // 2] for name, runs in values.items()}
 
 
@@ -80,16 +92,23 @@ def judge(target: dict, ours: float, bare: float | None) -> tuple[str, bool]:
 
 
 def main() -> int:
-    targets = json.loads(pathlib.Path(sys.argv[1]).read_text())
-    results = read_results(sys.argv[2:])
-    times = medians(results)
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--choose", metavar="FILTER")
+    parser.add_argument("--some", action="store_true")
+    parser.add_argument("targets", nargs="?")
+    parser.add_argument("results", nargs="*")
+    arguments = parser.parse_args()
+    if arguments.choose is not None:
+        return choose(arguments.choose)
+    targets = json.loads(pathlib.Path(arguments.targets).read_text())
+    times = medians([json.loads(pathlib.Path(file).read_text()) for file in arguments.results])
     missed = 0
     without_row = set(targets)
     print(f"{'what':<44} {'ours':>10} {'bare':>10} {'ratio':>7}  target")
     for name, (unit, ours) in times.items():
         if not re.search("/ours(?=/|$)", name):
             continue
-        row = re.sub("/ours(?=/|$)", "", name, count=1)
+        row = row_name(name)
         _, bare = times.get(re.sub("/ours(?=/|$)", "/bare", name, count=1), (unit, None))
         key = row if row in targets else row.split("/")[0]
         without_row.discard(key)
@@ -97,7 +116,7 @@ def main() -> int:
         missed += not holds
         print(f"{row:<44} {readable(ours, unit):>10} {readable(bare, unit) if bare else '':>10} "
               f"{f'{ours / bare:.2f}' if bare else '':>7}  {wanted}{'' if holds else '  MISSED'}".rstrip())
-    if not is_filtered(results):
+    if not arguments.some:
         missed += len(without_row)
         for key in sorted(without_row):
             print(f"{key:<44} was not measured  MISSED")

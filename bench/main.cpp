@@ -1,3 +1,0 @@
-#include "RunBenchmarks.h"
-
-int main(int argc, char** argv) { return RunBenchmarks(argc, argv); }
