@@ -1,25 +1,32 @@
 # shellcheck shell=bash disable=SC2154  # root is set by qx
 # Benchmarks.
 
-# What is measured by a script instead of a program of benchmarks.
-idle_daemon_rows=(IdleDaemonResident/ours IdleDaemonWakeUps/ours)
-library_rows=(StrippedLibrary/ours)
+# Rows that no program of benchmarks measures.
+idle_daemon_rows=(IdleDaemonResident IdleDaemonWakeUps)
+library_row=StrippedLibrary
+
+# result NAME UNIT VALUE: one, in the form of Google Benchmark's.
+result() {
+    printf '{"run_name": "%s/ours", "run_type": "iteration", "%s": %s}' "$@"
+}
 
 measure_idle_daemon() { # RESULT
-    board/board run --quiet --bind "$root/build/release/stage:/opt/qx:ro" --bind "$root/bench/idle-daemon.sh:/idle-daemon:ro" -- \
-        /idle-daemon >"$1"
+    local said resident wake_ups
+    said=$(board/board run --quiet --bind "$root/build/release/stage:/opt/qx:ro" \
+        --bind "$root/bench/idle-daemon.sh:/idle-daemon:ro" -- /idle-daemon)
+    read -r resident wake_ups <<<"$said"
+    printf '{"benchmarks": [%s, %s]}\n' "$(result "${idle_daemon_rows[0]}" bytes "$resident")" \
+        "$(result "${idle_daemon_rows[1]}" count "$wake_ups")" >"$1"
 }
 
 measure_library() { # RESULT
     local stripped=build/bench/library
     strip -o "$stripped" build/release/libQxContainerUtils.so
-    printf '{"benchmarks": [
-  {"run_name": "StrippedLibrary/ours", "run_type": "iteration", "bytes": %d}
-]}\n' "$(stat -c %s "$stripped")" >"$1"
+    printf '{"benchmarks": [%s]}\n' "$(result "$library_row" bytes "$(stat -c %s "$stripped")")" >"$1"
 }
 
 choose() { # FILTER; names of benchmarks, a line each
-    python3 tools/qx/bench_table.py --choose "$1"
+    python3 tools/qx/bench_table.py --choose -- "$1"
 }
 
 task_bench() {
@@ -33,8 +40,7 @@ task_bench() {
     esac
     require_root bench
     build release
-    local filter=${1:-.} program result names results=() some=() status=0
-    [ "$filter" = . ] || some=(--some)
+    local filter=${1:-.} program result names results=() status=0
     mkdir -p build/bench
     for program in build/release/bin/*_bench; do
         names=$("$program" --benchmark_list_tests | choose "$filter")
@@ -51,11 +57,11 @@ task_bench() {
         step "Measure the daemon at rest" measure_idle_daemon build/bench/idle_daemon.json
         results+=(build/bench/idle_daemon.json)
     fi
-    if [ -n "$(printf '%s\n' "${library_rows[@]}" | choose "$filter")" ]; then
+    if [ -n "$(echo "$library_row" | choose "$filter")" ]; then
         step "Measure the library" measure_library build/bench/library.json
         results+=(build/bench/library.json)
     fi
     [ ${#results[@]} != 0 ] || die 2 "no benchmark's name matches '$filter'; docs/performance.md has their names"
-    python3 tools/qx/bench_table.py "${some[@]}" bench/targets.json "${results[@]}" || status=$?
+    python3 tools/qx/bench_table.py -- "$filter" bench/targets.json "${results[@]}" || status=$?
     [ $status = 0 ] || die 1 "a target was missed; this machine may be busy, run it again alone before you look further"
 }

@@ -1,15 +1,16 @@
 #!/usr/bin/env python3
 """Turns the results of Google Benchmark into one table of ratios.
 
-Usage: bench_table.py [--some] TARGETS RESULT...
+Usage: bench_table.py FILTER TARGETS RESULT...
        bench_table.py --choose FILTER
 
 RESULT files are Google Benchmark's JSON with repetitions; the median counts. Benchmarks "NAME/ours..." and
 "NAME/bare..." with the same rest of the name make one row. TARGETS maps NAME, or NAME and the rest, to the greatest
 ratio allowed ("max_ratio"), the greatest time of ours ("max_ns"), or how much longer than bare ours may take
 ("max_extra_ns"). A benchmark with a counter "bytes" or "count" is about that instead of time ("max_bytes",
-"max_count"). Exit status 1 when a target is missed. A target without a row is missed too, but for --some, when not all
-was measured. --choose reads names of benchmarks, a line each, and writes those whose row's name FILTER matches.
+"max_count"). Only rows whose names match FILTER are told. Exit status 1 when a target is missed or a benchmark failed;
+with the FILTER "." a target without a row is missed too. --choose reads names of benchmarks, a line each, and writes
+those whose row's name matches.
 """
 
 import argparse
@@ -30,12 +31,7 @@ def row_name(name: str) -> str:
     return re.sub("/(ours|bare)(?=/|$)", "", short_name(name), count=1)
 
 
-def choose(pattern: str) -> int:
-    try:
-        wanted = re.compile(pattern)
-    except re.error as error:
-        print(f"'{pattern}' is no regular expression: {error}", file=sys.stderr)
-        return 2
+def choose(wanted: re.Pattern) -> int:
     for name in sys.stdin.read().split():
         if wanted.search(row_name(name)):
             print(name)
@@ -53,6 +49,12 @@ def measured(run: dict) -> tuple[str, float]:
 def place(run: dict) -> tuple[int, int]:
     """Where a run stands among those of its program, which take turns by chance."""
     return run.get("family_index", 0), run.get("per_family_instance_index", 0)
+
+
+def failures(results: list[dict]) -> set[str]:
+    """The rows of which ours failed; one whose bare side did has nothing to be compared with."""
+    runs = (run for result in results for run in result["benchmarks"])
+    return {row_name(run["run_name"]) for run in runs if run.get("error_occurred") and "/ours" in run["run_name"]}
 
 
 def medians(results: list[dict]) -> dict[str, tuple[str, float]]:
@@ -91,36 +93,52 @@ def judge(target: dict, ours: float, bare: float | None) -> tuple[str, bool]:
     return ", ".join(text for text, _ in wanted), all(holds for _, holds in wanted)
 
 
-def main() -> int:
-    parser = argparse.ArgumentParser()
-    parser.add_argument("--choose", metavar="FILTER")
-    parser.add_argument("--some", action="store_true")
-    parser.add_argument("targets", nargs="?")
-    parser.add_argument("results", nargs="*")
-    arguments = parser.parse_args()
-    if arguments.choose is not None:
-        return choose(arguments.choose)
-    targets = json.loads(pathlib.Path(arguments.targets).read_text())
-    times = medians([json.loads(pathlib.Path(file).read_text()) for file in arguments.results])
+def key_of(row: str, targets: dict) -> str:
+    """The name of the target that is meant for a row."""
+    return row if row in targets else row.split("/")[0]
+
+
+def table(wanted: re.Pattern, targets: dict, results: list[dict]) -> int:
+    times = medians(results)
+    failed = set(filter(wanted.search, failures(results)))
     missed = 0
     without_row = set(targets)
     print(f"{'what':<44} {'ours':>10} {'bare':>10} {'ratio':>7}  target")
     for name, (unit, ours) in times.items():
-        if not re.search("/ours(?=/|$)", name):
-            continue
         row = row_name(name)
+        if not re.search("/ours(?=/|$)", name) or row in failed or not wanted.search(row):
+            continue
         _, bare = times.get(re.sub("/ours(?=/|$)", "/bare", name, count=1), (unit, None))
-        key = row if row in targets else row.split("/")[0]
+        key = key_of(row, targets)
         without_row.discard(key)
-        wanted, holds = judge(targets.get(key, {}), ours, bare)
+        wish, holds = judge(targets.get(key, {}), ours, bare)
         missed += not holds
         print(f"{row:<44} {readable(ours, unit):>10} {readable(bare, unit) if bare else '':>10} "
-              f"{f'{ours / bare:.2f}' if bare else '':>7}  {wanted}{'' if holds else '  MISSED'}".rstrip())
-    if not arguments.some:
-        missed += len(without_row)
-        for key in sorted(without_row):
-            print(f"{key:<44} was not measured  MISSED")
-    return 1 if missed or not times else 0
+              f"{f'{ours / bare:.2f}' if bare else '':>7}  {wish}{'' if holds else '  MISSED'}".rstrip())
+    for row in sorted(failed):
+        without_row.discard(key_of(row, targets))
+        print(f"{row:<44} failed  MISSED")
+    if wanted.pattern != ".":
+        without_row.clear()
+    for key in sorted(without_row):
+        print(f"{key:<44} was not measured  MISSED")
+    return 1 if missed or failed or without_row else 0
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser()
+    parser.add_argument("--choose", action="store_true")
+    parser.add_argument("filter")
+    parser.add_argument("files", nargs="*", type=pathlib.Path)
+    arguments = parser.parse_args()
+    try:
+        wanted = re.compile(arguments.filter)
+    except re.error as error:
+        parser.exit(2, f"'{arguments.filter}' is no regular expression: {error}\n")
+    if arguments.choose:
+        return choose(wanted)
+    targets, *results = (json.loads(file.read_text()) for file in arguments.files)
+    return table(wanted, targets, results)
 
 
 if __name__ == "__main__":
