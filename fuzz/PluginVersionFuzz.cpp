@@ -40,6 +40,10 @@ bool ScanPlainly(const std::string& text, std::array<std::int32_t, 3>& version) 
     return true;
 }
 
+std::array<std::int32_t, 3> NumbersOf(const PluginVersion& version) {
+    return {version.major, version.minor, version.patch};
+}
+
 std::string TextOf(const PluginVersion& version) {
     return std::to_string(version.major) + "." + std::to_string(version.minor) + "." +
            std::to_string(version.patch);
@@ -53,20 +57,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, size_t size) {
     const std::size_t parting = std::min(input.find('\n'), input.size());
     const std::string texts[] = {input.substr(0, parting), input.substr(std::min(parting + 1, input.size()))};
     PluginVersion versions[2];
-    std::array<std::int32_t, 3> plain[2];
-    bool areScanned = true;
     for (int i = 0; i < 2; ++i) {
         versions[i] = parseVersion(texts[i]);
-        const bool isScanned = ScanPlainly(texts[i], plain[i]);
-        Require(!isScanned ||
-                plain[i] == std::array{versions[i].major, versions[i].minor, versions[i].patch});
-        areScanned = areScanned && isScanned;
+        std::array<std::int32_t, 3> plain{};
+        Require(!ScanPlainly(texts[i], plain) || plain == NumbersOf(versions[i]));
         Require(parseVersion(TextOf(versions[i])) == versions[i]);
         Require(parseVersion(texts[i].substr(0, texts[i].find('\0'))) == versions[i]);
     }
-    Require((versions[0] > versions[1]) == (versions[1] < versions[0]));
     // Which of two is the newer one.
-    Require(!areScanned || (versions[0] > versions[1]) == (plain[0] > plain[1]));
+    Require((versions[0] > versions[1]) == (NumbersOf(versions[0]) > NumbersOf(versions[1])));
     Require((versions[0] == versions[1]) == (TextOf(versions[0]) == TextOf(versions[1])));
     return 0;
 }

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Holds layers.py to it that an include line which looks up or aside is found, whatever its form.
+"""Holds layers.py to it that an include line which looks up or aside is found, whatever its form, and a public header
+of which no layer is known.
 
 Usage: layers_check.py ROOT
 """
