@@ -1,5 +1,5 @@
 import type { ComponentChildren } from "preact";
-import { useEffect, useRef } from "preact/hooks";
+import { useLayoutEffect, useRef } from "preact/hooks";
 
 export interface Question {
     title: string;
@@ -17,7 +17,8 @@ interface Properties {
 /** A modal question; Escape and the first button mean no. */
 export function Asking({ question, answer }: Properties) {
     const dialog = useRef<HTMLDialogElement>(null);
-    useEffect(() => {
+    // At once, so that no key meant for it goes elsewhere.
+    useLayoutEffect(() => {
         const element = dialog.current;
         element?.showModal();
         return () => element?.close();

@@ -216,6 +216,7 @@ describe("the keyboard", () => {
             "Remove import",
         );
         await page.keyboard.press("Enter");
+        await page.getByRole("dialog").waitFor();
         await page.keyboard.press("Tab");
         await page.keyboard.press("Enter");
         await page.getByText("import removed.").waitFor();
